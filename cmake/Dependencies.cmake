@@ -1,0 +1,21 @@
+# Locates hiredis, jsoncpp, ACE and GoogleTest by header and library, so that
+# the same lookup works natively and inside a cross-compilation sysroot.
+function(vel_import name header lib)
+  find_path(${name}_INCLUDE_DIR ${header} PATH_SUFFIXES ${ARGN})
+  find_library(${name}_LIBRARY ${lib})
+  if(NOT ${name}_INCLUDE_DIR OR NOT ${name}_LIBRARY)
+    message(FATAL_ERROR "${name} not found (header ${header}, library ${lib}); "
+                        "run scripts/deps.sh")
+  endif()
+  add_library(vel_deps::${name} UNKNOWN IMPORTED)
+  set_target_properties(vel_deps::${name} PROPERTIES
+    IMPORTED_LOCATION ${${name}_LIBRARY}
+    INTERFACE_INCLUDE_DIRECTORIES ${${name}_INCLUDE_DIR})
+endfunction()
+
+vel_import(hiredis hiredis/hiredis.h hiredis)
+vel_import(jsoncpp json/json.h jsoncpp jsoncpp)
+vel_import(ace ace/ACE.h ACE)
+find_package(Threads REQUIRED)
+set_property(TARGET vel_deps::ace APPEND PROPERTY INTERFACE_LINK_LIBRARIES
+             Threads::Threads ${CMAKE_DL_LIBS} rt)

@@ -1,0 +1,64 @@
+// VELClientTavora: the back-end for client type "Tavora". Every remote
+// action goes through a fresh TarnClient connection to the file agent whose
+// socket is "$UDS_ROOT_OSSUSER/velfileagent/velfileagent.sock"; no
+// connection is shared between operations. Its map of known nodes is
+// guarded by its own mutex.
+#ifndef VEL_CLIENT_TAVORA_H_
+#define VEL_CLIENT_TAVORA_H_
+
+#include <sys/stat.h>
+
+#include <memory>
+
+#include <ace/Thread_Mutex.h>
+
+#include "vel/client.h"
+
+namespace VEL {
+
+class TarnClient;
+
+class VELClientTavora : public VELClient {
+ public:
+  VELClientTavora() = default;
+  ~VELClientTavora() override;
+
+  int32_t start() override { return 0; }
+  int32_t stop() override { return 0; }
+  int32_t release() override { return 0; }
+  int32_t isLocalOnly() override { return 0; }
+  int32_t getNodeInfoFromRemote(const std::string& path, VELFileInfoWrap* out) override;
+  int32_t syncNodeFromRemote(const std::string& path, VELFileInfoMap* infoMap) override;
+  int32_t putFileToRemote(const std::string& path) override;
+  int32_t removeObjectOnRemote(const std::string& path) override;
+  int32_t syncTreeFromRemote(const std::string& path) override;
+  int32_t listDir(const std::string& path, int32_t maxDepth, bool filesOnly,
+                  std::list<std::string>& names) override;
+  int32_t newDir(const std::string& path, uint32_t mode, bool recursive) override;
+  int32_t delDir(const std::string& path, bool flag) override;
+  int32_t rename(const std::string& src, const std::string& dst) override;
+  int32_t RenameDir(const std::string& src, const std::string& dst) override;
+  int32_t renameCache(const std::string& src, const std::string& dst) override;
+  int32_t chmod(const std::string& path, uint32_t mode) override;
+  void notify() override {}
+  int32_t stat(const std::string& path, VELFileInfoWrap** out) override;
+  int32_t forgetNode(const std::string& path) override;
+
+  // Internal steps, public for tests.
+  int32_t doSyncNodeFromRemote(const VELFileInfo& info, VELFileInfoMap* infoMap);
+  int32_t DealNotFile(const std::string& localPath, const VELFileInfo& info, struct stat* st);
+  int32_t syncCurrentPath(const std::string& dir, bool namesOnly, std::list<std::string>& names);
+  int32_t getSubDirOrFileList(const std::string& path, bool keepDirs, int32_t depth,
+                              bool namesOnly, std::list<std::string>& names);
+
+ private:
+  // A connected agent client, or null (the caller then returns -18 or -6).
+  std::unique_ptr<TarnClient> TarnGetClient();
+
+  std::map<std::string, VELFileInfo> nodes_;
+  ACE_Thread_Mutex nodesLock_;
+};
+
+}  // namespace VEL
+
+#endif  // VEL_CLIENT_TAVORA_H_

@@ -1,0 +1,43 @@
+// Directory listing. Local mode reads the mirror directory; remote mode
+// lists the service through the back-end and hands the entries out from
+// memory (opendir also creates the mirror directories of the path, 0750).
+// A VEL_DIR belongs to one thread at a time.
+#ifndef VEL_LISTING_H_
+#define VEL_LISTING_H_
+
+#include <dirent.h>
+
+#include <cstdint>
+#include <list>
+#include <string>
+
+namespace VEL {
+
+struct VEL_DIR {
+  DIR* dir = nullptr;                            // local mode
+  std::list<std::string>* entries = nullptr;     // remote mode, owned
+  std::list<std::string>::iterator cursor;       // next entry to hand out
+};
+
+// A new handle, or null (errno from opendir in local mode).
+VEL_DIR* opendir(const char* path, const char* coding = "UTF-8");
+// 0 with *result set; -1 at the end and on every error (*result null).
+int readdir_r(VEL_DIR* dir, struct dirent* entry, struct dirent** result,
+              const char* coding = "UTF-8");
+void closedir(VEL_DIR* dir);
+// Number of entries, 0 when none (null *namelist), -1 on error. Release
+// each record and the array with ACE_OS::free (or free).
+int scandir(const char* path, struct dirent*** namelist, int (*selector)(const struct dirent*),
+            int (*compar)(const struct dirent**, const struct dirent**),
+            const char* coding = "UTF-8");
+// 1 on success; remote mode 0 on failure. Entry names are appended.
+int readDir(const std::string& path, std::list<std::string>& entries, bool fullPath,
+            bool recursive, const char* coding = "UTF-8");
+// Reads a mirror directory (no "." / ".."); bare names when both flags are
+// clear, otherwise paths composed with the directory path (descending).
+int readLocalDir(const std::string& mirrorPath, std::list<std::string>& entries, bool fullPath,
+                 bool recursive, const char* coding = "UTF-8");
+
+}  // namespace VEL
+
+#endif  // VEL_LISTING_H_

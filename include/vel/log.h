@@ -1,0 +1,64 @@
+// The process-wide log file of the library and the tool.
+//
+// getLogger() returns the one LogInterface, creating it on first use; it
+// opens "$_APP_LOG_DIR/velsdk.log" (or "velsdk.log" in the working directory
+// when the variable is unset) for appending. Every line is
+//   "YYYY-MM-DD HH:MM:SS LEVEL text\n"
+// with LEVEL one of ASSERT(0) ERROR(1) CALL(2) DEBUG(3) INFO(4), UNKNOWN above.
+// Messages are cut to 4,095 characters. A file grown beyond 20,971,520 bytes
+// is emptied (removed and recreated) before the next line. An unwritable
+// location silently drops every line.
+//
+// Thread safety: any thread may log; lines never interleave. releaseLogger()
+// must not race with a thread that is still logging.
+#ifndef VEL_LOG_H_
+#define VEL_LOG_H_
+
+#include <cstdint>
+
+namespace VEL {
+
+enum LogLevel : uint32_t {
+  kLogAssert = 0,
+  kLogError = 1,
+  kLogCall = 2,
+  kLogDebug = 3,
+  kLogInfo = 4,
+};
+
+// Largest log file kept; one more byte and the next line rotates it.
+constexpr long long kLogMaxFileSize = 20971520;
+// Longest message text kept per line.
+constexpr int kLogMaxMessage = 4095;
+
+struct LogFileState;
+
+class LogInterface {
+ public:
+  LogInterface();
+  LogInterface(const LogInterface&) = delete;
+  LogInterface& operator=(const LogInterface&) = delete;
+
+  // Writes one line; a null text writes nothing.
+  virtual void writeLine(uint32_t level, const char* text);
+  // Formats like printf (at most 4,095 characters) and calls writeLine();
+  // a null format writes nothing.
+  virtual void log(uint32_t level, const char* format, ...) __attribute__((format(printf, 3, 4)));
+  virtual ~LogInterface();
+
+  // Name written for a level: "ASSERT" .. "INFO", "UNKNOWN" for 5 and above.
+  static const char* levelName(uint32_t level);
+
+ private:
+  LogFileState* state_;
+};
+
+// Returns the process-wide logger, creating it on first use; null only when
+// the creation lock cannot be taken.
+LogInterface* getLogger();
+// Destroys the process-wide logger; the next getLogger() opens a fresh one.
+void releaseLogger();
+
+}  // namespace VEL
+
+#endif  // VEL_LOG_H_

@@ -1,0 +1,73 @@
+// TarnClient: one connection to the local file agent over a Unix-domain
+// socket, speaking RESP through hiredis, one request per method.
+//
+// Every "OK" command succeeds only on the exact reply text "OK" (0) and
+// returns -6 otherwise (also for a null reply or a broken connection).
+// connect() applies the connection time-out; every command is bounded by
+// the command time-out (milliseconds; "TARN_TIME_OUT", default 30000), so a
+// stalled agent yields -6, never a hang. A TarnClient is used by one thread
+// at a time; it owns its hiredis context.
+#ifndef VEL_TARN_CLIENT_H_
+#define VEL_TARN_CLIENT_H_
+
+#include <cstdint>
+#include <list>
+#include <string>
+
+struct redisContext;
+
+namespace VEL {
+
+class TarnMetaData;
+
+// How to reach the agent: the connection type (0 none, 1 Unix-domain socket),
+// the host (kept, unused for sockets) and the time-outs in milliseconds.
+struct TarnConnOptions {
+  uint32_t type = 1;
+  std::string host = "127.0.0.1";
+  int32_t connectTimeoutMs = 12000;
+  int32_t reserved = 0;
+};
+
+class TarnClient {
+ public:
+  TarnClient(const TarnConnOptions& options, const std::string& socketPath);
+  ~TarnClient();
+  TarnClient(const TarnClient&) = delete;
+  TarnClient& operator=(const TarnClient&) = delete;
+
+  // 0 on success; -6 when the socket cannot be reached or the type is unknown.
+  int32_t connect(uint32_t type);
+
+  std::string TarnCreateFileHandle(const std::string& name, const std::string& mode);
+  int32_t TarnCloseFileHandle(const std::string& handle);
+  int32_t TarnRead(const std::string& handle, int32_t offset, int32_t length);
+  int32_t TarnWrite(const std::string& handle, const std::string& data);
+  int32_t TarnRemoveFile(const std::string& path, const std::string& recursive);
+  int32_t TarnUploadLocal(const std::string& path, const std::string& extra);
+  int32_t TarnDownloadLocal(const std::string& path, const std::string& extra);
+  int32_t TarnCreateInfo(const std::string& path, const std::string& kind);
+  // Appends the element texts of the array reply to `entries`.
+  int32_t TarnListFile(const std::string& path, const std::string& arg,
+                       std::list<std::string>& entries);
+  int32_t TarnMove(const std::string& src, const std::string& dst);
+  // 0, -19 "file not found", -6 null reply, -1 unparsable, or fromJson's status.
+  int32_t TarnGetMetaData(const std::string& path, TarnMetaData& out);
+  // Sent as "tarn.chmod <service> <mode> <path>": the mode precedes the path.
+  int32_t TarnChmod(const std::string& path, const std::string& mode);
+  int32_t TarnFSRename(const std::string& src, const std::string& dst);
+
+  const std::string& serviceName() const { return service_; }
+
+ private:
+  std::string host_;
+  uint32_t type_;
+  std::string socketPath_;
+  std::string service_ = "TestService";
+  redisContext* context_ = nullptr;
+  int32_t connectTimeoutMs_;
+};
+
+}  // namespace VEL
+
+#endif  // VEL_TARN_CLIENT_H_

@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Runs every test: installs missing dependencies, checks formatting, builds
+# the normal tree (build/) and the ASan+UBSan tree (build-asan/) and runs
+# the whole suite in both. With --arm it then cross-builds for aarch64
+# (build-arm64/) and runs the suite again under qemu.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$root"
+
+arm=0
+[[ "${1:-}" == "--arm" ]] && arm=1
+
+if ((arm)); then scripts/deps.sh --arm; else scripts/deps.sh; fi
+scripts/format.sh --check
+
+run_suite() {
+  local dir=$1
+  echo "== $dir: running the suite"
+  ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" --timeout 300
+}
+
+echo "== build: normal"
+scripts/build.sh build
+run_suite build
+
+echo "== build-asan: AddressSanitizer + UndefinedBehaviorSanitizer"
+scripts/build.sh build-asan -DVEL_SANITIZE=ON
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run_suite build-asan
+
+if ((arm)); then
+  scripts/arm64.sh
+fi
