@@ -13,9 +13,9 @@
 
 namespace VEL {
 
-extern const std::string kPathSeparator;  // "/"
-extern const std::string kRootPath;       // "/"
-extern const std::string kLineBreak;      // "\n"
+extern const std::string kPathSeparator;   // "/"
+extern const std::string kRootPath;        // "/"
+extern const std::string kLineBreak;       // "\n"
 extern const std::string kUnknownCommand;  // "unknow"
 
 enum CommandId : int32_t {

@@ -48,8 +48,8 @@ class VELClientTavora : public VELClient {
   int32_t doSyncNodeFromRemote(const VELFileInfo& info, VELFileInfoMap* infoMap);
   int32_t DealNotFile(const std::string& localPath, const VELFileInfo& info, struct stat* st);
   int32_t syncCurrentPath(const std::string& dir, bool namesOnly, std::list<std::string>& names);
-  int32_t getSubDirOrFileList(const std::string& path, bool keepDirs, int32_t depth,
-                              bool namesOnly, std::list<std::string>& names);
+  int32_t getSubDirOrFileList(const std::string& path, bool keepDirs, int32_t depth, bool namesOnly,
+                              std::list<std::string>& names);
 
  private:
   // A connected agent client, or null (the caller then returns -18 or -6).

@@ -40,9 +40,9 @@ class VELJsonObjIF {
 };
 
 // Typed readers. `value` is the member already looked up (null when absent).
-int32_t GetDataFromJson(const Json::Value& value, int32_t& out);       // "long"
-int32_t GetDataFromJson(const Json::Value& value, uint32_t& out);      // "unsigned long"
-int32_t GetDataFromJson(const Json::Value& value, int64_t& out);       // "long long"
+int32_t GetDataFromJson(const Json::Value& value, int32_t& out);   // "long"
+int32_t GetDataFromJson(const Json::Value& value, uint32_t& out);  // "unsigned long"
+int32_t GetDataFromJson(const Json::Value& value, int64_t& out);   // "long long"
 int32_t GetDataFromJson(const Json::Value& value, bool& out);
 int32_t GetDataFromJson(const Json::Value& value, std::string& out);  // null: "" and 0
 // Arrays of records: null leaves the list unchanged; elements are appended.

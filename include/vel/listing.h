@@ -14,9 +14,9 @@
 namespace VEL {
 
 struct VEL_DIR {
-  DIR* dir = nullptr;                            // local mode
-  std::list<std::string>* entries = nullptr;     // remote mode, owned
-  std::list<std::string>::iterator cursor;       // next entry to hand out
+  DIR* dir = nullptr;                         // local mode
+  std::list<std::string>* entries = nullptr;  // remote mode, owned
+  std::list<std::string>::iterator cursor;    // next entry to hand out
 };
 
 // A new handle, or null (errno from opendir in local mode).
@@ -31,8 +31,8 @@ int scandir(const char* path, struct dirent*** namelist, int (*selector)(const s
             int (*compar)(const struct dirent**, const struct dirent**),
             const char* coding = "UTF-8");
 // 1 on success; remote mode 0 on failure. Entry names are appended.
-int readDir(const std::string& path, std::list<std::string>& entries, bool fullPath,
-            bool recursive, const char* coding = "UTF-8");
+int readDir(const std::string& path, std::list<std::string>& entries, bool fullPath, bool recursive,
+            const char* coding = "UTF-8");
 // Reads a mirror directory (no "." / ".."); bare names when both flags are
 // clear, otherwise paths composed with the directory path (descending).
 int readLocalDir(const std::string& mirrorPath, std::list<std::string>& entries, bool fullPath,

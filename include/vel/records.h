@@ -55,17 +55,17 @@ class VELFileInfo : public VELJsonObjIF {
   int32_t toJson(Json::Value& value) const override;
   int32_t fromJson(const Json::Value& value) override;
 
-  std::string velPath;                                 // "velPath"
-  bool isFile = false;                                 // "isFile" (required)
-  uint32_t mode = 0;                                   // "mode" permission bits (required)
-  int64_t size = 0;                                    // "size" (required)
-  int64_t lastModifyTime = 0;                          // "lastModifyTime" seconds (required)
-  std::string hash;                                    // "hash"
-  std::list<VELFileLoc*> locs;                         // "locs", owned
-  std::list<VELFileInfo*> subObjs;                     // "subObjs", owned
+  std::string velPath;                                // "velPath"
+  bool isFile = false;                                // "isFile" (required)
+  uint32_t mode = 0;                                  // "mode" permission bits (required)
+  int64_t size = 0;                                   // "size" (required)
+  int64_t lastModifyTime = 0;                         // "lastModifyTime" seconds (required)
+  std::string hash;                                   // "hash"
+  std::list<VELFileLoc*> locs;                        // "locs", owned
+  std::list<VELFileInfo*> subObjs;                    // "subObjs", owned
   std::map<std::string, std::string> additionalInfo;  // "additionalInfo"
-  int32_t errNo = 0;                                   // "errNo" (required)
-  std::string errMsg;                                  // "errMsg"
+  int32_t errNo = 0;                                  // "errNo" (required)
+  std::string errMsg;                                 // "errMsg"
 };
 
 // A request or batch of changes: "action", "body" (owned VELFileInfo list).

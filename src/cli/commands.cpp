@@ -26,11 +26,7 @@ int32_t VELCommandFactory_Help::execute() {
 // The remaining commands come with the remote file API.
 int32_t VELCommandFactory_Ls::execute() { return args_->paths.empty() ? kStatusBadCommand : 0; }
 int32_t VELCommandFactory_Rm::execute() { return args_->paths.empty() ? kStatusBadCommand : 0; }
-int32_t VELCommandFactory_Update::execute() {
-  return args_->paths.empty() ? kStatusBadCommand : 0;
-}
-int32_t VELCommandFactory_Commit::execute() {
-  return args_->paths.empty() ? kStatusBadCommand : 0;
-}
+int32_t VELCommandFactory_Update::execute() { return args_->paths.empty() ? kStatusBadCommand : 0; }
+int32_t VELCommandFactory_Commit::execute() { return args_->paths.empty() ? kStatusBadCommand : 0; }
 
 }  // namespace VEL

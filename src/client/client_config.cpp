@@ -62,7 +62,8 @@ void VELClientConfig::loadConfig(const std::map<std::string, std::string>* param
     }
   }
   if (!known) {
-    getLogger()->log(kLogError, "[VEL] VELClientConfig::loadConfig: Invalid parameter \"clientType\"=%s",
+    getLogger()->log(kLogError,
+                     "[VEL] VELClientConfig::loadConfig: Invalid parameter \"clientType\"=%s",
                      clientType.c_str());
     clientType = kDefaultClientType;
   }
@@ -72,13 +73,14 @@ void VELClientConfig::loadConfig(const std::map<std::string, std::string>* param
   if (clientType == "Tavora") {
     if (const char* host = std::getenv("LOCALHOST_FIXSERVERNAME")) {
       httpBaseUrl = std::string("https://") + host + ":18888/";
-      getLogger()->log(kLogCall, "[VEL] VELClient: LOCALHOST_FIXSERVERNAME=%s, httpBaseUrl=%s", host,
-                       httpBaseUrl.c_str());
+      getLogger()->log(kLogCall, "[VEL] VELClient: LOCALHOST_FIXSERVERNAME=%s, httpBaseUrl=%s",
+                       host, httpBaseUrl.c_str());
     } else {
-      getLogger()->log(kLogError,
-                       "[VEL] VELClient: Cannot get local ip address from 'LOCALHOST_FIXSERVERNAME', "
-                       "httpBaseUrl=%s",
-                       httpBaseUrl.c_str());
+      getLogger()->log(
+          kLogError,
+          "[VEL] VELClient: Cannot get local ip address from 'LOCALHOST_FIXSERVERNAME', "
+          "httpBaseUrl=%s",
+          httpBaseUrl.c_str());
     }
   }
   if (httpBaseUrl.empty() || httpBaseUrl.back() != '/') {
@@ -97,16 +99,18 @@ void VELClientConfig::loadConfig(const std::map<std::string, std::string>* param
 std::string VELClientConfig::toString() const {
   char buffer[512];
   buffer[0] = '\0';
-  int ret = snprintf_s(buffer, sizeof(buffer), sizeof(buffer) - 1,
-                       "clientType=%s; algorithm=%s; isReadOnly=%d; httpBaseUrl=%s; velRoot=%s, cmdTimeout=%d",
-                       clientType.c_str(), algorithm.c_str(), isReadOnly ? 1 : 0, httpBaseUrl.c_str(),
-                       velRoot.c_str(), cmdTimeout);
+  int ret = snprintf_s(
+      buffer, sizeof(buffer), sizeof(buffer) - 1,
+      "clientType=%s; algorithm=%s; isReadOnly=%d; httpBaseUrl=%s; velRoot=%s, cmdTimeout=%d",
+      clientType.c_str(), algorithm.c_str(), isReadOnly ? 1 : 0, httpBaseUrl.c_str(),
+      velRoot.c_str(), cmdTimeout);
   if (ret == -1) {
-    getLogger()->log(kLogError,
-                     "[VEL] VELClientConfig::toString(), snprintf_s return -1, clientType=%s; algorithm=%s; "
-                     "isReadOnly=%d; httpBaseUrl=%s; velRoot=%s, cmdTimeout=%d",
-                     clientType.c_str(), algorithm.c_str(), isReadOnly ? 1 : 0, httpBaseUrl.c_str(),
-                     velRoot.c_str(), cmdTimeout);
+    getLogger()->log(
+        kLogError,
+        "[VEL] VELClientConfig::toString(), snprintf_s return -1, clientType=%s; algorithm=%s; "
+        "isReadOnly=%d; httpBaseUrl=%s; velRoot=%s, cmdTimeout=%d",
+        clientType.c_str(), algorithm.c_str(), isReadOnly ? 1 : 0, httpBaseUrl.c_str(),
+        velRoot.c_str(), cmdTimeout);
   }
   return std::string(buffer);
 }

@@ -1,0 +1,59 @@
+// Test helpers: a temporary directory removed with its contents, a scoped
+// environment variable, and small file helpers.
+#ifndef VEL_TESTS_SUPPORT_TEMP_DIR_H_
+#define VEL_TESTS_SUPPORT_TEMP_DIR_H_
+
+#include <sys/stat.h>
+
+#include <string>
+
+namespace veltest {
+
+// Creates a fresh directory under $TMPDIR (or /tmp); removes it recursively
+// when destroyed.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  // path() + "/" + relative
+  std::string sub(const std::string& relative) const;
+
+ private:
+  std::string path_;
+};
+
+// Sets (or, with a null value, unsets) an environment variable for its
+// lifetime and restores the previous state afterwards.
+class ScopedEnv {
+ public:
+  ScopedEnv(const std::string& name, const char* value);
+  ~ScopedEnv();
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  std::string name_;
+  bool had_ = false;
+  std::string old_;
+};
+
+// Writes `content` to `path` (creating or truncating it).
+void writeFile(const std::string& path, const std::string& content);
+// The whole content of `path`; "" when it cannot be read.
+std::string readFile(const std::string& path);
+// True when something exists at `path` (lstat).
+bool pathExists(const std::string& path);
+// Permission bits (st_mode & 07777) of `path`, or -1.
+int permissionsOf(const std::string& path);
+// Creates every missing directory of `path` with `mode`.
+void makeDirs(const std::string& path, mode_t mode = 0755);
+// Removes `path` and everything below it; no error when absent.
+void removeTree(const std::string& path);
+
+}  // namespace veltest
+
+#endif  // VEL_TESTS_SUPPORT_TEMP_DIR_H_
