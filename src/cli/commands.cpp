@@ -3,6 +3,10 @@
 #include <string>
 
 #include "vel/cli.h"
+#include "vel/hooks.h"
+#include "vel/listing.h"
+#include "vel/mutations.h"
+#include "vel/query.h"
 
 namespace VEL {
 
@@ -23,10 +27,68 @@ int32_t VELCommandFactory_Help::execute() {
   return 0;
 }
 
-// The remaining commands come with the remote file API.
-int32_t VELCommandFactory_Ls::execute() { return args_->paths.empty() ? kStatusBadCommand : 0; }
-int32_t VELCommandFactory_Rm::execute() { return args_->paths.empty() ? kStatusBadCommand : 0; }
-int32_t VELCommandFactory_Update::execute() { return args_->paths.empty() ? kStatusBadCommand : 0; }
-int32_t VELCommandFactory_Commit::execute() { return args_->paths.empty() ? kStatusBadCommand : 0; }
+int32_t VELCommandFactory_Ls::execute() {
+  if (args_->paths.empty()) {
+    return kStatusBadCommand;
+  }
+  std::list<std::string> entries;
+  if (readDir(args_->paths.front(), entries, false, false, "UTF-8") != 1) {
+    printLine("File Open Failed;");
+    return -1;
+  }
+  for (const std::string& entry : entries) {
+    printLine(entry);
+  }
+  return 0;
+}
+
+int32_t VELCommandFactory_Rm::execute() {
+  if (args_->paths.empty()) {
+    return kStatusBadCommand;
+  }
+  for (const std::string& path : args_->paths) {
+    if (isFile(path.c_str(), "UTF-8") == 1) {
+      printLine("delete file : " + path);
+      if (unlink(path.c_str(), "UTF-8") != 0) {
+        printLine("delete file failed : " + path);
+      }
+    } else if (isDirectory(path.c_str(), "UTF-8") == 1) {
+      printLine("delete director : " + path);
+      if (rmdir(path.c_str(), "UTF-8") != 0) {
+        printLine("delete director failed : " + path);
+      }
+    } else {
+      return kStatusBadCommand;
+    }
+  }
+  return 0;
+}
+
+int32_t VELCommandFactory_Update::execute() {
+  if (args_->paths.empty()) {
+    return kStatusBadCommand;
+  }
+  for (const std::string& path : args_->paths) {
+    if (syncFromServer(path, true) != 0) {
+      printLine("update director failed : " + path);
+    }
+  }
+  return 0;
+}
+
+int32_t VELCommandFactory_Commit::execute() {
+  if (args_->paths.empty()) {
+    return kStatusBadCommand;
+  }
+  for (const std::string& path : args_->paths) {
+    printLine("commit : " + path);
+    int32_t ret = syncToServer(path, true);
+    if (ret != 0) {
+      printLine("commit fialed : " + path);
+      return ret;
+    }
+  }
+  return 0;
+}
 
 }  // namespace VEL

@@ -1,0 +1,77 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "support/run_process.h"
+#include "support/temp_dir.h"
+#include "vel/cli.h"
+
+namespace {
+
+using veltest::kUnset;
+using veltest::pathExists;
+using veltest::runProcess;
+using veltest::TempDir;
+
+TEST(CommandLineTest, CommandWordsAreMatchedExactly) {
+  VEL::CommandLineArguments args;
+  ASSERT_EQ((std::vector<std::string>{"help", "ls", "rm", "update", "commit"}), args.commandWords);
+  const std::pair<const char*, int> words[] = {
+      {"help", 1}, {"ls", 2}, {"rm", 3}, {"update", 4}, {"commit", 5}};
+  for (const auto& [word, id] : words) {
+    EXPECT_EQ(0, args.parseCommand(word)) << word;
+    EXPECT_EQ(id, args.command) << word;
+  }
+  for (const char* word : {"-help", "HELP", "Help", "help ", "", "unknow", "lsx"}) {
+    args.command = 3;
+    EXPECT_EQ(-4, args.parseCommand(word)) << word;
+    EXPECT_EQ(0, args.command) << word;
+  }
+}
+
+TEST(CommandLineTest, HelpRefusesAnotherCommandId) {
+  VEL::CommandLineArguments args;
+  args.command = VEL::kCmdLs;
+  VEL::VELCommandFactory_Help help(&args);
+  EXPECT_EQ(-4, help.execute());
+  VEL::VELCommandFactory base(&args);
+  EXPECT_EQ(0, base.execute());
+}
+
+// The tool as a user runs it, in an empty working directory with no log
+// directory configured, so that any log file it creates would show up there.
+class ToolTest : public ::testing::Test {
+ protected:
+  veltest::ProcessResult run(std::vector<std::string> args) {
+    args.insert(args.begin(), VEL_TOOL_BIN);
+    return runProcess(args, {{"_APP_LOG_DIR", kUnset}}, cwd_.path());
+  }
+  TempDir cwd_;
+};
+
+TEST_F(ToolTest, HelpPrintsOneLineAndTouchesNothing) {
+  veltest::ProcessResult result = run({"help"});
+  EXPECT_EQ(0, result.status);
+  EXPECT_EQ("-help\t-ls\t-rm\t-update\t-commit\n", result.out);
+  EXPECT_FALSE(pathExists(cwd_.sub("velsdk.log")));
+}
+
+TEST_F(ToolTest, MissingOrUnknownCommandWordExits252Silently) {
+  for (const std::vector<std::string>& args :
+       std::vector<std::vector<std::string>>{{}, {"-help"}, {"HELP"}, {"list"}, {"-ls", "a"}}) {
+    veltest::ProcessResult result = run(args);
+    EXPECT_EQ(252, result.status) << (args.empty() ? "(none)" : args[0]);
+    EXPECT_EQ("", result.out) << (args.empty() ? "(none)" : args[0]);
+  }
+}
+
+TEST_F(ToolTest, CommandsWithoutPathsRunAndExitZero) {
+  for (const char* word : {"ls", "rm", "update", "commit"}) {
+    veltest::ProcessResult result = run({word});
+    EXPECT_EQ(0, result.status) << word;
+    EXPECT_EQ("", result.out) << word;
+  }
+  EXPECT_FALSE(pathExists(cwd_.sub("velsdk.log")));
+}
+
+}  // namespace
