@@ -13,6 +13,7 @@
 #include "vel/client_local.h"
 #include "vel/client_tavora.h"
 #include "vel/codeset.h"
+#include "vel/fstream.h"
 #include "vel/hooks.h"
 #include "vel/instance.h"
 #include "vel/json_obj.h"
