@@ -15,6 +15,8 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include <ace/Guard_T.h>
 #include <ace/OS_Memory.h>
@@ -64,10 +66,16 @@ int32_t codeSetConvert(const std::string& from, const std::string& to, const std
   }
 
   // Descriptors are opened once per ordered pair and kept for the life of
-  // the process; conversion itself runs outside the lock.
-  static std::map<std::string, iconv_t> cache;
+  // the process. The cache lock covers the lookup only. glibc keeps
+  // conversion buffers inside each descriptor, so a descriptor is used by
+  // one thread at a time: each carries a lock of its own for the iconv call.
+  struct CachedDescriptor {
+    iconv_t cd;
+    ACE_Thread_Mutex lock;
+  };
+  static std::map<std::string, CachedDescriptor> cache;
   static ACE_Thread_Mutex cacheLock;
-  iconv_t cd = reinterpret_cast<iconv_t>(-1);
+  CachedDescriptor* entry = nullptr;
   {
     ACE_Guard<ACE_Thread_Mutex> guard(cacheLock);
     std::string key = from + "|" + to;
@@ -79,9 +87,13 @@ int32_t codeSetConvert(const std::string& from, const std::string& to, const std
                          from.c_str());
         return -1;
       }
-      it = cache.emplace(key, opened).first;
+      it = cache
+               .emplace(std::piecewise_construct, std::forward_as_tuple(key),
+                        std::forward_as_tuple())
+               .first;
+      it->second.cd = opened;
     }
-    cd = it->second;
+    entry = &it->second;
   }
 
   size_t inLen = input.size();
@@ -105,7 +117,11 @@ int32_t codeSetConvert(const std::string& from, const std::string& to, const std
   size_t inLeft = inLen;
   char* outPtr = buffer;
   size_t outLeft = outCap;
-  size_t ret = ::iconv(cd, &inPtr, &inLeft, &outPtr, &outLeft);
+  size_t ret = static_cast<size_t>(-1);
+  {
+    ACE_Guard<ACE_Thread_Mutex> guard(entry->lock);
+    ret = ::iconv(entry->cd, &inPtr, &inLeft, &outPtr, &outLeft);
+  }
   if (ret != static_cast<size_t>(-1)) {
     output.assign(buffer, strnlen(buffer, outCap));
   }
