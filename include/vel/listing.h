@@ -33,8 +33,15 @@ int scandir(const char* path, struct dirent*** namelist, int (*selector)(const s
 // 1 on success; remote mode 0 on failure. Entry names are appended.
 int readDir(const std::string& path, std::list<std::string>& entries, bool fullPath, bool recursive,
             const char* coding = "UTF-8");
-// Reads a mirror directory (no "." / ".."); bare names when both flags are
-// clear, otherwise paths composed with the directory path (descending).
+// Reads a mirror directory (no "." / ".."), appending in the reader's
+// order; 1 on success, 0 when the directory cannot be opened.
+// - Both flags clear: the bare names of the directory's own entries; no
+//   stat call, no descent.
+// - `fullPath` set: every entry as mirrorPath + "/" + name.
+// - `recursive` set: entries are composed the same way, and after the
+//   directory is read each entry whose stat lacks the regular-file bit
+//   (symbolic links excepted) is read the same way, its entries appended
+//   after this directory's (paths stay composed from `mirrorPath`).
 int readLocalDir(const std::string& mirrorPath, std::list<std::string>& entries, bool fullPath,
                  bool recursive, const char* coding = "UTF-8");
 
