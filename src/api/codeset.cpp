@@ -73,14 +73,16 @@ int32_t codeSetConvert(const std::string& from, const std::string& to, const std
     iconv_t cd;
     ACE_Thread_Mutex lock;
   };
-  static std::map<std::string, CachedDescriptor> cache;
+  // The map is never destroyed, so the open descriptors stay reachable and
+  // no conversion at process exit can meet a destroyed cache.
+  static auto* cache = new std::map<std::string, CachedDescriptor>();
   static ACE_Thread_Mutex cacheLock;
   CachedDescriptor* entry = nullptr;
   {
     ACE_Guard<ACE_Thread_Mutex> guard(cacheLock);
     std::string key = from + "|" + to;
-    auto it = cache.find(key);
-    if (it == cache.end()) {
+    auto it = cache->find(key);
+    if (it == cache->end()) {
       iconv_t opened = ::iconv_open(to.c_str(), from.c_str());
       if (opened == reinterpret_cast<iconv_t>(-1)) {
         getLogger()->log(kLogError, "[VEL] codeSetConvert(), iconv_open(%s, %s) failed", to.c_str(),
@@ -88,8 +90,8 @@ int32_t codeSetConvert(const std::string& from, const std::string& to, const std
         return -1;
       }
       it = cache
-               .emplace(std::piecewise_construct, std::forward_as_tuple(key),
-                        std::forward_as_tuple())
+               ->emplace(std::piecewise_construct, std::forward_as_tuple(key),
+                         std::forward_as_tuple())
                .first;
       it->second.cd = opened;
     }
