@@ -3,7 +3,9 @@
 //
 // Only "UTF-8" and "utf-8" mean "no conversion"; any other code-set name
 // converts each path from UTF-8 before the system call (and directory entry
-// names back to UTF-8). A conversion to or from "UNKNOWN" is skipped.
+// names back to UTF-8). A conversion to or from "UNKNOWN" is skipped (the
+// caller then receives an empty name). A null code-set name is taken as
+// "UTF-8".
 // iconv descriptors are opened once per ordered pair and cached for the
 // life of the process under one mutex. The wrappers return the system
 // call's result and leave errno as the call set it. Thread-safe.
