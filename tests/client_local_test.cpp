@@ -8,8 +8,7 @@
 
 #include "support/fake_client.h"
 #include "support/temp_dir.h"
-#include "vel/client_local.h"
-#include "vel/instance.h"
+#include "vel/vel.h"
 
 namespace {
 
@@ -123,6 +122,28 @@ TEST_F(ClientLocalTest, PermissionChangeAndRemoteOnlySlots) {
   // None of them touched the mirror.
   EXPECT_TRUE(veltest::pathExists(root_.sub("d/f1")));
   EXPECT_FALSE(veltest::pathExists(root_.sub("e")));
+}
+
+// What an application sees through the umbrella header in local mode.
+TEST_F(ClientLocalTest, ApplicationRoundTrip) {
+  ASSERT_EQ(0, VEL::mkdir_all("app/data", 0750));
+  veltest::writeFile(root_.sub("app/data/f.txt"), "hello");
+  struct stat st;
+  ASSERT_EQ(0, VEL::stat("app/data/f.txt", &st));
+  EXPECT_EQ(5, st.st_size);
+  std::list<std::string> names;
+  ASSERT_EQ(1, VEL::readDir("app/data", names, false, false));
+  EXPECT_EQ((std::list<std::string>{"f.txt"}), names);
+
+  ASSERT_EQ(0, VEL::rename("app/data/f.txt", "app/g.txt"));
+  ASSERT_EQ(0, VEL::chmod("app/g.txt", 0600));
+  EXPECT_EQ(0100600, VEL::getmod("app/g.txt"));
+  EXPECT_EQ(-1, VEL::chmod("/", 0600));
+  ASSERT_EQ(0, VEL::unlink("app/g.txt"));
+  EXPECT_EQ(0, VEL::exists("app/g.txt"));
+  ASSERT_EQ(0, VEL::delTree("app"));
+  EXPECT_EQ(0, VEL::isDirectory("app"));
+  EXPECT_EQ(1, VEL::isDirectory("ferry"));  // module directories stay
 }
 
 }  // namespace
