@@ -22,11 +22,14 @@ class TarnMetaData;
 
 // How to reach the agent: the connection type (0 none, 1 Unix-domain socket),
 // the host (kept, unused for sockets) and the time-outs in milliseconds.
+// A commandTimeoutMs of 0 (or below) takes the configured command time-out
+// (VELClientConfig::cmdTimeout, "TARN_TIME_OUT", default 30000).
 struct TarnConnOptions {
   uint32_t type = 1;
   std::string host = "127.0.0.1";
   int32_t connectTimeoutMs = 12000;
   int32_t reserved = 0;
+  int32_t commandTimeoutMs = 0;
 };
 
 class TarnClient {
@@ -52,7 +55,9 @@ class TarnClient {
                        std::list<std::string>& entries);
   int32_t TarnMove(const std::string& src, const std::string& dst);
   // 0, -19 "file not found", -6 null reply, -1 unparsable, or fromJson's status.
-  int32_t TarnGetMetaData(const std::string& path, TarnMetaData& out);
+  // `mode`, when given, receives the reply's integer "mode" member (the
+  // node's permission bits), or -1 when the reply has none.
+  int32_t TarnGetMetaData(const std::string& path, TarnMetaData& out, int32_t* mode = nullptr);
   // Sent as "tarn.chmod <service> <mode> <path>": the mode precedes the path.
   int32_t TarnChmod(const std::string& path, const std::string& mode);
   int32_t TarnFSRename(const std::string& src, const std::string& dst);
@@ -66,6 +71,7 @@ class TarnClient {
   std::string service_ = "TestService";
   redisContext* context_ = nullptr;
   int32_t connectTimeoutMs_;
+  int32_t commandTimeoutMs_;
 };
 
 }  // namespace VEL
