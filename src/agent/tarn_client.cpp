@@ -1,0 +1,374 @@
+// TarnClient: one RESP connection to the local file agent.
+//
+// The connection is opened with the connection time-out and every command
+// then runs under the command time-out (socket send and receive time-outs),
+// so a silent agent ends the command with a null reply (-6). A write to an
+// agent that has gone away must not kill the caller with SIGPIPE: the signal
+// is blocked around each command and a SIGPIPE raised by it is discarded.
+#include "vel/tarn_client.h"
+
+#include <hiredis/hiredis.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/time.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+
+#include "agent/tarn_reply.h"
+#include "vel/client_config.h"
+#include "vel/log.h"
+#include "vel/records.h"
+
+namespace VEL {
+
+namespace {
+
+constexpr int32_t kAgentFailure = -6;
+constexpr int32_t kEmptyHandle = -7;
+
+struct ReplyDeleter {
+  void operator()(redisReply* reply) const {
+    if (reply != nullptr) {
+      freeReplyObject(reply);
+    }
+  }
+};
+using Reply = std::unique_ptr<redisReply, ReplyDeleter>;
+
+timeval toTimeval(int32_t ms) {
+  timeval tv{};
+  tv.tv_sec = ms / 1000;
+  tv.tv_usec = static_cast<suseconds_t>(ms % 1000) * 1000;
+  return tv;
+}
+
+// Blocks SIGPIPE in the calling thread for its lifetime; a SIGPIPE that
+// became pending meanwhile (and was not pending before) is consumed.
+class SigpipeGuard {
+ public:
+  SigpipeGuard() {
+    sigemptyset(&pipeSet_);
+    sigaddset(&pipeSet_, SIGPIPE);
+    sigset_t pending;
+    sigemptyset(&pending);
+    sigpending(&pending);
+    wasPending_ = sigismember(&pending, SIGPIPE) == 1;
+    blocked_ = pthread_sigmask(SIG_BLOCK, &pipeSet_, &oldMask_) == 0;
+  }
+  ~SigpipeGuard() {
+    if (!blocked_) {
+      return;
+    }
+    sigset_t pending;
+    sigemptyset(&pending);
+    if (!wasPending_ && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
+      timespec zero{};
+      while (sigtimedwait(&pipeSet_, nullptr, &zero) == -1 && errno == EINTR) {
+      }
+    }
+    pthread_sigmask(SIG_SETMASK, &oldMask_, nullptr);
+  }
+  SigpipeGuard(const SigpipeGuard&) = delete;
+  SigpipeGuard& operator=(const SigpipeGuard&) = delete;
+
+ private:
+  sigset_t pipeSet_;
+  sigset_t oldMask_;
+  bool wasPending_ = false;
+  bool blocked_ = false;
+};
+
+// One request; a null reply when not connected, on a broken connection or
+// when the command time-out passes.
+Reply sendCommand(redisContext* context, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+
+Reply sendCommand(redisContext* context, const char* format, ...) {
+  if (context == nullptr) {
+    return Reply();
+  }
+  SigpipeGuard guard;
+  va_list args;
+  va_start(args, format);
+  void* reply = redisvCommand(context, format, args);
+  va_end(args);
+  return Reply(static_cast<redisReply*>(reply));
+}
+
+const char* textOf(const Reply& reply) {
+  const char* text = tarn::replyText(reply.get());
+  return text != nullptr ? text : "";
+}
+
+}  // namespace
+
+TarnClient::TarnClient(const TarnConnOptions& options, const std::string& socketPath)
+    : host_(options.host),
+      type_(options.type),
+      socketPath_(socketPath),
+      connectTimeoutMs_(options.connectTimeoutMs),
+      commandTimeoutMs_(options.commandTimeoutMs) {
+  if (commandTimeoutMs_ <= 0) {
+    // The configured time-out ("TARN_TIME_OUT", default 30000 ms), read from
+    // a configuration record of our own: the client instance need not exist.
+    commandTimeoutMs_ = VELClientConfig().cmdTimeout;
+  }
+}
+
+TarnClient::~TarnClient() {
+  if (context_ != nullptr) {
+    redisFree(context_);
+    context_ = nullptr;
+  }
+}
+
+int32_t TarnClient::connect(uint32_t type) {
+  if (context_ != nullptr) {
+    redisFree(context_);
+    context_ = nullptr;
+  }
+  if (type == 0) {
+    return 0;
+  }
+  if (type != 1) {
+    getLogger()->log(kLogError, "[TARN] Connection type is not define");
+    return kAgentFailure;
+  }
+  redisContext* context =
+      connectTimeoutMs_ > 0
+          ? redisConnectUnixWithTimeout(socketPath_.c_str(), toTimeval(connectTimeoutMs_))
+          : redisConnectUnix(socketPath_.c_str());
+  if (context == nullptr) {
+    getLogger()->log(kLogError, "[TARN] Connection error: can't allocate redis context");
+    return kAgentFailure;
+  }
+  if (context->err == 0 && commandTimeoutMs_ > 0) {
+    redisSetTimeout(context, toTimeval(commandTimeoutMs_));
+  }
+  if (context->err != 0) {
+    getLogger()->log(kLogError, "[VEL] Connection error: %s", context->errstr);
+    redisFree(context);
+    return kAgentFailure;
+  }
+  context_ = context;
+  return 0;
+}
+
+std::string TarnClient::TarnCreateFileHandle(const std::string& name, const std::string& mode) {
+  Reply reply =
+      sendCommand(context_, "tarn.create %s %s %s", service_.c_str(), name.c_str(), mode.c_str());
+  const char* text = tarn::replyText(reply.get());
+  if (text == nullptr) {
+    // A reply without text cannot name a handle either.
+    getLogger()->log(kLogError, "[VEL] TarnCreateFileHandle:Internal Error: null reply.");
+    return std::string();
+  }
+  return std::string(text, reply->len);
+}
+
+int32_t TarnClient::TarnCloseFileHandle(const std::string& handle) {
+  if (handle.empty()) {
+    return kEmptyHandle;
+  }
+  Reply reply = sendCommand(context_, "tarn.close %s %s", service_.c_str(), handle.c_str());
+  switch (tarn::classifyOk(reply.get())) {
+    case tarn::OkOutcome::kNullReply:
+      getLogger()->log(kLogError, "[VEL] TarnCloseFileHandle:Internal Error: null reply.");
+      return kAgentFailure;
+    case tarn::OkOutcome::kOk:
+      std::printf("close handle success!\n");
+      return 0;
+    case tarn::OkOutcome::kRefused:
+      break;
+  }
+  std::printf("error reply = %s\n", textOf(reply));
+  return kAgentFailure;
+}
+
+int32_t TarnClient::TarnRead(const std::string& handle, int32_t offset, int32_t length) {
+  if (handle.empty()) {
+    return kEmptyHandle;
+  }
+  Reply reply = sendCommand(context_, "tarn.read %s %d %d %s", handle.c_str(), offset, length,
+                            service_.c_str());
+  if (!reply) {
+    getLogger()->log(kLogError, "[VEL] TarnRead:Internal Error: null reply.");
+    return kAgentFailure;
+  }
+  return 0;  // the data read is not handed back
+}
+
+int32_t TarnClient::TarnWrite(const std::string& handle, const std::string& data) {
+  if (handle.empty()) {
+    return kEmptyHandle;
+  }
+  Reply reply =
+      sendCommand(context_, "tarn.write %s %s %s", handle.c_str(), data.c_str(), service_.c_str());
+  switch (tarn::classifyOk(reply.get())) {
+    case tarn::OkOutcome::kNullReply:
+      getLogger()->log(kLogError, "[VEL] TarnWrite:Internal Error: null reply.");
+      return kAgentFailure;
+    case tarn::OkOutcome::kOk:
+      return 0;
+    case tarn::OkOutcome::kRefused:
+      break;
+  }
+  std::printf("resp = %s\n", textOf(reply));
+  return kAgentFailure;
+}
+
+int32_t TarnClient::TarnRemoveFile(const std::string& path, const std::string& recursive) {
+  Reply reply = sendCommand(context_, "tarn.remove %s %s %s", service_.c_str(), path.c_str(),
+                            recursive.c_str());
+  switch (tarn::classifyOk(reply.get())) {
+    case tarn::OkOutcome::kNullReply:
+      getLogger()->log(kLogError, "[VEL] TarnRemoveFile:Internal Error: null reply.");
+      return kAgentFailure;
+    case tarn::OkOutcome::kOk:
+      getLogger()->log(kLogError, "[VEL] remove: success remove, %s", path.c_str());
+      return 0;
+    case tarn::OkOutcome::kRefused:
+      break;
+  }
+  getLogger()->log(kLogError, "[VEL] remove: Failed to remove object. %s, %s", textOf(reply),
+                   path.c_str());
+  std::printf("resp = %s, path = %s\n", textOf(reply), path.c_str());
+  return kAgentFailure;
+}
+
+int32_t TarnClient::TarnUploadLocal(const std::string& path, const std::string& extra) {
+  getLogger()->log(kLogError, "[SHOWINFO] service is %s, path is %s", service_.c_str(),
+                   path.c_str());
+  Reply reply = extra.empty() ? sendCommand(context_, "tarn.uploadlocal %s %s", service_.c_str(),
+                                            path.c_str())
+                              : sendCommand(context_, "tarn.uploadlocal %s %s %s", service_.c_str(),
+                                            path.c_str(), extra.c_str());
+  switch (tarn::classifyOk(reply.get())) {
+    case tarn::OkOutcome::kNullReply:
+      getLogger()->log(kLogError, "[VEL] TarnUploadLocal:Internal Error: null reply.");
+      return kAgentFailure;
+    case tarn::OkOutcome::kOk:
+      std::printf("[TARN]upload file success[%s]!\n", path.c_str());
+      return 0;
+    case tarn::OkOutcome::kRefused:
+      break;
+  }
+  getLogger()->log(kLogError, "[VEL] uploadlocal: Failed to upload object. %s, %s", textOf(reply),
+                   path.c_str());
+  std::printf("resp = %s\n", textOf(reply));
+  return kAgentFailure;
+}
+
+int32_t TarnClient::TarnDownloadLocal(const std::string& path, const std::string& extra) {
+  Reply reply = extra.empty() ? sendCommand(context_, "tarn.downloadlocal %s %s", service_.c_str(),
+                                            path.c_str())
+                              : sendCommand(context_, "tarn.downloadlocal %s %s %s",
+                                            service_.c_str(), path.c_str(), extra.c_str());
+  switch (tarn::classifyOk(reply.get())) {
+    case tarn::OkOutcome::kNullReply:
+      getLogger()->log(kLogError, "[VEL] TarnDownloadLocal:Internal Error: null reply.");
+      return kAgentFailure;
+    case tarn::OkOutcome::kOk:
+      std::printf("[TARN]download file success[%s]!\n", path.c_str());
+      return 0;
+    case tarn::OkOutcome::kRefused:
+      break;
+  }
+  getLogger()->log(kLogError, "[VEL] downloadlocal: Failed to download object. %s, %s",
+                   textOf(reply), path.c_str());
+  std::printf("resp = %s\n", textOf(reply));
+  return kAgentFailure;
+}
+
+int32_t TarnClient::TarnCreateInfo(const std::string& path, const std::string& kind) {
+  Reply reply = sendCommand(context_, "tarn.createinfo %s %s %s", service_.c_str(), path.c_str(),
+                            kind.c_str());
+  switch (tarn::classifyOk(reply.get())) {
+    case tarn::OkOutcome::kNullReply:
+      getLogger()->log(kLogError, "[VEL] TarnCreateInfo:Internal Error: null reply.");
+      return kAgentFailure;
+    case tarn::OkOutcome::kOk:
+      std::printf("[TARN]createinfo success[%s]!\n", path.c_str());
+      return 0;
+    case tarn::OkOutcome::kRefused:
+      break;
+  }
+  getLogger()->log(kLogError, "[VEL] createinfo: Failed to create info. %s, %s", textOf(reply),
+                   path.c_str());
+  std::printf("resp = %s\n", textOf(reply));
+  return kAgentFailure;
+}
+
+int32_t TarnClient::TarnListFile(const std::string& path, const std::string& arg,
+                                 std::list<std::string>& entries) {
+  Reply reply =
+      sendCommand(context_, "tarn.dir %s %s %s", service_.c_str(), path.c_str(), arg.c_str());
+  return tarn::collectListReply(reply.get(), path, entries);
+}
+
+int32_t TarnClient::TarnMove(const std::string& src, const std::string& dst) {
+  Reply reply =
+      sendCommand(context_, "tarn.move %s %s %s", service_.c_str(), src.c_str(), dst.c_str());
+  switch (tarn::classifyOk(reply.get())) {
+    case tarn::OkOutcome::kNullReply:
+      getLogger()->log(kLogError, "[VEL] TarnMove:Internal Error: null reply.");
+      return kAgentFailure;
+    case tarn::OkOutcome::kOk:
+      std::printf("[TARN]move file success[src=%s, dest=%s]!\n", src.c_str(), dst.c_str());
+      return 0;
+    case tarn::OkOutcome::kRefused:
+      break;
+  }
+  getLogger()->log(kLogError, "[VEL] move: Failed to move object. %s, %s", textOf(reply),
+                   src.c_str());
+  std::printf("resp = %s\n", textOf(reply));
+  return kAgentFailure;
+}
+
+int32_t TarnClient::TarnGetMetaData(const std::string& path, TarnMetaData& out, int32_t* mode) {
+  Reply reply = sendCommand(context_, "tarn.metadata %s %s", service_.c_str(), path.c_str());
+  return tarn::decodeMetaDataReply(reply.get(), path, out, mode);
+}
+
+int32_t TarnClient::TarnChmod(const std::string& path, const std::string& mode) {
+  // The mode goes before the path on the wire.
+  Reply reply =
+      sendCommand(context_, "tarn.chmod %s %s %s", service_.c_str(), mode.c_str(), path.c_str());
+  switch (tarn::classifyOk(reply.get())) {
+    case tarn::OkOutcome::kNullReply:
+      getLogger()->log(kLogError, "[VEL] TarnChmod:Internal Error: null reply.");
+      return kAgentFailure;
+    case tarn::OkOutcome::kOk:
+      std::printf("[TARN]chmod success[path=%s, mod=%s]!\n", path.c_str(), mode.c_str());
+      return 0;
+    case tarn::OkOutcome::kRefused:
+      break;
+  }
+  getLogger()->log(kLogError, "[VEL] chmod: Fail to chmod object. %s, %s, %s", textOf(reply),
+                   path.c_str(), mode.c_str());
+  std::printf("resp = %s\n", textOf(reply));
+  return kAgentFailure;
+}
+
+int32_t TarnClient::TarnFSRename(const std::string& src, const std::string& dst) {
+  Reply reply =
+      sendCommand(context_, "tarn.move_cache %s %s %s", service_.c_str(), src.c_str(), dst.c_str());
+  switch (tarn::classifyOk(reply.get())) {
+    case tarn::OkOutcome::kNullReply:
+      getLogger()->log(kLogError, "[VEL] TarnFSRename:Internal Error: null reply.");
+      return kAgentFailure;
+    case tarn::OkOutcome::kOk:
+      return 0;
+    case tarn::OkOutcome::kRefused:
+      break;
+  }
+  getLogger()->log(kLogError, "[VEL] TarnFSRename: Failed to rename object. %s, %s", textOf(reply),
+                   src.c_str());
+  return kAgentFailure;
+}
+
+}  // namespace VEL
