@@ -54,6 +54,10 @@ class VELClientTavora : public VELClient {
  private:
   // A connected agent client, or null (the caller then returns -18 or -6).
   std::unique_ptr<TarnClient> TarnGetClient();
+  // "tarn.move" (or "tarn.move_cache" with `cache`) of src to dst.
+  int32_t moveOnRemote(const std::string& src, const std::string& dst, bool cache);
+  // "tarn.remove" of one node, or of a whole tree with `tree`.
+  int32_t removeOnRemote(const std::string& path, bool tree);
 
   std::map<std::string, VELFileInfo> nodes_;
   ACE_Thread_Mutex nodesLock_;

@@ -1,0 +1,309 @@
+// VELClientTavora: bringing nodes and trees from the service into the
+// mirror, and listing service directories.
+//
+// A node the service does not have is never a reason to touch the mirror
+// copy: the walk goes on with its parent. A local regular file where the
+// service has a directory is moved aside (safeRemoveLocalObj), never
+// deleted.
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <list>
+#include <string>
+
+#include "client/tavora_internal.h"
+#include "vel/client_tavora.h"
+#include "vel/local_perm.h"
+#include "vel/log.h"
+#include "vel/paths.h"
+#include "vel/records.h"
+#include "vel/tarn_client.h"
+
+namespace VEL {
+
+using namespace tavora;
+
+namespace {
+
+constexpr mode_t kMirrorRootMode = 0750;
+
+bool endsWithSlash(const std::string& text) { return !text.empty() && text.back() == '/'; }
+
+}  // namespace
+
+int32_t VELClientTavora::syncNodeFromRemote(const std::string& path, VELFileInfoMap* infoMap) {
+  return guarded("syncNodeFromRemote", [&]() -> int32_t {
+    if (infoMap != nullptr) {
+      VEL_TAVORA_LOG(
+          kLogDebug,
+          "[VEL] VELClientTavora::syncNodeFromRemote() enter if (NULL != infoMap), path is %s",
+          path.c_str());
+      VELFileInfoMap::iterator it = infoMap->find(path);
+      if (it != infoMap->end()) {
+        VEL_TAVORA_LOG(
+            kLogDebug,
+            "[VEL] VELClientTavora::syncNodeFromRemote() enter if (it != infoMap->end())");
+        if (it->second != nullptr) {
+          VEL_TAVORA_LOG(kLogDebug,
+                         "[VEL] VELClientTavora::syncNodeFromRemote() enter if (NULL != pInfo), "
+                         "path is %s, mode is %d",
+                         path.c_str(), static_cast<int32_t>(it->second->mode));
+          return doSyncNodeFromRemote(*it->second, infoMap);
+        }
+      }
+    }
+    VEL_TAVORA_LOG(kLogDebug, "[VEL] VELClientTavora::syncNodeFromRemote() getNodeInfoFromRemote");
+    VELFileInfoWrap fetched;
+    int32_t rtn = getNodeInfoFromRemote(path, &fetched);
+    if (rtn == kNotOnService) {
+      VEL_TAVORA_LOG(kLogDebug,
+                     "[VEL] VELClientTavora::syncNodeFromRemote() %s is not exist on tracker.",
+                     path.c_str());
+      std::string parent = getParentPath(path);
+      if (!parent.empty()) {
+        return syncNodeFromRemote(parent, infoMap);
+      }
+      return 0;
+    }
+    if (rtn != 0) {
+      VEL_TAVORA_LOG(
+          kLogError,
+          "[VEL] VELClientTavora::syncNodeFromRemote() Failed to get VELFileInfo from tracker, "
+          "errCode:%d",
+          rtn);
+      return rtn;
+    }
+    if (fetched.get() == nullptr) {
+      VEL_TAVORA_LOG(kLogError,
+                     "[VEL] VELClientTavora::syncNodeFromRemote() Cannot get VELFileInfo for %s.",
+                     path.c_str());
+      return kLocalFailure;
+    }
+    return doSyncNodeFromRemote(*fetched.get(), infoMap);
+  });
+}
+
+int32_t VELClientTavora::doSyncNodeFromRemote(const VELFileInfo& info, VELFileInfoMap* infoMap) {
+  return guarded("doSyncNodeFromRemote", [&]() -> int32_t {
+    // The parent first. A parent that is there but is no directory counts as
+    // missing, so that syncing it moves the object in its way aside.
+    std::string localParent = getMirrorParentPath(info.velPath);
+    struct stat st;
+    if (::stat(localParent.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+      std::string parent = getParentPath(info.velPath);
+      if (!parent.empty()) {
+        int32_t rtn = syncNodeFromRemote(parent, infoMap);
+        if (rtn != 0) {
+          VEL_TAVORA_LOG(
+              kLogError,
+              "[VEL] VELClientTavora::doSyncNodeFromRemote() Failed to sync directory:%s",
+              parent.c_str());
+          return rtn;
+        }
+      } else if (::mkdir(localParent.c_str(), kMirrorRootMode) != 0) {
+        VEL_TAVORA_LOG(
+            kLogError,
+            "[VEL] VELClientTavora::doSyncNodeFromRemote() Failed to create VEL root directory:%s",
+            localParent.c_str());
+        return kLocalFailure;
+      }
+    }
+
+    if (!info.isFile) {
+      std::string local = getMirrorPath(info.velPath);
+      int32_t rtn = DealNotFile(local, info, &st);
+      if (rtn != kGoOn) {
+        return rtn;
+      }
+      int made = ::mkdir(local.c_str(), info.mode);
+      if (made == 0) {
+        // mkdir is narrowed by the umask; the service's mode is set in full.
+        (void)::chmod(local.c_str(), info.mode);
+        return 0;
+      }
+      VEL_TAVORA_LOG(kLogError,
+                     "[VEL] VELClientTavora::doSyncNodeFromRemote() Failed to mkdir: %s, %d, %d",
+                     local.c_str(), static_cast<int32_t>(info.mode), made);
+      return kLocalFailure;
+    }
+
+    std::unique_ptr<TarnClient> client = TarnGetClient();
+    if (!client) {
+      return kNoAgent;
+    }
+    int32_t rtn = client->TarnDownloadLocal(info.velPath, "");
+    if (rtn != 0) {
+      VEL_TAVORA_LOG(kLogError,
+                     "[VEL] VELClientTavora::doSyncNodeFromRemote() Failed to download: %s, %d, %d",
+                     info.velPath.c_str(), static_cast<int32_t>(info.mode), rtn);
+    }
+    return rtn;
+  });
+}
+
+int32_t VELClientTavora::DealNotFile(const std::string& localPath, const VELFileInfo& info,
+                                     struct stat* st) {
+  return guarded("DealNotFile", [&]() -> int32_t {
+    struct stat own;
+    struct stat* buf = st != nullptr ? st : &own;
+    if (::stat(localPath.c_str(), buf) != 0) {
+      return kGoOn;
+    }
+    if (S_ISDIR(buf->st_mode)) {
+      int32_t rtn = updateLocalPermission(localPath, info.mode);
+      if (rtn != 0) {
+        VEL_TAVORA_LOG(
+            kLogError,
+            "[VEL] VELClientTavora::DealNotFile() Failed to updateLocalPermission: %s, %d, %d",
+            localPath.c_str(), static_cast<int32_t>(info.mode), rtn);
+      }
+      return 0;
+    }
+    if (S_ISREG(buf->st_mode)) {
+      VEL_TAVORA_LOG(kLogCall, "[VEL] VELClientTavora::DealNotFile() Remove conflicting file: %s",
+                     localPath.c_str());
+      int32_t rtn = safeRemoveLocalObj(localPath);
+      if (rtn != 0) {
+        VEL_TAVORA_LOG(kLogError,
+                       "[VEL] VELClientTavora::DealNotFile() Failed to remove conflicting object: "
+                       "%s, %d",
+                       localPath.c_str(), rtn);
+        return rtn;
+      }
+      return kGoOn;
+    }
+    return kGoOn;
+  });
+}
+
+int32_t VELClientTavora::syncCurrentPath(const std::string& dir, bool namesOnly,
+                                         std::list<std::string>& names) {
+  return guarded("syncCurrentPath", [&]() -> int32_t {
+    std::list<std::string> entries;
+    {
+      std::unique_ptr<TarnClient> client = TarnGetClient();
+      if (!client) {
+        return kNoAgent;
+      }
+      int32_t rtn = client->TarnListFile(dir, "false", entries);
+      if (rtn != 0) {
+        VEL_TAVORA_LOG(kLogError, "[VEL] syncCurrentPath() Failed to get file list %s",
+                       dir.c_str());
+        return rtn;
+      }
+    }
+    if (namesOnly) {
+      for (const std::string& entry : entries) {
+        if (entry.size() <= dir.size()) {
+          VEL_TAVORA_LOG(kLogError,
+                         "[VEL] VELClientTavora::syncCurrentPath() Invalid path {%d}|{%d}",
+                         static_cast<int32_t>(entry.size()), static_cast<int32_t>(dir.size()));
+          return kBadArgument;
+        }
+        names.push_back(entry);
+      }
+      return 0;
+    }
+    for (const std::string& entry : entries) {
+      VELFileInfoWrap node;
+      int32_t rtn = getNodeInfoFromRemote(entry, &node);
+      if (rtn != 0 || node.get() == nullptr) {
+        VEL_TAVORA_LOG(kLogError,
+                       "[VEL] VELClientTavora::syncCurrentPath() Failed to get node%s, %d",
+                       entry.c_str(), rtn);
+        return kMissing;
+      }
+      rtn = doSyncNodeFromRemote(*node.get(), nullptr);
+      if (rtn != 0) {
+        VEL_TAVORA_LOG(kLogError,
+                       "[VEL] VELClientTavora::syncCurrentPath() Failed to sync node%s, %d",
+                       entry.c_str(), rtn);
+        return rtn;
+      }
+      if (!node.get()->isFile) {
+        names.push_back(entry);
+      }
+    }
+    return 0;
+  });
+}
+
+int32_t VELClientTavora::getSubDirOrFileList(const std::string& path, bool keepDirs, int32_t depth,
+                                             bool namesOnly, std::list<std::string>& names) {
+  return guarded("getSubDirOrFileList", [&]() -> int32_t {
+    names.clear();
+    if (depth == 0 || depth == -1) {
+      // Breadth-first over the growing list itself.
+      names.push_back(path);
+      for (std::list<std::string>::iterator it = names.begin(); it != names.end(); ++it) {
+        if (it != names.begin() && !endsWithSlash(*it)) {
+          continue;
+        }
+        std::string dir = *it;
+        int32_t rtn = syncCurrentPath(dir, namesOnly, names);
+        if (rtn != 0) {
+          VEL_TAVORA_LOG(kLogError,
+                         "[VEL] VELClientTavora::getSubDirOrFileList() Failed to sync path%s, %d",
+                         dir.c_str(), rtn);
+        }
+      }
+    } else {
+      std::list<std::string> work;
+      work.push_back(path);
+      for (int32_t level = depth; level >= 1; --level) {
+        for (const std::string& dir : work) {
+          int32_t rtn = syncCurrentPath(dir, namesOnly, names);
+          if (rtn != 0) {
+            VEL_TAVORA_LOG(kLogError,
+                           "[VEL] VELClientTavora::getSubDirOrFileList() Failed to sync dir%s, %d",
+                           dir.c_str(), rtn);
+          }
+        }
+        if (!namesOnly) {
+          work = names;
+          names.clear();
+        }
+      }
+    }
+
+    if (keepDirs) {
+      for (std::string& name : names) {
+        if (endsWithSlash(name)) {
+          name.pop_back();
+        }
+      }
+    } else {
+      names.remove_if([](const std::string& name) { return endsWithSlash(name); });
+    }
+
+    // Every element but the first becomes relative to the listed path. The
+    // root ("") has no separator to skip.
+    const size_t cut = path.size() + ((path.empty() || endsWithSlash(path)) ? 0 : 1);
+    bool first = true;
+    for (std::string& name : names) {
+      std::printf("====>%s === %d === %s\n", name.c_str(), static_cast<int32_t>(cut), path.c_str());
+      if (!first) {
+        name = cut <= name.size() ? name.substr(cut) : std::string();
+      }
+      first = false;
+    }
+    std::fflush(stdout);
+    return 0;
+  });
+}
+
+int32_t VELClientTavora::syncTreeFromRemote(const std::string& path) {
+  return guarded("syncTreeFromRemote", [&]() -> int32_t {
+    std::list<std::string> names;
+    return getSubDirOrFileList(path, true, -1, false, names);
+  });
+}
+
+int32_t VELClientTavora::listDir(const std::string& path, int32_t maxDepth, bool filesOnly,
+                                 std::list<std::string>& names) {
+  return guarded("listDir", [&]() -> int32_t {
+    return getSubDirOrFileList(normalizePath(path, true, '/'), !filesOnly, maxDepth, true, names);
+  });
+}
+
+}  // namespace VEL
