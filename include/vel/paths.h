@@ -26,7 +26,9 @@ inline std::string normalizePath(const std::string& path, bool keepRelative = tr
   return normalizePath(path.c_str(), keepRelative, sep);
 }
 
-// The configured mirror root, as configured (not cleaned).
+// The configured mirror root, as configured (not cleaned). Reaching it may
+// create the client instance; when no back-end can be created the default
+// root "/opt/backup/vel" is returned.
 std::string getRootPath();
 // root + "/" + cleaned path; the root alone when the cleaned path is empty.
 std::string getMirrorPath(const std::string& path);
