@@ -2,6 +2,7 @@
 // command against the reference agent, checked through its journal.
 #include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <cstring>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "agent/tarn_reply.h"
+#include "support/agent_fixture.h"
 #include "support/temp_dir.h"
 #include "vel/log.h"
 #include "vel/records.h"
@@ -200,6 +202,187 @@ TEST_F(ReplyLogicTest, ConnectFailuresAndUnconnectedCommands) {
   EXPECT_EQ(-7, absent.TarnRead("", 0, 1));
   EXPECT_EQ(-7, absent.TarnWrite("", "data"));
   EXPECT_FALSE(logged("[VEL] TarnWrite:Internal Error: null reply."));
+}
+
+// Against the reference agent, with the test's own log directory.
+class AgentTest : public LoggedTest {
+ protected:
+  using Journal = std::vector<std::vector<std::string>>;
+
+  std::unique_ptr<VEL::TarnClient> connected(int32_t commandTimeoutMs = 0) {
+    VEL::TarnConnOptions options;
+    options.commandTimeoutMs = commandTimeoutMs;
+    auto client = std::make_unique<VEL::TarnClient>(options, agent_.socketPath());
+    EXPECT_EQ(0, client->connect(1));
+    return client;
+  }
+
+  veltest::AgentFixture agent_;
+};
+
+TEST_F(AgentTest, EveryCommandSendsItsExactArguments) {
+  ASSERT_TRUE(agent_.ready());
+  agent_.setRules(R"([{"match":[],"reply":["status","OK"]}])");
+  auto client = connected();
+  VEL::TarnMetaData meta;
+  std::list<std::string> entries;
+
+  testing::internal::CaptureStdout();
+  EXPECT_EQ("OK", client->TarnCreateFileHandle("n", "w"));
+  EXPECT_EQ(0, client->TarnCloseFileHandle("h1"));
+  EXPECT_EQ(0, client->TarnRead("h1", 5, 10));
+  EXPECT_EQ(0, client->TarnWrite("h1", "data"));
+  EXPECT_EQ(0, client->TarnRemoveFile("a/b", "false"));
+  EXPECT_EQ(0, client->TarnUploadLocal("a/b", ""));
+  EXPECT_EQ(0, client->TarnUploadLocal("a/b", "x"));
+  EXPECT_EQ(0, client->TarnDownloadLocal("a/b", ""));
+  EXPECT_EQ(0, client->TarnDownloadLocal("a/b", "x"));
+  EXPECT_EQ(0, client->TarnCreateInfo("a", "dir"));
+  EXPECT_EQ(-6, client->TarnListFile("a", "false", entries));  // a status is not a listing
+  EXPECT_EQ(0, client->TarnMove("a", "b"));
+  EXPECT_EQ(-1, client->TarnGetMetaData("a b", meta));  // "OK" is no JSON
+  EXPECT_EQ(0, client->TarnChmod("a/b", "493"));
+  EXPECT_EQ(0, client->TarnFSRename("a", "b"));
+  EXPECT_EQ(
+      "close handle success!\n"
+      "[TARN]upload file success[a/b]!\n[TARN]upload file success[a/b]!\n"
+      "[TARN]download file success[a/b]!\n[TARN]download file success[a/b]!\n"
+      "[TARN]createinfo success[a]!\n"
+      "reply=OK, path=a\n"
+      "[TARN]move file success[src=a, dest=b]!\n"
+      "metadata parse error\n"
+      "[TARN]chmod success[path=a/b, mod=493]!\n",
+      testing::internal::GetCapturedStdout());
+
+  const std::string s = "TestService";
+  EXPECT_EQ((Journal{{"tarn.create", s, "n", "w"},
+                     {"tarn.close", s, "h1"},
+                     {"tarn.read", "h1", "5", "10", s},
+                     {"tarn.write", "h1", "data", s},
+                     {"tarn.remove", s, "a/b", "false"},
+                     {"tarn.uploadlocal", s, "a/b"},
+                     {"tarn.uploadlocal", s, "a/b", "x"},
+                     {"tarn.downloadlocal", s, "a/b"},
+                     {"tarn.downloadlocal", s, "a/b", "x"},
+                     {"tarn.createinfo", s, "a", "dir"},
+                     {"tarn.dir", s, "a", "false"},
+                     {"tarn.move", s, "a", "b"},
+                     {"tarn.metadata", s, "a b"},
+                     {"tarn.chmod", s, "493", "a/b"},
+                     {"tarn.move_cache", s, "a", "b"}}),
+            agent_.journal());
+  EXPECT_TRUE(logged("[VEL] remove: success remove, a/b"));
+  EXPECT_TRUE(logged("[SHOWINFO] service is TestService, path is a/b"));
+  EXPECT_TRUE(logged("[VEL] uploadlocal: Failed to upload object. OK, a"));
+}
+
+TEST_F(AgentTest, ServesMetadataListingsAndTransfers) {
+  ASSERT_TRUE(agent_.ready());
+  veltest::makeDirs(agent_.store() + "/d/sub");
+  veltest::writeFile(agent_.store() + "/d/f.txt", "hello");
+  ASSERT_EQ(0, ::chmod((agent_.store() + "/d/f.txt").c_str(), 0640));
+  auto client = connected();
+
+  VEL::TarnMetaData meta;
+  int32_t mode = 0;
+  EXPECT_EQ(0, client->TarnGetMetaData("d/f.txt", meta, &mode));
+  EXPECT_EQ("file", meta.Kind);
+  EXPECT_EQ("f.txt", meta.Name);
+  EXPECT_EQ(5, meta.Size);
+  EXPECT_EQ(0640, mode);
+  EXPECT_EQ(-19, client->TarnGetMetaData("d/none", meta, &mode));
+  EXPECT_EQ(-1, mode);
+
+  std::list<std::string> entries;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(0, client->TarnListFile("d", "false", entries));
+  EXPECT_EQ("d/f.txt:\nd/sub/:\n", testing::internal::GetCapturedStdout());
+  EXPECT_EQ((std::list<std::string>{"d/f.txt", "d/sub/"}), entries);
+
+  veltest::makeDirs(agent_.mirror() + "/d");
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(0, client->TarnDownloadLocal("d/f.txt", ""));
+  EXPECT_EQ("hello", veltest::readFile(agent_.mirror() + "/d/f.txt"));
+  veltest::writeFile(agent_.mirror() + "/d/f.txt", "changed");
+  EXPECT_EQ(0, client->TarnUploadLocal("d/f.txt", ""));
+  EXPECT_EQ("changed", veltest::readFile(agent_.store() + "/d/f.txt"));
+  EXPECT_EQ(0, client->TarnChmod("d/f.txt", "384"));
+  EXPECT_EQ(0600, veltest::permissionsOf(agent_.store() + "/d/f.txt"));
+  EXPECT_EQ(0, client->TarnMove("d/f.txt", "d/g.txt"));
+  EXPECT_TRUE(veltest::pathExists(agent_.store() + "/d/g.txt"));
+  EXPECT_EQ(-6, client->TarnRemoveFile("d", "false"));  // not empty
+  EXPECT_EQ(0, client->TarnRemoveFile("d", "true"));
+  EXPECT_FALSE(veltest::pathExists(agent_.store() + "/d"));
+  testing::internal::GetCapturedStdout();
+}
+
+TEST_F(AgentTest, RefusedOddAndMissingRepliesAreFailures) {
+  ASSERT_TRUE(agent_.ready());
+  const std::string deep = std::string(5000, '[') + std::string(5000, ']');
+  agent_.setRules(
+      std::string(R"([{"match":["tarn.move"],"reply":["status","ok"]},)") +
+      R"({"match":["tarn.metadata","TestService","gone"],"reply":["bulk","file not found"]},)" +
+      R"({"match":["tarn.metadata","TestService","deep"],"reply":["bulk",")" + deep + R"("]},)" +
+      R"({"match":["tarn.remove"],"reply":["error","ERR busy"]},)" +
+      R"({"match":["tarn.chmod"],"reply":["int",1]},)" +
+      R"({"match":["tarn.dir"],"reply":["nil"]},)" +
+      R"({"match":["tarn.createinfo"],"reply":["close"]}])");
+  auto client = connected();
+  VEL::TarnMetaData meta;
+  std::list<std::string> entries;
+
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(-6, client->TarnMove("a", "b"));
+  EXPECT_EQ(-19, client->TarnGetMetaData("gone", meta));
+  EXPECT_EQ(-1, client->TarnGetMetaData("deep", meta));
+  EXPECT_EQ(-6, client->TarnRemoveFile("p", "true"));
+  EXPECT_EQ(-6, client->TarnChmod("p", "420"));
+  EXPECT_EQ(-6, client->TarnListFile("p", "false", entries));
+  EXPECT_EQ("resp = ok\nmetadata parse error\nresp = ERR busy, path = p\nreply=, path=p\n",
+            testing::internal::GetCapturedStdout());
+  std::string text = log();
+  EXPECT_NE(std::string::npos, text.find("ERROR [VEL] move: Failed to move object. ok, a\n"));
+  EXPECT_NE(std::string::npos, text.find("ERROR [VEL] metadata not found. file not found, gone\n"));
+  // Only the deep reply went to the parser; "file not found" never did.
+  EXPECT_NE(std::string::npos,
+            text.find("ERROR [TARN] TarnGetMetaData::TarnGetMetaData() Failed to parse metadata: "
+                      "Exceeded stackLimit in readValue().\n"))
+      << text;
+  EXPECT_EQ(text.find("Failed to parse metadata"), text.rfind("Failed to parse metadata"));
+  EXPECT_NE(std::string::npos,
+            text.find("ERROR [VEL] remove: Failed to remove object. ERR busy, p\n"));
+  EXPECT_NE(std::string::npos, text.find("ERROR [VEL] TarnChmod:Internal Error: null reply.\n"));
+
+  // The agent hangs up: -6, and the broken connection stays failed.
+  EXPECT_EQ(-6, client->TarnCreateInfo("p", "dir"));
+  EXPECT_EQ(-6, client->TarnFSRename("a", "b"));
+  EXPECT_TRUE(logged("[VEL] TarnCreateInfo:Internal Error: null reply."));
+  EXPECT_TRUE(logged("[VEL] TarnFSRename:Internal Error: null reply."));
+  // A fresh connection is served again.
+  agent_.setRules("");
+  EXPECT_EQ(0, connected()->TarnCreateInfo("p", "dir"));
+}
+
+TEST_F(AgentTest, ASilentAgentEndsTheCommandAtTheTimeOut) {
+  ASSERT_TRUE(agent_.ready());
+  agent_.setRules(R"([{"match":["tarn.move"],"reply":["status","OK"],"delay_ms":4000}])");
+  ScopedEnv timeout("TARN_TIME_OUT", "300");
+  auto fromConfig = connected();
+  auto explicitOption = connected(150);
+  struct Case {
+    VEL::TarnClient* client;
+    long minMs;
+  } cases[] = {{fromConfig.get(), 250}, {explicitOption.get(), 120}};
+  for (const auto& c : cases) {
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(-6, c.client->TarnMove("a", "b"));
+    long ms = static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                    std::chrono::steady_clock::now() - start)
+                                    .count());
+    EXPECT_GE(ms, c.minMs);
+    EXPECT_LT(ms, 2000);
+  }
+  EXPECT_TRUE(logged("[VEL] TarnMove:Internal Error: null reply."));
 }
 
 }  // namespace
