@@ -120,7 +120,8 @@ int main(int argc, char** argv) {
     store.pop_back();
   }
 
-  if (::pipe2(gStopPipe, O_CLOEXEC) != 0) {
+  // Non-blocking, so that a burst of signals can never block the handler.
+  if (::pipe2(gStopPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
     std::perror("velfileagent: pipe");
     return 1;
   }

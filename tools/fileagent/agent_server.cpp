@@ -269,6 +269,9 @@ void Server::serve(Session* session) {
   } catch (const std::exception& e) {
     std::fprintf(stderr, "velfileagent: connection dropped: %s\n", e.what());
   }
+  // The client sees the end at once; the descriptor itself is closed when
+  // the main thread reaps this session.
+  ::shutdown(session->fd, SHUT_RDWR);
   session->done = true;
 }
 
