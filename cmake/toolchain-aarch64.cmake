@@ -4,7 +4,7 @@
 # hiredis, jsoncpp, ACE and GoogleTest are found in VEL_ARM64_SYSROOT, a
 # folder holding Debian's arm64 packages unpacked (scripts/arm64-sysroot.sh),
 # by default <build dir>/sysroot. Programs built here run under qemu-aarch64,
-# which is what CTest and test discovery use. Executables carry the sysroot's
+# which is what CTest, test discovery and the tests' child processes use. Executables carry the sysroot's
 # library folder as their run path, so no library path has to be set.
 #
 #   scripts/arm64-sysroot.sh build-arm64/sysroot
@@ -38,5 +38,8 @@ find_program(VEL_QEMU_AARCH64 NAMES qemu-aarch64 qemu-aarch64-static)
 if(NOT VEL_QEMU_AARCH64)
   message(FATAL_ERROR "qemu-aarch64 not found; run scripts/deps.sh --arm")
 endif()
-# -L: where qemu finds the dynamic loader and libc of the emulated programs.
-set(CMAKE_CROSSCOMPILING_EMULATOR "${VEL_QEMU_AARCH64};-L;${VEL_ARM64_LIBC_ROOT}")
+# -L: where qemu finds the dynamic loader and libc of the emulated programs;
+# GCONV_PATH (set for the emulated program only): iconv's character-set
+# modules, which the cross toolchain's libc lacks and the sysroot holds.
+set(CMAKE_CROSSCOMPILING_EMULATOR
+    "${VEL_QEMU_AARCH64};-L;${VEL_ARM64_LIBC_ROOT};-E;GCONV_PATH=${VEL_ARM64_SYSROOT}/usr/lib/aarch64-linux-gnu/gconv")

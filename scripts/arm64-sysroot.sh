@@ -6,7 +6,10 @@
 # folder next to the sysroot, configured for the arm64 architecture only, and
 # reads the Debian archive entries of this machine's apt sources. libc and
 # libstdc++ come from the cross toolchain (g++-aarch64-linux-gnu), not from
-# here. Packages already unpacked are not downloaded again.
+# here, except the character-set converters (gconv modules) of Debian's arm64
+# libc6, which the cross toolchain lacks and iconv loads at run time: they are
+# copied to usr/lib/aarch64-linux-gnu/gconv (the emulator is given GCONV_PATH).
+# Packages already unpacked are not downloaded again.
 # Usage: scripts/arm64-sysroot.sh [SYSROOT]   (default build-arm64/sysroot)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -26,7 +29,7 @@ from_toolchain='^(libc6|libgcc-s1|libstdc\+\+6|gcc-12-base|googletest)$'
 
 all_unpacked() {
   local p
-  for p in "${packages[@]}"; do
+  for p in "${packages[@]}" libc6-gconv; do
     [[ -f $stamps/$p ]] || return 1
   done
 }
@@ -90,5 +93,18 @@ for p in "${closure[@]}"; do
   dpkg -x "${p}"_*_arm64.deb "$sysroot"
   echo "$version" > "$stamps/$p"
 done
+# Only the gconv folder of libc6: the toolchain's libc is the one that runs.
+if [[ ! -f $stamps/libc6-gconv ]]; then
+  echo "arm64-sysroot: gconv modules of libc6"
+  rm -rf libc6_*_arm64.deb "$work/libc6"
+  apt-get "${apt_opts[@]}" download libc6:arm64 > /dev/null
+  dpkg -x libc6_*_arm64.deb "$work/libc6"
+  mkdir -p "$sysroot/usr/lib/aarch64-linux-gnu"
+  rm -rf "$sysroot/usr/lib/aarch64-linux-gnu/gconv"
+  cp -a "$work/libc6/usr/lib/aarch64-linux-gnu/gconv" "$sysroot/usr/lib/aarch64-linux-gnu/"
+  rm -rf "$work/libc6"
+  apt-cache "${apt_opts[@]}" show --no-all-versions libc6:arm64 |
+    awk '/^Version:/ { print $2; exit }' > "$stamps/libc6-gconv"
+fi
 all_unpacked || { echo "arm64-sysroot: some packages are missing" >&2; exit 1; }
 echo "arm64-sysroot: ready in $sysroot"
