@@ -35,12 +35,17 @@ int32_t CommandLineArguments::parseCommand(const std::string& word) {
 
 int32_t CommandLineArguments::addPath(const std::string& text) {
   std::string checked = text;
+  bool inRoot = true;
   if (isAbsolutePath(checked)) {
     std::string relative;
-    toRelativePath(text, relative);
-    checked = relative;
+    // An absolute path outside the mirror root names nothing the service
+    // has: it must not pass as the root itself.
+    inRoot = toRelativePath(text, relative) != nullptr;
+    if (inRoot) {
+      checked = relative;
+    }
   }
-  if (checkPath(checked) == 0) {
+  if (inRoot && checkPath(checked) == 0) {
     std::printf("check Exit successed : %s\n", checked.c_str());
     std::fflush(stdout);
     paths.push_back(text);
