@@ -443,6 +443,26 @@ TEST(FileAgent, SigtermStopsCleanlyAndRemovesTheSocket) {
   agent.stop();  // again: nothing happens
 }
 
+TEST(FileAgent, StopsEvenWhenStartedWithTheStopSignalsBlocked) {
+  // A child inherits its parent's signal mask across exec: the agent must
+  // unblock its stop signals itself, or a launcher that blocks them would
+  // leave an agent that ignores SIGTERM.
+  sigset_t stops;
+  sigset_t old;
+  sigemptyset(&stops);
+  sigaddset(&stops, SIGTERM);
+  sigaddset(&stops, SIGINT);
+  ASSERT_EQ(0, pthread_sigmask(SIG_BLOCK, &stops, &old));
+  std::unique_ptr<AgentFixture> agent(new AgentFixture());
+  ASSERT_EQ(0, pthread_sigmask(SIG_SETMASK, &old, nullptr));
+  ASSERT_TRUE(agent->ready());
+  auto start = std::chrono::steady_clock::now();
+  agent->stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  EXPECT_EQ(agent->exitStatus(), 0);
+  EXPECT_FALSE(veltest::pathExists(agent->socketPath()));
+}
+
 TEST(FileAgent, DefaultSocketIsBelowUdsRootAndHelpListsTheOptions) {
   veltest::TempDir dir;
   veltest::makeDirs(dir.sub("store"));

@@ -132,6 +132,13 @@ int main(int argc, char** argv) {
   sigaction(SIGTERM, &action, nullptr);
   sigaction(SIGINT, &action, nullptr);
   signal(SIGPIPE, SIG_IGN);
+  // The signal mask survives exec: a launcher that blocked the stop signals
+  // would otherwise leave an agent that never stops.
+  sigset_t stops;
+  sigemptyset(&stops);
+  sigaddset(&stops, SIGTERM);
+  sigaddset(&stops, SIGINT);
+  sigprocmask(SIG_UNBLOCK, &stops, nullptr);
 
   velagent::Journal journal(journalPath);
   if (!journal.ok()) {
