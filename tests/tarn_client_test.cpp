@@ -204,6 +204,32 @@ TEST_F(ReplyLogicTest, ConnectFailuresAndUnconnectedCommands) {
   EXPECT_FALSE(logged("[VEL] TarnWrite:Internal Error: null reply."));
 }
 
+TEST(TarnClientTimeout, ComesFromTheOptionElseTheConfigurationAndIsNeverUnbounded) {
+  struct Case {
+    const char* env;  // "TARN_TIME_OUT", null when unset
+    int32_t option;
+    int32_t expected;
+  } cases[] = {
+      {nullptr, 0, 30000},
+      {"450", 0, 450},
+      {"450", 120, 120},
+      {"abc", 0, 30000},
+      // Values that wrap in the configuration's 32 bits (to 0 and to a
+      // negative number) must not switch the time-out off.
+      {"4294967296000", 0, 30000},
+      {"3000000000", 0, 30000},
+      {nullptr, -5, 30000},
+  };
+  for (const Case& c : cases) {
+    ScopedEnv env("TARN_TIME_OUT", c.env);
+    VEL::TarnConnOptions options;
+    options.commandTimeoutMs = c.option;
+    VEL::TarnClient client(options, "/nonexistent/velfileagent.sock");
+    EXPECT_EQ(c.expected, client.commandTimeoutMs())
+        << "TARN_TIME_OUT=" << (c.env != nullptr ? c.env : "(unset)") << " option=" << c.option;
+  }
+}
+
 // Against the reference agent, with the test's own log directory.
 class AgentTest : public LoggedTest {
  protected:

@@ -23,7 +23,8 @@ class TarnMetaData;
 // How to reach the agent: the connection type (0 none, 1 Unix-domain socket),
 // the host (kept, unused for sockets) and the time-outs in milliseconds.
 // A commandTimeoutMs of 0 (or below) takes the configured command time-out
-// (VELClientConfig::cmdTimeout, "TARN_TIME_OUT", default 30000).
+// (VELClientConfig::cmdTimeout, "TARN_TIME_OUT", default 30000); a configured
+// value that does not fit a positive 32-bit number falls back to 30000.
 struct TarnConnOptions {
   uint32_t type = 1;
   std::string host = "127.0.0.1";
@@ -63,6 +64,8 @@ class TarnClient {
   int32_t TarnFSRename(const std::string& src, const std::string& dst);
 
   const std::string& serviceName() const { return service_; }
+  // The command time-out in force, in milliseconds (always above 0).
+  int32_t commandTimeoutMs() const { return commandTimeoutMs_; }
 
  private:
   std::string host_;

@@ -29,6 +29,7 @@ namespace {
 
 constexpr int32_t kAgentFailure = -6;
 constexpr int32_t kEmptyHandle = -7;
+constexpr int32_t kDefaultCommandTimeoutMs = 30000;
 
 struct ReplyDeleter {
   void operator()(redisReply* reply) const {
@@ -116,6 +117,11 @@ TarnClient::TarnClient(const TarnConnOptions& options, const std::string& socket
     // The configured time-out ("TARN_TIME_OUT", default 30000 ms), read from
     // a configuration record of our own: the client instance need not exist.
     commandTimeoutMs_ = VELClientConfig().cmdTimeout;
+  }
+  if (commandTimeoutMs_ <= 0) {
+    // "TARN_TIME_OUT" beyond 32 bits wraps to 0 or below in the
+    // configuration; without this no command would ever time out.
+    commandTimeoutMs_ = kDefaultCommandTimeoutMs;
   }
 }
 
