@@ -145,6 +145,16 @@ TEST_F(LocalMutationTest, TreeDeletion) {
   EXPECT_FALSE(pathExists(root_.sub("plain")));
 }
 
+TEST_F(LocalMutationTest, TreeDeletionRemovesLinksNotWhatTheyPointTo) {
+  TempDir outside;
+  writeFile(outside.sub("precious"), "keep me");
+  veltest::makeDirs(root_.sub("l/sub"));
+  ASSERT_EQ(0, ::symlink(outside.path().c_str(), root_.sub("l/sub/link").c_str()));
+  EXPECT_EQ(0, VEL::delTree("l", "UTF-8"));
+  EXPECT_FALSE(pathExists(root_.sub("l")));
+  EXPECT_EQ("keep me", veltest::readFile(outside.sub("precious")));
+}
+
 class RemoteMutationTest : public ::testing::Test {
  protected:
   FakeNode dirNode() {

@@ -43,6 +43,8 @@ char* handleRealpath(const char* path, char* resolved, const char* coding);
 std::string getRealPath(const std::string& path);
 
 int handleStat(const char* path, struct stat* buf, const char* coding);
+// As handleStat, but a symbolic link is described itself, not its target.
+int handleLstat(const char* path, struct stat* buf, const char* coding);
 int handleAccess(const char* path, int mode, const char* coding);
 // mkdir, then chmod with the same mode whatever mkdir returned.
 int handleMkdir(const char* path, mode_t mode, const char* coding);

@@ -221,6 +221,13 @@ int handleStat(const char* path, struct stat* buf, const char* coding) {
   return ::stat(localForm(path, coding).c_str(), buf);
 }
 
+int handleLstat(const char* path, struct stat* buf, const char* coding) {
+  if (passThrough(coding) || path == nullptr) {
+    return ::lstat(path, buf);
+  }
+  return ::lstat(localForm(path, coding).c_str(), buf);
+}
+
 int handleAccess(const char* path, int mode, const char* coding) {
   if (passThrough(coding) || path == nullptr) {
     return ::access(path, mode);

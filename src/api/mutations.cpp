@@ -312,8 +312,10 @@ int32_t delTree(const char* path, const char* coding) {
 }
 
 int32_t delLocalTree(const std::string& mirrorPath, const char* coding) {
+  // A symbolic link is looked at itself: its type carries the file bit, so
+  // the link is removed and whatever it points to is never walked into.
   struct stat st;
-  int ret = handleStat(mirrorPath.c_str(), &st, coding);
+  int ret = handleLstat(mirrorPath.c_str(), &st, coding);
   if (ret != 0) {
     getLogger()->log(kLogError, "[VEL] delLocalTree: Failed to get stat. %s, %d",
                      mirrorPath.c_str(), ret);
