@@ -22,6 +22,28 @@
 
 namespace veltest {
 
+// Captures standard output for its lifetime, so that a failing ASSERT
+// inside a capture cannot leave it active for the cases that follow.
+class StdoutCapture {
+ public:
+  StdoutCapture() { testing::internal::CaptureStdout(); }
+  ~StdoutCapture() {
+    if (active_) {
+      testing::internal::GetCapturedStdout();
+    }
+  }
+  StdoutCapture(const StdoutCapture&) = delete;
+  StdoutCapture& operator=(const StdoutCapture&) = delete;
+  // Ends the capture and returns what was printed.
+  std::string text() {
+    active_ = false;
+    return testing::internal::GetCapturedStdout();
+  }
+
+ private:
+  bool active_ = true;
+};
+
 class RemoteE2E : public ::testing::Test {
  protected:
   void SetUp() override {

@@ -103,9 +103,9 @@ TEST_F(RemoteSyncTest, PathOnlyInTheMirrorStaysExactlyWhereItIs) {
   EXPECT_EQ(requests(), std::vector<std::string>{"tarn.metadata TestService only.txt"});
 
   // With the tree flag the listing of the missing node fails; still 0.
-  testing::internal::CaptureStdout();
+  veltest::StdoutCapture capture1;
   EXPECT_EQ(VEL::syncFromServer("only.txt", true), 0);
-  testing::internal::GetCapturedStdout();
+  capture1.text();
   EXPECT_EQ(readFile(mirror("only.txt")), "precious unsent bytes");
 
   // Below a directory the service has: the parent is synchronised instead.
@@ -129,9 +129,9 @@ TEST_F(RemoteSyncTest, PullOfATreeFetchesEveryNodeAndPrintsTheWalk) {
   storeFile("T/s/t", "deep", 0600);
   storeDir("T/s/u", 0700);
 
-  testing::internal::CaptureStdout();
+  veltest::StdoutCapture capture2;
   EXPECT_EQ(VEL::syncFromServer("T", true), 0);
-  std::string out = testing::internal::GetCapturedStdout();
+  std::string out = capture2.text();
   EXPECT_EQ(readFile(mirror("T/a")), "A");
   EXPECT_EQ(readFile(mirror("T/s/t")), "deep");
   EXPECT_EQ(permissionsOf(mirror("T/s")), 0751);
@@ -158,9 +158,9 @@ TEST_F(RemoteSyncTest, PushCreatesDirectoriesBeforeTheirChildren) {
   mirrorFile("t/a.txt", "alpha");
   mirrorFile("t/s/b.txt", "beta");
 
-  testing::internal::CaptureStdout();
+  veltest::StdoutCapture capture3;
   EXPECT_EQ(VEL::syncToServer("t", true), 0);
-  testing::internal::GetCapturedStdout();
+  capture3.text();
   EXPECT_EQ(readFile(store("t/a.txt")), "alpha");
   EXPECT_EQ(readFile(store("t/s/b.txt")), "beta");
   EXPECT_EQ(permissionsOf(store("t/s")), 0705);
@@ -188,7 +188,7 @@ TEST_F(RemoteSyncTest, PushReportsTheLastEntryAndAMissingPath) {
 
   agent_->setRules(R"([{"match": ["tarn.uploadlocal", "TestService", "t/a.txt"],
                         "reply": ["status", "NO"]}])");
-  testing::internal::CaptureStdout();
+  veltest::StdoutCapture capture4;
   EXPECT_EQ(VEL::syncToServer("t", true), 0);
   EXPECT_FALSE(pathExists(store("t/a.txt")));
   EXPECT_EQ(readFile(store("t/s/z.txt")), "zulu");
@@ -198,7 +198,7 @@ TEST_F(RemoteSyncTest, PushReportsTheLastEntryAndAMissingPath) {
                         "reply": ["error", "ERR disk full"]}])");
   EXPECT_EQ(VEL::syncToServer("t", true), -6);
   EXPECT_EQ(readFile(store("t/a.txt")), "alpha");
-  testing::internal::GetCapturedStdout();
+  capture4.text();
 
   EXPECT_EQ(VEL::syncToServer("not/here", true), -11);
   EXPECT_TRUE(
@@ -216,9 +216,9 @@ TEST_F(RemoteSyncTest, WrittenFileIsPushedOnCloseAndItsFolderPulledOnOpen) {
   EXPECT_EQ(countOf("tarn.downloadlocal"), 0u);
   ASSERT_GE(std::fputs("written here", out), 0);
   std::fflush(out);
-  testing::internal::CaptureStdout();
+  veltest::StdoutCapture capture5;
   EXPECT_EQ(VEL::fclose(out), 0);
-  testing::internal::GetCapturedStdout();
+  capture5.text();
   EXPECT_EQ(readFile(store("w/new.txt")), "written here");
 }
 
