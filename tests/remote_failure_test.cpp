@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <list>
 #include <string>
 
 #include "remote_e2e.h"
@@ -145,6 +146,21 @@ TEST_F(RemoteFailureTest, ConflictingFileIsKeptAsideEvenWhenTheRestFails) {
   agent_->setRules("[]");
   EXPECT_NE(VEL::syncFromServer("dfile", false), 0);
   EXPECT_EQ(readFile(mirror("dfile/mine")), "mine");
+}
+
+// An agent that lists a directory inside itself must not keep a tree walk
+// going forever: every directory is walked once.
+TEST_F(RemoteFailureTest, SelfListingDirectoryIsWalkedOnce) {
+  storeFile("a/f", "f bytes");
+  agent_->setRules(R"([{"match": ["tarn.dir", "TestService"],
+                        "reply": ["array", ["a/", "a/f"]]}])");
+  veltest::StdoutCapture capture;
+  EXPECT_EQ(VEL::syncFromServer("a", true), 0);
+  std::list<std::string> names;
+  EXPECT_EQ(VEL::readDir("a", names, false, true), 1);
+  capture.text();
+  EXPECT_EQ(readFile(mirror("a/f")), "f bytes");
+  EXPECT_EQ(countOf("tarn.dir"), 2u);
 }
 
 TEST_F(RemoteFailureTest, NoAgentAtAllKeepsEveryLocalByte) {

@@ -3,6 +3,15 @@
 // socket is "$UDS_ROOT_OSSUSER/velfileagent/velfileagent.sock"; no
 // connection is shared between operations. Its map of known nodes is
 // guarded by its own mutex.
+//
+// Statuses: -18 no agent (-6 for the renames and chmod); -19 the service
+// has no such node (lookups); newDir answers -12 when the service already
+// had the directory (mirror and mode are brought in step all the same).
+// A node the service lacks makes syncNodeFromRemote go on with its parent
+// (0 at the top); nothing local is removed for it. A local regular file
+// where the service has a directory (also one standing where a parent
+// directory belongs) is moved aside with safeRemoveLocalObj, never deleted.
+// Listings print "====>%s === %d === %s" per name and always return 0.
 #ifndef VEL_CLIENT_TAVORA_H_
 #define VEL_CLIENT_TAVORA_H_
 

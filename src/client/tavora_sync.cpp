@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <list>
+#include <set>
 #include <string>
 
 #include "client/tavora_internal.h"
@@ -233,13 +234,19 @@ int32_t VELClientTavora::getSubDirOrFileList(const std::string& path, bool keepD
   return guarded("getSubDirOrFileList", [&]() -> int32_t {
     names.clear();
     if (depth == 0 || depth == -1) {
-      // Breadth-first over the growing list itself.
+      // Breadth-first over the growing list itself. Each directory is walked
+      // once, so an agent that lists a directory inside itself cannot keep
+      // the walk going forever.
       names.push_back(path);
+      std::set<std::string> walked;
       for (std::list<std::string>::iterator it = names.begin(); it != names.end(); ++it) {
         if (it != names.begin() && !endsWithSlash(*it)) {
           continue;
         }
         std::string dir = *it;
+        if (!walked.insert(normalizePath(dir, true, '/')).second) {
+          continue;
+        }
         int32_t rtn = syncCurrentPath(dir, namesOnly, names);
         if (rtn != 0) {
           VEL_TAVORA_LOG(kLogError,
