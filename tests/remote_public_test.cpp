@@ -128,6 +128,8 @@ TEST_F(RemotePublicTest, DirectoryCreationSetsTheModeOnBothSides) {
   EXPECT_EQ(VEL::mkdir("nd", 0705), 0);
   EXPECT_EQ(permissionsOf(store("nd")), 0705);
   EXPECT_EQ(permissionsOf(mirror("nd")), 0705);
+  // The service already has it: an error for mkdir, none for mkdir_all.
+  EXPECT_EQ(VEL::mkdir("nd", 0705), -1);
   EXPECT_EQ(VEL::mkdir_all("m/n/o", 0751), 0);
   EXPECT_EQ(VEL::mkdir_all("m/n/o", 0751), 0);
   std::string out = capture3.text();
@@ -170,6 +172,18 @@ TEST_F(RemotePublicTest, RemovalsGoToTheServiceFirst) {
   EXPECT_FALSE(pathExists(store("T")));
   EXPECT_FALSE(pathExists(mirror("T")));
   EXPECT_GE(indexOf("tarn.remove TestService T true"), 0);
+}
+
+TEST_F(RemotePublicTest, RenameOfAFileMovesItOnTheServiceThenInTheMirror) {
+  storeFile("f", "content");
+  mirrorFile("f", "content");
+  EXPECT_EQ(VEL::rename("f", "g"), 0);
+  EXPECT_EQ(readFile(store("g")), "content");
+  EXPECT_EQ(readFile(mirror("g")), "content");
+  EXPECT_FALSE(pathExists(store("f")));
+  EXPECT_FALSE(pathExists(mirror("f")));
+  EXPECT_EQ(requests(),
+            (std::vector<std::string>{"tarn.metadata TestService f", "tarn.move TestService f g"}));
 }
 
 // A directory is completed in the mirror, moved there, uploaded under its
