@@ -5,6 +5,11 @@ function(vel_set_warnings target)
   if(VEL_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
   endif()
+  if(VEL_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # GCC's flow analysis gives false "maybe uninitialized" reports inside
+    # the standard library when the sanitizers instrument it.
+    target_compile_options(${target} PRIVATE -Wno-maybe-uninitialized)
+  endif()
 endfunction()
 
 if(VEL_SANITIZE)

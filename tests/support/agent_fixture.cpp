@@ -6,6 +6,7 @@
 #include <json/json.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -76,6 +77,8 @@ bool AgentFixture::start() {
     return false;
   }
   if (pid_ == 0) {
+    // An agent must not outlive a test process that aborts.
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     ::dup2(fds[1], STDOUT_FILENO);
     ::execv(argv[0], argv.data());
     _exit(127);
