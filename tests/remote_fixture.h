@@ -1,21 +1,21 @@
-// Shared by the remote back-end tests: every case starts its own reference
-// agent with a fresh store, mirror, socket folder and log folder, points the
+// Shared by the remote-mode tests: every case starts its own reference agent
+// with a fresh store, mirror, socket folder and log folder, points the
 // environment at them and initialises the client as "Tavora"; at the end the
-// client is finished and deleted and the agent stopped.
+// client is finished and the agent stopped.
 #ifndef VEL_TESTS_REMOTE_FIXTURE_H_
 #define VEL_TESTS_REMOTE_FIXTURE_H_
 
-#include <dirent.h>
+#include <glob.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "support/agent_fixture.h"
 #include "support/temp_dir.h"
-#include "vel/client_config.h"
 #include "vel/client_tavora.h"
 #include "vel/instance.h"
 #include "vel/log.h"
@@ -28,37 +28,31 @@ class RemoteFixture : public ::testing::Test {
     agent_->exportEnv();
     VEL::releaseLogger();
     VEL::init({{"clientType", "Tavora"}});
-    client_ = dynamic_cast<VEL::VELClientTavora*>(VEL::getInstance());
-    ASSERT_NE(client_, nullptr);
+    ASSERT_NE(dynamic_cast<VEL::VELClientTavora*>(VEL::getInstance()), nullptr);
     agent_->clearJournal();
   }
 
   void TearDown() override {
-    if (client_ != nullptr) {
-      VEL::VELClientConfig* config = client_->config();
-      VEL::finish();
-      delete client_;
-      delete config;
-      client_ = nullptr;
-    }
+    VEL::finish();  // a retired back-end stays reachable; the next init() makes a new one
     VEL::releaseLogger();
     agent_.reset();
   }
 
   std::string store(const std::string& rel) const { return agent_->store() + "/" + rel; }
   std::string mirror(const std::string& rel) const { return agent_->mirror() + "/" + rel; }
-  std::string mirrorRoot() const { return agent_->mirror(); }
-  std::string udsRoot() const { return agent_->udsRoot(); }
 
   void storeDir(const std::string& rel, mode_t mode) {
     veltest::makeDirs(store(rel), 0755);
     ::chmod(store(rel).c_str(), mode);
   }
-  void storeFile(const std::string& rel, const std::string& content, mode_t mode) {
-    std::string path = store(rel);
-    veltest::makeDirs(path.substr(0, path.rfind('/')), 0755);
-    veltest::writeFile(path, content);
-    ::chmod(path.c_str(), mode);
+  void storeFile(const std::string& rel, const std::string& content, mode_t mode = 0644) {
+    veltest::makeDirs(store(rel).substr(0, store(rel).rfind('/')), 0755);
+    veltest::writeFile(store(rel), content);
+    ::chmod(store(rel).c_str(), mode);
+  }
+  void mirrorFile(const std::string& rel, const std::string& content) {
+    veltest::makeDirs(mirror(rel).substr(0, mirror(rel).rfind('/')), 0750);
+    veltest::writeFile(mirror(rel), content);
   }
 
   // Every request so far, its arguments joined by single blanks.
@@ -66,52 +60,54 @@ class RemoteFixture : public ::testing::Test {
     std::vector<std::string> joined;
     for (const std::vector<std::string>& request : agent_->journal()) {
       std::string line;
-      for (const std::string& arg : request) {
-        line += (line.empty() ? "" : " ") + arg;
-      }
+      for (const std::string& arg : request) line += (line.empty() ? "" : " ") + arg;
       joined.push_back(line);
     }
     return joined;
   }
-  void clearRequests() { agent_->clearJournal(); }
-  // Position of the first request equal to `request`; size() when absent.
-  static size_t indexOf(const std::vector<std::string>& list, const std::string& request) {
-    for (size_t i = 0; i < list.size(); ++i) {
-      if (list[i] == request) return i;
-    }
-    return list.size();
-  }
   size_t countOf(const std::string& prefix) const {
-    size_t count = 0;
-    for (const std::string& request : requests()) {
-      if (request.compare(0, prefix.size(), prefix) == 0) ++count;
+    std::vector<std::string> all = requests();
+    return std::count_if(all.begin(), all.end(), [&](const std::string& request) {
+      return request.compare(0, prefix.size(), prefix) == 0;
+    });
+  }
+  // Success when the journal holds the requests of `order` in that order.
+  ::testing::AssertionResult inOrder(const std::vector<std::string>& order) const {
+    std::vector<std::string> all = requests();
+    auto from = all.begin();
+    for (const std::string& request : order) {
+      from = std::find(from, all.end(), request);
+      if (from == all.end()) {
+        return ::testing::AssertionFailure() << "missing or out of order: " << request;
+      }
+      ++from;
     }
-    return count;
+    return ::testing::AssertionSuccess();
   }
 
-  void setRules(const std::string& json) { agent_->setRules(json); }
-  void stopAgent() { agent_->stop(); }
-  std::string logText() const { return veltest::readFile(agent_->logDir() + "/velsdk.log"); }
-
-  // Mirror-relative names of the kept copies of dir/name.
-  std::vector<std::string> keptCopies(const std::string& dir, const std::string& name) const {
+  bool logged(const std::string& text) const {
+    return veltest::readFile(agent_->logDir() + "/velsdk.log").find(text) != std::string::npos;
+  }
+  // Mirror paths of the copies of `rel` kept aside under ".vel.keep.<8 digits>".
+  std::vector<std::string> keptCopies(const std::string& rel) const {
+    glob_t found{};
+    std::string pattern = mirror(rel) + ".vel.keep.[0-9][0-9][0-9][0-9][0-9][0-9][0-9][0-9]*";
     std::vector<std::string> kept;
-    std::string local = dir.empty() ? mirrorRoot() : mirror(dir);
-    DIR* handle = ::opendir(local.c_str());
-    if (handle == nullptr) return kept;
-    std::string prefix = name + ".vel.keep.";
-    while (struct dirent* entry = ::readdir(handle)) {
-      std::string found = entry->d_name;
-      if (found.compare(0, prefix.size(), prefix) == 0) {
-        kept.push_back(dir.empty() ? found : dir + "/" + found);
-      }
+    if (::glob(pattern.c_str(), 0, nullptr, &found) == 0) {
+      kept.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
     }
-    ::closedir(handle);
+    ::globfree(&found);
     return kept;
+  }
+  // What `run` prints to standard output.
+  template <typename Run>
+  static std::string stdoutOf(Run run) {
+    testing::internal::CaptureStdout();
+    run();
+    return testing::internal::GetCapturedStdout();
   }
 
   std::unique_ptr<veltest::AgentFixture> agent_;
-  VEL::VELClientTavora* client_ = nullptr;
 };
 
 #endif  // VEL_TESTS_REMOTE_FIXTURE_H_
