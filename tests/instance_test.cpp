@@ -1,26 +1,21 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <memory>
+#include <list>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "client/instance_internal.h"
 #include "support/fake_client.h"
-#include "support/temp_dir.h"
-#include "vel/client_local.h"
-#include "vel/instance.h"
+#include "vel/vel.h"
 
 namespace {
 
-using veltest::FakeClient;
-using veltest::LogCapture;
-using veltest::ScopedEnv;
-using veltest::ScopedInstance;
-using veltest::TempDir;
+using Names = std::vector<std::string>;
 
 // Each case starts without an instance, on a mirror of its own.
 class InstanceTest : public ::testing::Test {
@@ -28,61 +23,56 @@ class InstanceTest : public ::testing::Test {
   void SetUp() override { VEL::finish(); }
   void TearDown() override { VEL::finish(); }
 
-  LogCapture log_;
-  TempDir root_;
-  ScopedEnv env_{"TARN_ROOT_DIR", root_.path().c_str()};
+  // The local back-end on the mirror d/f1, d/s/f2, d/s/t/f3, d/s/t/u/.
+  VEL::VELClient* local() {
+    EXPECT_EQ(0, VEL::init({{"clientType", "Local"}}));
+    veltest::makeDirs(root_.sub("d/s/t/u"));
+    veltest::writeFile(root_.sub("d/f1"), "1");
+    veltest::writeFile(root_.sub("d/s/f2"), "2");
+    veltest::writeFile(root_.sub("d/s/t/f3"), "3");
+    return VEL::getInstance();
+  }
+  Names list(const std::string& path, int32_t depth, int32_t expected = 0) {
+    std::list<std::string> names = {"stale"};
+    EXPECT_EQ(expected, VEL::getInstance()->listDir(path, depth, true, names));
+    Names sorted(names.begin(), names.end());
+    std::sort(sorted.begin(), sorted.end());
+    return sorted;
+  }
+
+  veltest::LogCapture log_;
+  veltest::TempDir root_;
+  veltest::ScopedEnv env_{"TARN_ROOT_DIR", root_.path().c_str()};
 };
 
-TEST_F(InstanceTest, InitCreatesTheLocalBackEndAndTheModuleDirectories) {
+TEST_F(InstanceTest, InitCreatesTheBackEndAndNineteenModuleDirectoriesOnce) {
   EXPECT_EQ(0, VEL::init({{"clientType", "Local"}}));
   VEL::VELClient* client = VEL::getInstance();
   ASSERT_NE(nullptr, client);
   EXPECT_EQ(1, client->isLocalOnly());
-  EXPECT_EQ(root_.path(), client->config()->velRoot);
-  for (const char* name : VEL::kModuleDirs) {
+  const char* names[] = {"ferry",  "sorrel", "wicket", "tamber",     "quoin",
+                         "pellam", "tesser", "quill",  "kelda",      "gantry",
+                         "apex",   "orbis",  "morrow", "vel_public", "vel_protect",
+                         "lumen",  "vireo",  "tavora", "corea"};
+  for (const char* name : names) {
     EXPECT_EQ(0750, veltest::permissionsOf(root_.sub(name))) << name;
   }
-  EXPECT_EQ("corea", std::string(VEL::kModuleDirs[18]));
-  EXPECT_TRUE(
-      log_.contains("ERROR [VEL] VELClientConfig::loadConfig(), current config:clientType=Local"));
-  EXPECT_TRUE(
-      log_.contains("ERROR [VEL] init(): Initialize VELClient, current config:clientType=Local"));
-  EXPECT_TRUE(
-      log_.contains("DEBUG [VEL] " + root_.sub("ferry") + " is not exist, create it. ret:0"));
-  EXPECT_FALSE(log_.contains("had been initialized before init!"));
+  EXPECT_EQ(19u, log_.lines(" is not exist, create it. ret:0"));
 
-  // A second init keeps the first configuration.
-  EXPECT_EQ(0, VEL::init({{"clientType", "Tavora"}}));
+  EXPECT_EQ(0, VEL::init({{"clientType", "Tavora"}}));  // the first configuration stays
   EXPECT_EQ(client, VEL::getInstance());
   EXPECT_EQ("Local", client->config()->clientType);
   EXPECT_EQ(1u, log_.lines("ERROR [VEL] init(): VELClient had been initialized before init!"));
 }
 
-TEST_F(InstanceTest, TypesWithoutBackEnd) {
-  for (const char* type : {"TavoraEx", "RawSocket"}) {
-    VEL::ConfigParams params{{"clientType", type}};
-    bool created = true;
-    EXPECT_EQ(nullptr, VEL::getInstance(&params, &created)) << type;
-    EXPECT_FALSE(created);
-    log_.clear();
-    EXPECT_EQ(0, VEL::init(params));  // must not touch the absent instance
-    EXPECT_TRUE(log_.contains("had been initialized before init!"));
-    EXPECT_FALSE(log_.contains("Initialize VELClient"));
-  }
+TEST_F(InstanceTest, TavoraExHasNoBackEnd) {
+  VEL::ConfigParams params{{"clientType", "TavoraEx"}};
+  bool created = true;
+  EXPECT_EQ(nullptr, VEL::getInstance(&params, &created));
+  EXPECT_FALSE(created);
+  EXPECT_EQ(0, VEL::init(params));  // must not touch the absent instance
+  EXPECT_FALSE(log_.contains("Initialize VELClient"));
   EXPECT_FALSE(veltest::pathExists(root_.sub("ferry")));
-
-  VEL::VELClientConfig config;
-  config.clientType = "Local";
-  std::unique_ptr<VEL::VELClient> local(VEL::createClient(&config));
-  ASSERT_NE(nullptr, local);
-  EXPECT_EQ(1, local->isLocalOnly());
-  config.clientType = "Tavora";
-  std::unique_ptr<VEL::VELClient> remote(VEL::createClient(&config));
-  ASSERT_NE(nullptr, remote);
-  EXPECT_EQ(0, remote->isLocalOnly());
-  config.clientType = "TavoraEx";
-  EXPECT_EQ(nullptr, VEL::createClient(&config));
-  EXPECT_EQ(nullptr, VEL::createClient(nullptr));
 }
 
 TEST_F(InstanceTest, ConcurrentFirstUseCreatesOneInstance) {
@@ -101,93 +91,78 @@ TEST_F(InstanceTest, ConcurrentFirstUseCreatesOneInstance) {
     thread.join();
   }
   EXPECT_EQ(1, creators.load());
-  for (VEL::VELClient* client : seen) {
-    EXPECT_NE(nullptr, client);
-    EXPECT_EQ(seen[0], client);
-  }
-  EXPECT_EQ(1u, log_.lines("current config:"));
+  EXPECT_NE(nullptr, seen[0]);
+  EXPECT_EQ(std::vector<VEL::VELClient*>(8, seen[0]), seen);
 }
 
 TEST_F(InstanceTest, FinishStopsReleasesAndForgetsTheInstance) {
-  VEL::finish();  // nothing to do without an instance
-  FakeClient client(root_.path());
-  VEL::VELClient* previous = VEL::setInstanceForTest(&client);
-  EXPECT_EQ(nullptr, previous);
+  veltest::FakeClient client(root_.path());
+  VEL::setInstanceForTest(&client);
   client.results["release"] = 3;
   VEL::finish();
   EXPECT_EQ((std::vector<std::string>{"stop()", "release()"}), client.calls);
   EXPECT_TRUE(log_.contains("ERROR [VEL] Failed to execute finish."));
-
-  // The next use builds a fresh instance and configuration.
   VEL::ConfigParams params{{"clientType", "Local"}};
   bool created = false;
   VEL::VELClient* fresh = VEL::getInstance(&params, &created);
   EXPECT_TRUE(created);
-  ASSERT_NE(nullptr, fresh);
   EXPECT_NE(static_cast<VEL::VELClient*>(&client), fresh);
-  EXPECT_EQ(fresh, VEL::getInstance(nullptr, &created));
-  EXPECT_FALSE(created);
 }
 
-TEST_F(InstanceTest, CreateRootSkipsExistingAndReportsFailures) {
-  FakeClient client(root_.path());
-  veltest::makeDirs(root_.sub("quill"), 0700);
-  EXPECT_EQ(0, client.createRoot());
-  EXPECT_EQ(0700, veltest::permissionsOf(root_.sub("quill")));  // left alone
-  EXPECT_EQ(0750, veltest::permissionsOf(root_.sub("tavora")));
-
-  FakeClient orphan(root_.sub("missing/root"));
+TEST_F(InstanceTest, CreateRootReportsEachFailureAndTheRegistryKeepsEntries) {
+  veltest::FakeClient orphan(root_.sub("missing/root"));
   EXPECT_EQ(-1, orphan.createRoot());
-  EXPECT_EQ(19u, log_.lines("ERROR [VEL] " + root_.sub("missing/root") + "/"));
-  EXPECT_TRUE(log_.contains("ERROR [VEL] " + root_.sub("missing/root/vel_protect") +
-                            " is not exist, create it. ret:-1"));
+  EXPECT_EQ(19u, log_.lines(" is not exist, create it. ret:-1"));
+
+  std::string path;
+  std::string mode;
+  orphan.putFileOpenMode(stdin, "a/b", "w");
+  orphan.putFileOpenMode(stdin, "a/c", "r+");  // overwrites
+  EXPECT_FALSE(orphan.getFileOpenMode(stdout, path, mode));
+  EXPECT_FALSE(log_.contains("getFileOpenMode"));
+  EXPECT_TRUE(orphan.getFileOpenMode(stdin, path, mode));
+  EXPECT_TRUE(orphan.getFileOpenMode(stdin, path, mode));  // entries stay
+  EXPECT_EQ("a/c r+", path + " " + mode);
 }
 
-TEST_F(InstanceTest, BaseSlotsRolesAndOpenFileRegistry) {
-  FakeClient client(root_.path());
-  // Slot 19 of the base: a fresh record for the path.
-  EXPECT_EQ(-4, client.VELClient::stat("a/b", nullptr));
-  VEL::VELFileInfoWrap* wrap = nullptr;
-  ASSERT_EQ(0, client.VELClient::stat("a/b", &wrap));
-  ASSERT_NE(nullptr, wrap);
-  ASSERT_NE(nullptr, wrap->get());
-  EXPECT_EQ("a/b", wrap->get()->velPath);
-  EXPECT_EQ(0, client.VELClient::stat("c", &wrap));  // reuses the wrapper
-  EXPECT_EQ("c", wrap->get()->velPath);
-  delete wrap;
-  EXPECT_EQ(0, client.VELClient::forgetNode("c"));
+TEST_F(InstanceTest, LocalListingDepths) {
+  ASSERT_NE(nullptr, local());
+  const Names all = {"d/f1", "d/s", "d/s/f2", "d/s/t", "d/s/t/f3", "d/s/t/u"};
+  EXPECT_EQ((Names{"d/f1", "d/s"}), list("d", 1));
+  EXPECT_EQ((Names{"d/f1", "d/s", "d/s/f2", "d/s/t"}), list("d", 2));
+  EXPECT_EQ(all, list("d", 0));
+  EXPECT_EQ(all, list(" /d/", -5));
+  EXPECT_EQ(Names{}, list("d/f1", 1, -16));
+  EXPECT_EQ(Names{}, list("nothing", 1, -11));
+}
 
-  // Slot 4 of the base calls slot 3.
-  EXPECT_EQ(0, client.VELClient::release());
-  EXPECT_EQ("stop()", client.calls.back());
+TEST_F(InstanceTest, LocalRecursiveDirectoryCreationMakesOnlyTheMissingLevels) {
+  VEL::VELClient* client = local();
+  ASSERT_NE(nullptr, client);
+  EXPECT_EQ(0, client->newDir("d/s/n1/n2/n3", 0701, true));
+  EXPECT_EQ(0701, veltest::permissionsOf(root_.sub("d/s/n1")));
+  EXPECT_EQ(0701, veltest::permissionsOf(root_.sub("d/s/n1/n2/n3")));
+  EXPECT_EQ(0755, veltest::permissionsOf(root_.sub("d/s")));
+  EXPECT_EQ(0, client->newDir("/", 0777, true));
+  EXPECT_EQ(-1, client->newDir("d/f1/z", 0755, true));  // a file in the way
 
-  EXPECT_EQ(1, VEL::VELClient::getClientRole("Client"));
-  EXPECT_EQ(4, VEL::VELClient::getClientRole("Storage"));
-  EXPECT_EQ(2, VEL::VELClient::getClientRole("ROClient"));
-  EXPECT_EQ(3, VEL::VELClient::getClientRole("Tracker"));
-  EXPECT_EQ(5, VEL::VELClient::getClientRole("FileAgent"));
-  EXPECT_EQ(6, VEL::VELClient::getClientRole("SyncAgent"));
-  EXPECT_EQ(0, VEL::VELClient::getClientRole("client"));
+  const mode_t mask = ::umask(0077);
+  EXPECT_EQ(0, client->newDir("plain", 0775, false));
+  ::umask(mask);
+  EXPECT_EQ(0775, veltest::permissionsOf(root_.sub("plain")));
+  EXPECT_EQ(-1, client->newDir("plain", 0775, false));
+  EXPECT_EQ(-1, client->newDir("no/parent", 0775, false));
+}
 
-  std::string path = "unset";
-  std::string mode = "unset";
-  FILE* handle = std::tmpfile();
-  ASSERT_NE(nullptr, handle);
-  EXPECT_FALSE(client.getFileOpenMode(handle, path, mode));  // empty registry
-  client.putFileOpenMode(nullptr, "ignored", "r");
-  EXPECT_FALSE(client.getFileOpenMode(nullptr, path, mode));
-  client.putFileOpenMode(handle, "a/b", "w");
-  client.putFileOpenMode(handle, "a/c", "r+");  // overwrites
-  EXPECT_TRUE(log_.contains("ERROR [VEL] fopen(), putFileOpenMode: path: a/c, mode: r+"));
-  EXPECT_FALSE(client.getFileOpenMode(stdout, path, mode));
-  EXPECT_EQ("unset", path);
-  EXPECT_FALSE(log_.contains("getFileOpenMode"));
-  ASSERT_TRUE(client.getFileOpenMode(handle, path, mode));
-  EXPECT_EQ("a/c", path);
-  EXPECT_EQ("r+", mode);
-  EXPECT_TRUE(client.getFileOpenMode(handle, path, mode));  // entries stay
-  EXPECT_EQ(2u, log_.lines("ERROR [VEL] fclose(), getFileOpenMode: path: a/c, mode: r+"));
-  std::fclose(handle);
+// What an application sees through the umbrella header in local mode.
+TEST_F(InstanceTest, LocalApplicationRoundTrip) {
+  ASSERT_NE(nullptr, local());
+  ASSERT_EQ(0, VEL::mkdir_all("app/data", 0750));
+  ASSERT_EQ(0, VEL::chmod("app/data", 0700));
+  EXPECT_EQ(040700, VEL::getmod("app/data"));
+  ASSERT_EQ(0, VEL::delTree("app"));
+  EXPECT_EQ(0, VEL::exists("app"));
+  EXPECT_EQ(1, VEL::isDirectory("ferry"));  // module directories stay
 }
 
 }  // namespace

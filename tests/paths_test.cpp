@@ -1,127 +1,72 @@
+// Path cleaning and mapping, real paths and code-set conversion.
+#include <dirent.h>
 #include <gtest/gtest.h>
+#include <iconv.h>
+#include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include <ace/OS_Memory.h>
+
 #include "support/fake_client.h"
+#include "vel/codeset.h"
 #include "vel/paths.h"
+#include "vel/query.h"
 
 namespace {
 
-using veltest::FakeClient;
-using veltest::ScopedInstance;
-
-struct CleanCase {
-  const char* input;
-  bool keepRelative;
-  char sep;
-  const char* expected;
-};
-
 TEST(NormalizePath, Table) {
-  const CleanCase cases[] = {
-      {nullptr, true, '/', ""},
-      {"", true, '/', ""},
-      {" \t\n ", true, '/', ""},
-      {".", true, '/', ""},
-      {"/", true, '/', ""},
-      {"/", false, '/', "/"},
-      {"  /a//b/  ", true, '/', "a/b"},
-      {"  /a//b/  ", false, '/', "/a/b"},
-      {"a\\b\\..\\c", true, '/', "a/c"},
-      {"../../x", true, '/', "x"},
-      {"/../../x", false, '/', "/x"},
-      {"a/b/../../..", true, '/', ""},
-      {"a/./b/.", true, '/', "a/b"},
-      {" a / b c /  d ", true, '/', "a/b c/d"},
-      {"a/.../b", true, '/', "a/.../b"},
-      {"..a/b..", true, '/', "..a/b.."},
-      {"a/b", true, '\\', "a\\b"},
-      {"\\a\\b", false, '\\', "\\a\\b"},
-      {"x/ . /y/ .. /z", true, '/', "x/z"},
-      {"a//\\\\b", true, '/', "a/b"},
+  struct Case {
+    const char* input;
+    bool keepRelative;
+    char sep;
+    const char* expected;
   };
-  for (const CleanCase& c : cases) {
+  // clang-format off
+  const Case cases[] = {
+      {nullptr, true, '/', ""},           {".", true, '/', ""},
+      {"/", true, '/', ""},               {"/", false, '/', "/"},
+      {"  /a//b/  ", true, '/', "a/b"},   {"a\\b\\..\\c", true, '/', "a/c"},
+      {"../../x", true, '/', "x"},        {"/../../x", false, '/', "/x"},
+      {"a/b/../../..", true, '/', ""},    {" a / b c /  d ", true, '/', "a/b c/d"},
+      {"\\a\\b", false, '\\', "\\a\\b"},  {"x/ . /y/ .. /z", true, '/', "x/z"},
+  };
+  // clang-format on
+
+  for (const Case& c : cases) {
     EXPECT_EQ(c.expected, VEL::normalizePath(c.input, c.keepRelative, c.sep))
         << "input=\"" << (c.input != nullptr ? c.input : "(null)") << "\" keep=" << c.keepRelative;
   }
 }
 
-// Random paths over a small alphabet that favours separators, dots and
-// blanks, so that every rule is exercised often.
-std::string randomPath(std::mt19937& rng, bool withBlanks) {
-  static const std::vector<std::string> pieces = {"a",  "b",  "..", ".",   "",   "/",
-                                                  "\\", "//", "c",  "...", "d.e"};
-  std::uniform_int_distribution<size_t> count(0, 12);
-  std::uniform_int_distribution<size_t> pick(0, pieces.size() - 1);
-  std::uniform_int_distribution<int> blank(0, 5);
-  std::string path;
-  size_t n = count(rng);
-  for (size_t i = 0; i < n; ++i) {
-    if (withBlanks && blank(rng) == 0) {
-      path += ' ';
-    }
-    path += pieces[pick(rng)];
-    if (withBlanks && blank(rng) == 0) {
-      path += '\t';
-    }
-    if (i + 1 < n) {
-      path += (rng() & 1) ? "/" : "\\";
-    }
-  }
-  return path;
-}
-
-std::vector<std::string> split(const std::string& path) {
-  std::vector<std::string> parts;
-  std::stringstream in(path);
-  for (std::string part; std::getline(in, part, '/');) {
-    parts.push_back(part);
-  }
-  return parts;
-}
-
-TEST(NormalizePath, PropertiesOverGeneratedPaths) {
+// Random paths over pieces that favour separators, dots and blanks.
+TEST(NormalizePath, NeverClimbsAboveItsStartOverGeneratedPaths) {
+  static const std::vector<std::string> pieces = {"a", "b", "..", ".", "", "/", "\\", "c", "..."};
+  static const char* const separators[] = {"", "/", "\\"};
   std::mt19937 rng(20240611);
   for (int i = 0; i < 20000; ++i) {
     const bool blanks = (i % 2) == 0;
-    const std::string input = randomPath(rng, blanks);
+    std::string input;
+    for (size_t n = rng() % 12; n > 0; --n) {
+      input += (blanks && rng() % 5 == 0 ? " " : "") + pieces[rng() % pieces.size()] +
+               separators[rng() % 3];
+    }
     const std::string cleaned = VEL::normalizePath(input);
     SCOPED_TRACE("input=\"" + input + "\"");
-
-    // No empty, "." or ".." component, no leading or trailing separator,
-    // no blank around a component.
-    if (!cleaned.empty()) {
-      for (const std::string& part : split(cleaned)) {
-        ASSERT_FALSE(part.empty() || part == "." || part == "..") << cleaned;
-        ASSERT_FALSE(std::isspace(static_cast<unsigned char>(part.front())) ||
-                     std::isspace(static_cast<unsigned char>(part.back())))
-            << cleaned;
-      }
-      ASSERT_NE('/', cleaned.back());
-      ASSERT_NE('/', cleaned.front());
-    }
-    ASSERT_EQ(std::string::npos, cleaned.find('\\'));
-
-    // Idempotent, in both forms.
-    ASSERT_EQ(cleaned, VEL::normalizePath(cleaned));
-    const std::string absolute = VEL::normalizePath(input, false, '/');
-    ASSERT_EQ(absolute, VEL::normalizePath(absolute, false, '/'));
-
-    // Never above its start: leading ".." cannot climb, and a path without
-    // ".." stays below whatever it is appended to.
+    ASSERT_EQ(cleaned, VEL::normalizePath(cleaned));  // idempotent
     ASSERT_EQ(cleaned, VEL::normalizePath("../../" + input));
+    // Without "..", a path appended to a start directory stays below it.
     if (input.find("..") == std::string::npos) {
-      const std::string below = VEL::normalizePath("start/" + input);
-      ASSERT_EQ(cleaned.empty() ? "start" : "start/" + cleaned, below);
+      ASSERT_EQ(cleaned.empty() ? "start" : "start/" + cleaned,
+                VEL::normalizePath("start/" + input));
     }
-
-    // Without blanks the result matches lexical resolution below a root.
-    if (!blanks) {
+    if (!blanks) {  // matches lexical resolution below a root
       std::string slashed = input;
       std::replace(slashed.begin(), slashed.end(), '\\', '/');
       std::string oracle = std::filesystem::path("/" + slashed).lexically_normal().string();
@@ -133,70 +78,140 @@ TEST(NormalizePath, PropertiesOverGeneratedPaths) {
   }
 }
 
-class PathMappingTest : public ::testing::Test {
+// Reference conversion straight through iconv, independent of the library.
+std::string toGbk(std::string in) {
+  iconv_t cd = iconv_open("GBK", "UTF-8");
+  std::string out(in.size() * 2 + 4, '\0');
+  char* src = in.data();
+  char* dst = out.data();
+  size_t srcLeft = in.size();
+  size_t dstLeft = out.size();
+  EXPECT_NE(static_cast<size_t>(-1), iconv(cd, &src, &srcLeft, &dst, &dstLeft));
+  iconv_close(cd);
+  out.resize(out.size() - dstLeft);
+  return out;
+}
+
+const std::string kFileUtf8 = "\xe6\x96\x87\xe4\xbb\xb6.txt";  // "文件.txt"
+
+class PathsTest : public ::testing::Test {
  protected:
-  FakeClient client_{"/opt/backup/vel"};
-  ScopedInstance scope_{&client_};
+  veltest::LogCapture log_;
+  veltest::TempDir root_;
+  veltest::FakeClient client_{root_.path(), /*localOnly=*/true};
+  veltest::ScopedInstance scope_{&client_};
 };
 
-TEST_F(PathMappingTest, MirrorParentAndPlaceholderPaths) {
-  EXPECT_EQ("/opt/backup/vel", VEL::getRootPath());
-  for (const char* root : {"", "/", ".", " / ", "a/.."}) {
+TEST_F(PathsTest, MirrorAndRelativeForms) {
+  client_.ownConfig.velRoot = "/opt/backup/vel";
+  for (const char* root : {"", "/", ".", "a/.."}) {
     EXPECT_EQ("/opt/backup/vel", VEL::getMirrorPath(root)) << root;
     EXPECT_EQ("${VEL_ROOT}", VEL::getPlaceholderPath(root)) << root;
   }
   EXPECT_EQ("/opt/backup/vel/etc", VEL::getMirrorPath("../etc"));
-  EXPECT_EQ("/opt/backup/vel/a/b", VEL::getMirrorPath("\\a\\b\\"));
   EXPECT_EQ("${VEL_ROOT}/a/b", VEL::getPlaceholderPath("/a/./b"));
   EXPECT_EQ("/opt/backup/vel", VEL::getMirrorParentPath("top"));
   EXPECT_EQ("/opt/backup/vel/a/b", VEL::getMirrorParentPath("a/b/c"));
-
-  // The configured root is used as it stands.
-  client_.ownConfig.velRoot = "/m/";
-  EXPECT_EQ("/m//x", VEL::getMirrorPath("x"));
-}
-
-TEST_F(PathMappingTest, ComponentsOfPaths) {
-  EXPECT_EQ("a/b", VEL::getParentPath("/a/b/c/"));
-  EXPECT_EQ("", VEL::getParentPath("c"));
-  EXPECT_EQ("c", VEL::getBaseName("a/b/c/"));
-  EXPECT_EQ("c", VEL::getBaseName("c"));
-  EXPECT_EQ("", VEL::getBaseName(""));
-
+  EXPECT_EQ("x/z", VEL::joinPath("x", "y", "..", "z", nullptr));
   std::string windows = "dir\\sub\\file.txt";
   EXPECT_EQ("file.txt", VEL::getFileName(windows));
   EXPECT_EQ("dir/sub/file.txt", windows);  // changed in place
-  std::string plain = "name";
-  EXPECT_EQ("name", VEL::getFileName(plain));
-  std::string trailing = "a/";
-  EXPECT_EQ("", VEL::getFileName(trailing));
 
-  EXPECT_EQ("a/b/c", VEL::joinPath("/a", nullptr, "b/", "./c"));
-  EXPECT_EQ("x/z", VEL::joinPath("x", "y", "..", "z", nullptr));
-  EXPECT_EQ("", VEL::joinPath(nullptr));
-}
-
-TEST_F(PathMappingTest, RelativeFormAndRootMembership) {
   std::string out = "stale";
   ASSERT_NE(nullptr, VEL::toRelativePath("/opt/backup/vel", out));
   EXPECT_EQ("", out);
   ASSERT_NE(nullptr, VEL::toRelativePath(" /opt//backup/vel/a/./b/ ", out));
   EXPECT_EQ("a/b", out);
-
-  for (const char* outside : {"/opt/backup/velx/a", "/opt/backup", "opt/backup/vel/a", "/etc",
-                              "/opt/backup/vel/../vel2"}) {
+  for (const char* outside :
+       {"/opt/backup/velx/a", "/opt/backup", "opt/backup/vel/a", "/opt/backup/vel/../vel2"}) {
     out = "stale";
     EXPECT_EQ(nullptr, VEL::toRelativePath(outside, out)) << outside;
     EXPECT_EQ("", out) << outside;
     EXPECT_FALSE(VEL::isInRoot(outside)) << outside;
   }
-  EXPECT_TRUE(VEL::isInRoot("/opt/backup/vel/x/../y"));
-
-  EXPECT_TRUE(VEL::isAbsolutePath("  /a"));
   EXPECT_TRUE(VEL::isAbsolutePath("\\a"));
-  EXPECT_TRUE(VEL::isAbsolutePath("/"));
-  EXPECT_FALSE(VEL::isAbsolutePath("a/b"));
-  EXPECT_FALSE(VEL::isAbsolutePath(""));
+
+  client_.ownConfig.velRoot = "/m/";  // the configured root is used as it stands
+  EXPECT_EQ("/m//x", VEL::getMirrorPath("x"));
+}
+
+TEST_F(PathsTest, GbkNamedFileIsListedAndStatedThroughTheCodeSet) {
+  veltest::writeFile(root_.sub(toGbk(kFileUtf8)), "twelve bytes");
+  DIR* dir = VEL::handleOpendir(root_.path().c_str(), "GBK");
+  ASSERT_NE(nullptr, dir);
+  std::vector<std::string> names;
+  struct dirent entry;
+  struct dirent* result = nullptr;
+  while (VEL::handleReaddir_r(dir, &entry, &result, "GBK") == 0 && result != nullptr) {
+    names.push_back(result->d_name);
+  }
+  VEL::handleClosedir(dir);
+  EXPECT_NE(names.end(), std::find(names.begin(), names.end(), kFileUtf8));
+
+  struct stat st;
+  ASSERT_EQ(0, VEL::stat(kFileUtf8.c_str(), &st, "GBK"));
+  EXPECT_EQ(12, st.st_size);
+  EXPECT_EQ(1, VEL::isFile(kFileUtf8.c_str(), "GBK"));
+  EXPECT_EQ(0, VEL::exists(kFileUtf8.c_str(), "utf-8"));  // no UTF-8 name on disk
+}
+
+TEST_F(PathsTest, ConversionRules) {
+  std::string out = "untouched";
+  EXPECT_EQ(0, VEL::codeSetConvert("UTF-8", "UNKNOWN", "abc", out));
+  EXPECT_EQ("untouched", out);
+  EXPECT_EQ(0, VEL::convertFromUtf8(out, "abc", "UNKNOWN"));  // the caller gets an empty path
+  EXPECT_EQ("", out);
+
+  // "Utf-8" is not an exact spelling: iconv runs, refuses invalid bytes, and
+  // the caller falls back to the unconverted text without a log line.
+  const std::string invalid = "h\xffi";
+  EXPECT_EQ(-1, VEL::convertFromUtf8(out, invalid, "Utf-8"));
+  EXPECT_EQ(invalid, out);
+  EXPECT_FALSE(log_.contains("codeSetConvert"));
+
+  EXPECT_EQ(-1, VEL::convertFromUtf8(out, "abcd", "UTF-32"));  // more than twice the input
+  EXPECT_EQ("abcd", out);
+  EXPECT_EQ(-1, VEL::codeSetConvert("UTF-8", "NO-SUCH-SET", "abc", out));
+  EXPECT_TRUE(log_.contains("ERROR [VEL] codeSetConvert(), iconv_open(NO-SUCH-SET, UTF-8) failed"));
+}
+
+TEST_F(PathsTest, RealPaths) {
+  veltest::makeDirs(root_.sub("real"));
+  ASSERT_EQ(0, ::symlink(root_.sub("real").c_str(), root_.sub("link").c_str()));
+  char* resolved = ::realpath(root_.sub("real").c_str(), nullptr);
+  ASSERT_NE(nullptr, resolved);
+  const std::string target = resolved;
+  std::free(resolved);
+  EXPECT_EQ(target, VEL::getRealPath(root_.sub("link/./")));
+  char* own = VEL::handleRealpath(root_.sub("link").c_str(), nullptr, "GBK");
+  ASSERT_NE(nullptr, own);
+  EXPECT_EQ(target, own);
+  ACE_OS::free(own);
+  EXPECT_EQ(1u, log_.lines("ERROR [VEL] handleRealpath(), invalid path"));  // even on success
+
+  char buffer[4096];
+  errno = 0;
+  EXPECT_EQ(nullptr, VEL::handleRealpath(std::string(4096, 'a').c_str(), buffer, "UTF-8"));
+  EXPECT_EQ(0, errno);  // refused before realpath
+  EXPECT_EQ(nullptr, VEL::handleRealpath(std::string(4095, 'a').c_str(), buffer, "UTF-8"));
+  EXPECT_NE(0, errno);
+  EXPECT_EQ("", VEL::getRealPath(root_.sub("missing")));
+  EXPECT_TRUE(
+      log_.contains("ERROR [VEL]\xc2\xa0getRealPath(),\xc2\xa0realpath\xc2\xa0"
+                    "error:2\n"));
+}
+
+TEST_F(PathsTest, ChmodRefusesTheRootAndForwardsOtherPaths) {
+  EXPECT_EQ(-1, VEL::chmod(nullptr, 0644));
+  for (const char* root : {"/", "", ".", "a/.."}) {
+    EXPECT_EQ(-1, VEL::chmod(root, 0644)) << root;
+    EXPECT_TRUE(
+        log_.contains(std::string("ERROR [VEL] chmod(") + root + ", 420), cannot operate VELRoot"));
+  }
+  EXPECT_TRUE(client_.calls.empty());
+  client_.results["chmod"] = -11;
+  EXPECT_EQ(-11, VEL::chmod(" /a//b", 0600));
+  EXPECT_EQ(std::vector<std::string>{"chmod( /a//b,384)"}, client_.calls);  // uncleaned
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
-// A test back-end: every slot records its call and answers with a chosen
-// status; the node lookup (slot 19) answers with chosen records. Together
-// with ScopedInstance it runs the public API in remote mode (or local mode,
-// with localOnly set) without an agent.
+// A recording test back-end: every slot appends "name(args)" to `calls` and
+// answers results["name(args)"], else results["name"], else 0; the node
+// lookup (slot 19) answers from `nodes`. Published with ScopedInstance it
+// drives the public API in remote mode (or local mode, with localOnly set)
+// without an agent.
 #ifndef VEL_TESTS_SUPPORT_FAKE_CLIENT_H_
 #define VEL_TESTS_SUPPORT_FAKE_CLIENT_H_
 
@@ -11,17 +12,18 @@
 #include <string>
 #include <vector>
 
+#include "client/instance_internal.h"
 #include "support/temp_dir.h"
 #include "vel/client.h"
 #include "vel/client_config.h"
+#include "vel/log.h"
 
 namespace veltest {
 
 // What slot 19 hands out for one path.
 struct FakeNode {
-  int32_t code = 0;        // the slot's return value
-  bool giveWrap = true;    // false: leave the caller's wrapper pointer null
-  bool giveRecord = true;  // false: a wrapper without a record
+  int32_t code = 0;      // the slot's return value
+  bool giveWrap = true;  // false: leave the caller's wrapper pointer null
   bool isFile = true;
   uint32_t mode = 0644;
   int64_t size = 0;
@@ -30,60 +32,52 @@ struct FakeNode {
 };
 
 class FakeClient : public VEL::VELClient {
- public:
-  // `root` becomes the configured mirror root.
-  explicit FakeClient(const std::string& root = "/opt/backup/vel", bool localOnly = false);
+  using S = const std::string&;
 
-  // Calls in order, e.g. "newDir(a/b,488,0)", "stat(a)", "rename(a,b)".
-  std::vector<std::string> calls;
-  // Status of each operation by name ("newDir", "listDir", "rename", ...);
-  // 0 when absent.
+ public:
+  explicit FakeClient(S root = "/opt/backup/vel", bool localOnly = false);
+
+  std::vector<std::string> calls;  // e.g. "newDir(a/b,488,0)", "putFileToRemote(a)"
   std::map<std::string, int32_t> results;
-  // Slot 19 answers by path; `missingNode` for other paths.
-  std::map<std::string, FakeNode> nodes;
-  FakeNode missingNode;  // by default: found on no path (errNo -11)
-  // Slot 11 answers by path; an unknown path lists nothing.
-  std::map<std::string, std::list<std::string>> listings;
-  // Side effects that a real back-end has on the mirror.
-  bool newDirMakesMirror = false;  // newDir creates the mirror directory
-  bool renameMovesMirror = false;  // rename / RenameDir move the mirror copy
+  std::map<std::string, FakeNode> nodes;  // other paths: not on the service (errNo -11)
+  std::map<std::string, std::list<std::string>> listings;  // slot 11 by path
+  // Effects of a real back-end on the mirror: newDir creates the directory,
+  // rename and RenameDir move the mirror copy.
+  bool newDirMakesMirror = false;
+  bool renameMovesMirror = false;
   bool localOnly;
   VEL::VELClientConfig ownConfig;
 
-  int32_t start() override;
-  int32_t stop() override;
-  int32_t release() override;
+  int32_t start() override { return record(__func__, ""); }
+  int32_t stop() override { return record(__func__, ""); }
+  int32_t release() override { return record(__func__, ""); }
   int32_t isLocalOnly() override { return localOnly ? 1 : 0; }
-  int32_t getNodeInfoFromRemote(const std::string& path, VEL::VELFileInfoWrap* out) override;
-  int32_t syncNodeFromRemote(const std::string& path, VEL::VELFileInfoMap* infoMap) override;
-  int32_t putFileToRemote(const std::string& path) override;
-  int32_t removeObjectOnRemote(const std::string& path) override;
-  int32_t syncTreeFromRemote(const std::string& path) override;
-  int32_t listDir(const std::string& path, int32_t maxDepth, bool filesOnly,
-                  std::list<std::string>& names) override;
-  int32_t newDir(const std::string& path, uint32_t mode, bool recursive) override;
-  int32_t delDir(const std::string& path, bool flag) override;
-  int32_t rename(const std::string& src, const std::string& dst) override;
-  int32_t RenameDir(const std::string& src, const std::string& dst) override;
-  int32_t renameCache(const std::string& src, const std::string& dst) override;
-  int32_t chmod(const std::string& path, uint32_t mode) override;
-  void notify() override;
-  int32_t stat(const std::string& path, VEL::VELFileInfoWrap** out) override;
-
-  // Number of recorded calls that start with `prefix`.
-  size_t count(const std::string& prefix) const;
+  int32_t getNodeInfoFromRemote(S p, VEL::VELFileInfoWrap*) override { return record(__func__, p); }
+  int32_t syncNodeFromRemote(S p, VEL::VELFileInfoMap*) override { return record(__func__, p); }
+  int32_t putFileToRemote(S p) override { return record(__func__, p); }
+  int32_t removeObjectOnRemote(S p) override { return record(__func__, p); }
+  int32_t syncTreeFromRemote(S p) override { return record(__func__, p); }
+  int32_t listDir(S path, int32_t maxDepth, bool filesOnly, std::list<std::string>& names) override;
+  int32_t newDir(S path, uint32_t mode, bool recursive) override;
+  int32_t delDir(S p, bool flag) override { return record(__func__, p + (flag ? ",1" : ",0")); }
+  int32_t rename(S src, S dst) override { return move(__func__, src, dst); }
+  int32_t RenameDir(S src, S dst) override { return move(__func__, src, dst); }
+  int32_t renameCache(S src, S dst) override { return record(__func__, src + "," + dst); }
+  int32_t chmod(S p, uint32_t m) override { return record(__func__, p + "," + std::to_string(m)); }
+  void notify() override { record(__func__, ""); }
+  int32_t stat(S path, VEL::VELFileInfoWrap** out) override;
 
  private:
-  int32_t record(const std::string& name, const std::string& args);
-  void moveMirror(const std::string& src, const std::string& dst);
+  int32_t record(S name, S args);
+  int32_t move(S name, S src, S dst);
 };
 
 // Publishes a back-end as the process-wide instance for its lifetime and
 // puts the previous one back afterwards.
 class ScopedInstance {
  public:
-  explicit ScopedInstance(VEL::VELClient* client);
-  ~ScopedInstance();
+  explicit ScopedInstance(VEL::VELClient* client) : previous_(VEL::setInstanceForTest(client)) {}
+  ~ScopedInstance() { VEL::setInstanceForTest(previous_); }
   ScopedInstance(const ScopedInstance&) = delete;
   ScopedInstance& operator=(const ScopedInstance&) = delete;
 
@@ -95,20 +89,18 @@ class ScopedInstance {
 // lifetime (the logger is reopened on entry and on exit).
 class LogCapture {
  public:
-  LogCapture();
-  ~LogCapture();
+  LogCapture() : env_("_APP_LOG_DIR", dir_.path().c_str()) { VEL::releaseLogger(); }
+  ~LogCapture() { VEL::releaseLogger(); }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  std::string text() const;
+  std::string text() const { return readFile(dir_.sub("velsdk.log")); }
   bool contains(const std::string& piece) const { return text().find(piece) != std::string::npos; }
-  // Number of lines that contain `piece`.
-  size_t lines(const std::string& piece) const;
-  // Empties the file; later lines are appended to the empty file.
-  void clear();
+  size_t lines(const std::string& piece) const;            // lines that contain `piece`
+  void clear() { writeFile(dir_.sub("velsdk.log"), ""); }  // empties the file
 
  private:
-  TempDir dir_;
+  TempDir dir_;  // before env_, which is set to its path
   ScopedEnv env_;
 };
 
