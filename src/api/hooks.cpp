@@ -18,6 +18,7 @@
 #include <string>
 #include <utility>
 
+#include "api/back_end.h"
 #include "vel/codeset.h"
 #include "vel/instance.h"
 #include "vel/listing.h"
@@ -51,16 +52,6 @@ constexpr mode_t kDirectoryBit = 0x4000;
 std::mutex& registryMutex() {
   static std::mutex mutex;
   return mutex;
-}
-
-// The back-end of the process-wide instance; logs and yields null when no
-// back-end could be created for the configured client type.
-VELClient* backEnd(const char* function) {
-  VELClient* client = getInstance();
-  if (client == nullptr) {
-    VEL_HOOK_LOG(kLogError, "[VEL] %s: failed to get the VELClient instance", function);
-  }
-  return client;
 }
 
 // Brings the parent directory of `path` into the mirror; the result is

@@ -13,6 +13,7 @@
 
 #include <ace/OS_Memory.h>
 
+#include "api/back_end.h"
 #include "vel/client.h"
 #include "vel/codeset.h"
 #include "vel/instance.h"
@@ -30,15 +31,6 @@ constexpr size_t kNameField = 256;
 constexpr size_t kDirentExtra = 281;
 constexpr uint32_t kLocalDirMode = 488;  // 0750
 const char* const kUtf8 = "UTF-8";
-
-VELClient* backEnd(const char* name) {
-  VELClient* client = getInstance();
-  if (client == nullptr) {
-    getLogger()->log(kLogError, "[VEL] %s(), Internal Error, failed to get VELClient instance.",
-                     name);
-  }
-  return client;
-}
 
 std::string baseOf(const std::string& text) {
   size_t cut = text.find_last_of("/\\");

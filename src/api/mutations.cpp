@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "api/back_end.h"
 #include "vel/client.h"
 #include "vel/codeset.h"
 #include "vel/instance.h"
@@ -26,15 +27,6 @@ constexpr int32_t kAlreadyExists = -12;
 constexpr int32_t kNotOnService = -11;
 constexpr uint32_t kAncestorMode = 488;  // 0750
 const char* const kUtf8 = "UTF-8";
-
-VELClient* backEnd(const char* name) {
-  VELClient* client = getInstance();
-  if (client == nullptr) {
-    getLogger()->log(kLogError, "[VEL] %s: Internal Error, failed to get VELClient instance.",
-                     name);
-  }
-  return client;
-}
 
 // Creates the mirror root with the caller's mode when it is missing;
 // returns 0 or the failing mkdir's result (already logged).

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "api/back_end.h"
 #include "vel/client.h"
 #include "vel/codeset.h"
 #include "vel/instance.h"
@@ -31,16 +32,6 @@ enum class Verdict { kFound, kNotFound, kFailed };
 int asInt(const void* pointer) { return static_cast<int>(reinterpret_cast<intptr_t>(pointer)); }
 
 std::string mirrorOf(const char* path) { return getMirrorPath(path != nullptr ? path : ""); }
-
-// The instance's back-end; logs and returns null when there is none.
-VELClient* backEnd(const char* name) {
-  VELClient* client = getInstance();
-  if (client == nullptr) {
-    getLogger()->log(kLogError, "[VEL] %s: Internal Error, failed to get VELClient instance.",
-                     name);
-  }
-  return client;
-}
 
 // Asks the back-end for the node and judges the answer. On kFound `info`
 // holds the record; every wrapper handed out is released here.

@@ -47,13 +47,13 @@ bool textOf(const Json::Value& value, std::string& out) {
   return false;
 }
 
-bool parseReply(const Json::Value& spec, Reply& out, std::string& error) {
-  if (!spec.isArray() || spec.size() < 1 || !spec[0].isString()) {
+bool parseReply(const Json::Value& rule, Reply& out, std::string& error) {
+  if (!rule.isArray() || rule.size() < 1 || !rule[0].isString()) {
     error = "\"reply\" must be a list [kind, value]";
     return false;
   }
-  const std::string kind = spec[0].asString();
-  const Json::Value value = spec.size() > 1 ? spec[1] : Json::Value();
+  const std::string kind = rule[0].asString();
+  const Json::Value value = rule.size() > 1 ? rule[1] : Json::Value();
   std::string text;
   if (kind == "status" || kind == "bulk" || kind == "error") {
     if (!textOf(value, text)) {
