@@ -166,6 +166,35 @@ TEST(FileAgent, PathsLeavingTheStoreOrMirrorAreRefused) {
   EXPECT_FALSE(veltest::pathExists(agent.root() + "/made"));
 }
 
+// The rules that fault tests build on: the n-th matching request alone
+// (skip + times), raw reply bytes, and a reply sent one byte at a time.
+TEST(FileAgent, RulesPickTheNthRequestAndShapeRawOrTricklingReplies) {
+  AgentFixture agent(R"([{"match": ["tarn.metadata"], "skip": 1, "times": 2,
+                          "reply": ["error", "ERR injected"]},
+                         {"match": ["tarn.dir"], "reply": ["raw", ":7\r\n"]},
+                         {"match": ["tarn.chmod"], "reply": ["status", "OK"],
+                          "trickle_ms": 150}])");
+  ASSERT_TRUE(agent.ready());
+  veltest::makeDirs(agent.store() + "/d");
+  Context c = open(agent.socketPath());
+  std::vector<std::string> answers;
+  for (int i = 0; i < 4; ++i) {
+    answers.push_back(ask(c, {"tarn.metadata", kSvc, "missing"}));
+  }
+  EXPECT_EQ((std::vector<std::string>{"$file not found", "-ERR injected", "-ERR injected",
+                                      "$file not found"}),
+            answers);
+  EXPECT_EQ(":7\r\n", rawExchange(agent.socketPath(),
+                                  "*4\r\n$8\r\ntarn.dir\r\n$11\r\nTestService\r\n"
+                                  "$1\r\nd\r\n$5\r\nfalse\r\n",
+                                  1000)
+                          .substr(0, 4));
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ("+OK", ask(c, {"tarn.chmod", kSvc, "420", "d"}));
+  // "+OK\r\n" is five bytes, each after its own pause.
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(700));
+}
+
 TEST(FileAgent, StopSignalsEndItCleanlyAndRemoveTheSocket) {
   // A client waiting on a long delay does not hold up the stop.
   AgentFixture agent(R"([{"match": ["tarn.dir"], "delay_ms": 60000}])");

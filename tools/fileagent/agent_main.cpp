@@ -35,12 +35,17 @@ const char kUsage[] =
     "  --journal FILE  append every request to FILE, one JSON array of its\n"
     "                  arguments per line, before it is answered\n"
     "  --rules FILE    JSON list of {\"match\": [leading arguments...],\n"
-    "                  \"reply\": [kind, value], \"delay_ms\": N}; kinds: \"status\",\n"
-    "                  \"bulk\", \"error\", \"int\", \"array\" (value: list of texts),\n"
-    "                  \"nil\", \"close\" (close the connection without a reply).\n"
-    "                  The first matching rule answers; without \"reply\" the request\n"
-    "                  is served normally after the delay. The file is re-read when\n"
-    "                  it changes; a missing or empty file means no rules.\n"
+    "                  \"reply\": [kind, value], \"delay_ms\": N, \"trickle_ms\": N,\n"
+    "                  \"skip\": N, \"times\": N}; kinds: \"status\", \"bulk\",\n"
+    "                  \"error\", \"int\", \"array\" (value: list of texts), \"nil\",\n"
+    "                  \"close\" (close the connection without a reply), \"raw\"\n"
+    "                  (value: bytes sent as they are). The first matching rule\n"
+    "                  answers; without \"reply\" the request is served normally\n"
+    "                  after the delay. trickle_ms sends the reply one byte at a\n"
+    "                  time with that pause before each; skip lets the first N\n"
+    "                  matching requests through; times spends the rule after N.\n"
+    "                  The file is re-read when it changes (counts start again);\n"
+    "                  a missing or empty file means no rules.\n"
     "  --help          show this text and exit\n";
 
 int gStopPipe[2] = {-1, -1};

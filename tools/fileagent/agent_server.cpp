@@ -295,7 +295,24 @@ bool Server::answer(int fd, const std::vector<std::string>& args) {
   if (reply.kind == Reply::Kind::kClose) {
     return false;
   }
-  return sendAll(fd, encode(reply));
+  std::string bytes = encode(reply);
+  if (!ruled || rule.trickleMs <= 0) {
+    return sendAll(fd, bytes);
+  }
+  // One byte at a time, so that a client's time-out can be tested against
+  // a reply that keeps arriving.
+  for (char byte : bytes) {
+    std::unique_lock<std::mutex> lock(stopMutex_);
+    if (stopCv_.wait_for(lock, std::chrono::milliseconds(rule.trickleMs),
+                         [this] { return stopping_; })) {
+      return false;
+    }
+    lock.unlock();
+    if (!sendAll(fd, std::string(1, byte))) {
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace velagent

@@ -96,6 +96,14 @@ bool parseReply(const Json::Value& rule, Reply& out, std::string& error) {
     out = Reply::close();
     return true;
   }
+  if (kind == "raw") {
+    if (!textOf(value, text)) {
+      error = "reply kind \"raw\" needs a text value";
+      return false;
+    }
+    out = Reply::raw(text);
+    return true;
+  }
   error = "unknown reply kind \"" + kind + "\"";
   return false;
 }
@@ -150,13 +158,23 @@ bool Rules::parse(const std::string& text, std::vector<Rule>& out, std::string& 
         return false;
       }
     }
-    const Json::Value& delay = item["delay_ms"];
-    if (!delay.isNull()) {
-      if (!delay.isIntegral() || delay.asInt64() < 0 || delay.asInt64() > 3600000) {
-        error = "\"delay_ms\" must be a non-negative integer";
+    struct Count {
+      const char* key;
+      long* target;
+      long long limit;
+    };
+    for (const Count& count :
+         {Count{"delay_ms", &rule.delayMs, 3600000}, Count{"trickle_ms", &rule.trickleMs, 60000},
+          Count{"skip", &rule.skip, 1000000000}, Count{"times", &rule.times, 1000000000}}) {
+      const Json::Value& value = item[count.key];
+      if (value.isNull()) {
+        continue;
+      }
+      if (!value.isIntegral() || value.asInt64() < 0 || value.asInt64() > count.limit) {
+        error = std::string("\"") + count.key + "\" must be a non-negative integer";
         return false;
       }
-      rule.delayMs = static_cast<long>(delay.asInt64());
+      *count.target = static_cast<long>(value.asInt64());
     }
     out.push_back(std::move(rule));
   }
@@ -199,7 +217,7 @@ bool Rules::find(const std::vector<std::string>& args, Rule& out) {
   }
   std::lock_guard<std::mutex> lock(mutex_);
   refresh();
-  for (const Rule& rule : rules_) {
+  for (Rule& rule : rules_) {
     if (rule.match.size() > args.size()) {
       continue;
     }
@@ -207,10 +225,14 @@ bool Rules::find(const std::vector<std::string>& args, Rule& out) {
     for (size_t i = 0; i < rule.match.size() && same; ++i) {
       same = rule.match[i] == args[i];
     }
-    if (same) {
-      out = rule;
-      return true;
+    if (!same || (rule.times >= 0 && rule.seen >= rule.skip + rule.times)) {
+      continue;
     }
+    if (rule.seen++ < rule.skip) {
+      continue;
+    }
+    out = rule;
+    return true;
   }
   return false;
 }

@@ -32,11 +32,18 @@ class Journal {
 };
 
 // A rule answers every request whose leading arguments equal `match`.
+// With `skip` it lets that many matching requests pass untouched first;
+// with `times` it applies to that many requests and is then spent. The
+// counts start again whenever the rules file is re-read.
 struct Rule {
   std::vector<std::string> match;
   bool hasReply = false;  // without a reply the request is served normally
   Reply reply;
   long delayMs = 0;
+  long trickleMs = 0;  // pause before each byte of the reply
+  long skip = 0;
+  long times = -1;  // -1: no limit
+  long seen = 0;    // matching requests so far
 };
 
 // The rules file, re-read whenever its identity, size or time changes.

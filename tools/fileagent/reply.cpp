@@ -47,6 +47,13 @@ Reply Reply::close() {
   return r;
 }
 
+Reply Reply::raw(const std::string& bytes) {
+  Reply r;
+  r.kind = Kind::kRaw;
+  r.text = bytes;
+  return r;
+}
+
 namespace {
 
 std::string oneLine(const std::string& text) {
@@ -94,6 +101,9 @@ std::string encode(const Reply& reply) {
       out = "$-1\r\n";
       break;
     case Reply::Kind::kClose:
+      break;
+    case Reply::Kind::kRaw:
+      out = reply.text;
       break;
   }
   return out;

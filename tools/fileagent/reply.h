@@ -8,9 +8,9 @@
 namespace velagent {
 
 struct Reply {
-  enum class Kind { kStatus, kBulk, kError, kInt, kArray, kNil, kClose };
+  enum class Kind { kStatus, kBulk, kError, kInt, kArray, kNil, kClose, kRaw };
   Kind kind = Kind::kNil;
-  std::string text;                // status, bulk or error text
+  std::string text;                // status, bulk, error text or raw bytes
   long long number = 0;            // integer reply
   std::vector<std::string> items;  // array reply (bulk elements)
 
@@ -22,6 +22,9 @@ struct Reply {
   static Reply array(std::vector<std::string> items);
   static Reply nil();
   static Reply close();
+  // Bytes sent exactly as given: lets tests craft malformed or oversized
+  // replies.
+  static Reply raw(const std::string& bytes);
 };
 
 // The RESP bytes of `reply` ("" for a close). Status and error texts are
