@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "base/tree_depth.h"
 #include "support/temp_dir.h"
 #include "vel/client_config.h"
 #include "vel/log.h"
@@ -80,6 +81,18 @@ TEST_F(ClientConfigTest, RootFromTheEnvironmentIsCleanedOnLoading) {
     config.loadConfig(nullptr);
     EXPECT_EQ("/data/mirror", config.velRoot);
   }
+}
+
+TEST_F(ClientConfigTest, TreeDepthBoundFromTheEnvironment) {
+  const std::map<std::string, int> cases = {
+      {"1", 1},    {"64", 64},   {"4096", 4096}, {"4097", 128}, {"0", 128},
+      {"-3", 128}, {"12x", 128}, {" 7", 128},    {"", 128},     {"99999999999999999999", 128}};
+  for (const auto& [text, expected] : cases) {
+    ScopedEnv env("VEL_MAX_TREE_DEPTH", text.c_str());
+    EXPECT_EQ(expected, VEL::maxTreeDepth()) << "VEL_MAX_TREE_DEPTH=" << text;
+  }
+  ScopedEnv unset("VEL_MAX_TREE_DEPTH", nullptr);
+  EXPECT_EQ(128, VEL::maxTreeDepth());
 }
 
 TEST_F(ClientConfigTest, ClientTypeFromTheInitMap) {

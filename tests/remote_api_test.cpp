@@ -198,4 +198,34 @@ TEST_F(RemoteApiTest, RenamesOfFilesAndDirectories) {
   EXPECT_EQ(readFile(mirror("busy/mine")), "mine");
 }
 
+// The push walk sends what lies in the mirror tree and nothing a link
+// leads to, and goes no deeper than the bound.
+TEST_F(RemoteApiTest, PushSkipsSymbolicLinksAndStopsAtTheDepthBound) {
+  veltest::TempDir outside;
+  veltest::writeFile(outside.sub("secret"), "not for the service");
+  mirrorFile("t/file", "mine");
+  ASSERT_EQ(::symlink(outside.path().c_str(), mirror("t/out").c_str()), 0);
+  ASSERT_EQ(::symlink(outside.sub("secret").c_str(), mirror("t/alias").c_str()), 0);
+  EXPECT_EQ(VEL::syncToServer("t", true), 0);
+  EXPECT_EQ(readFile(store("t/file")), "mine");
+  ASSERT_FALSE(pathExists(store("t/out")));
+  ASSERT_FALSE(pathExists(store("t/alias")));
+  EXPECT_EQ(countOf("tarn.uploadlocal"), 1u);
+  EXPECT_TRUE(logged("ERROR [VEL] syncToServer() Skipped symbolic link " + mirror("t/out") + "\n"));
+
+  // A loop back into the tree ends at once.
+  ASSERT_EQ(::symlink(".", mirror("t/loop").c_str()), 0);
+  agent_->clearJournal();
+  EXPECT_EQ(VEL::syncToServer("t", true), 0);
+  EXPECT_LT(requests().size(), 10u);
+
+  mirrorFile("d/1/2/3/f", "deep");
+  veltest::ScopedEnv depth("VEL_MAX_TREE_DEPTH", "2");
+  EXPECT_EQ(VEL::syncToServer("d", true), 0);
+  EXPECT_TRUE(pathExists(store("d/1/2")));
+  EXPECT_FALSE(pathExists(store("d/1/2/3")));
+  EXPECT_TRUE(logged("ERROR [VEL] syncToServer() Stopped at the depth bound 2, not sent below " +
+                     mirror("d/1/2") + "\n"));
+}
+
 }  // namespace

@@ -63,6 +63,19 @@ class VELClientTavora : public VELClient {
  private:
   // A connected agent client, or null (the caller then returns -18 or -6).
   std::unique_ptr<TarnClient> TarnGetClient();
+  // syncCurrentPath; with `strict` a skipped entry ends it with -1 and a
+  // failed lookup with the lookup's status.
+  int32_t syncListedDir(const std::string& dir, bool namesOnly, bool strict,
+                        std::list<std::string>& names);
+  // The breadth-first walk of getSubDirOrFileList's unlimited depth, `path`
+  // first in `names`. Lenient: failures are logged and 0 is returned.
+  // Strict: the first failure, a skipped entry or the depth bound ends it
+  // with that status (-1 for the last two).
+  int32_t walkTree(const std::string& path, bool namesOnly, bool strict,
+                   std::list<std::string>& names);
+  // The strict walk that fetches every node below `path`: 0 only when all
+  // of them reached the mirror.
+  int32_t pullTree(const std::string& path);
   // "tarn.move" (or "tarn.move_cache" with `cache`) of src to dst.
   int32_t moveOnRemote(const std::string& src, const std::string& dst, bool cache);
   // "tarn.remove" of one node, or of a whole tree with `tree`.

@@ -27,10 +27,12 @@ FILE* fopen(const char* path, const char* mode, const char* coding = "UTF-8");
 // Runs the after-close hook for a stream from fopen(), then closes it.
 int fclose(FILE* stream);
 
-// Pulls the node (and with withTree the whole tree) from the service.
+// Pulls the node (and with withTree the whole tree, at most
+// "VEL_MAX_TREE_DEPTH" levels deep, default 128) from the service.
 int32_t syncFromServer(const std::string& path, bool withTree);
-// Pushes the mirror node (and with recursive its tree, breadth-first) to the
-// service; returns the last entry's result.
+// Pushes the mirror node (and with recursive its tree, breadth-first, at
+// most "VEL_MAX_TREE_DEPTH" levels deep) to the service; symbolic links are
+// skipped, never followed. Returns the last entry's result.
 int32_t syncToServer(const std::string& path, bool recursive);
 
 }  // namespace VEL
