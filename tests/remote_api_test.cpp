@@ -198,6 +198,45 @@ TEST_F(RemoteApiTest, RenamesOfFilesAndDirectories) {
   EXPECT_EQ(readFile(mirror("busy/mine")), "mine");
 }
 
+// The source leaves the service only when all of the tree reached the
+// mirror and all of it the service under the new name.
+TEST_F(RemoteApiTest, DirectoryRenameKeepsTheSourceUntilTheWholeTreeMoved) {
+  storeFile("S/x", "x");
+  storeFile("S/y", "y");
+  storeFile("S/sub/z", "z");
+  const auto sourceIntact = [this] {
+    EXPECT_EQ(readFile(store("S/x")), "x");
+    EXPECT_EQ(readFile(store("S/y")), "y");
+    EXPECT_EQ(readFile(store("S/sub/z")), "z");
+    EXPECT_EQ(countOf("tarn.remove"), 0u);
+  };
+
+  // A download fails: nothing moves, the agent's status comes back.
+  agent_->setRules(
+      R"([{"match": ["tarn.downloadlocal", "TestService", "S/y"], "reply": ["error", "ERR io"]}])");
+  std::string out = stdoutOf([] { EXPECT_EQ(VEL::rename("S", "D"), -6); });
+  EXPECT_NE(out.find("syncFromServer failed in RenameDir!\n"), std::string::npos) << out;
+  EXPECT_FALSE(pathExists(mirror("D")));
+  sourceIntact();
+
+  // The tree is deeper than the walks may go: stopped before anything moves.
+  agent_->setRules("");
+  {
+    veltest::ScopedEnv depth("VEL_MAX_TREE_DEPTH", "1");
+    EXPECT_EQ(VEL::rename("S", "D"), -1);
+  }
+  EXPECT_FALSE(pathExists(mirror("D")));
+  sourceIntact();
+
+  // An upload fails, and not as the last entry (D/sub/z is): no later
+  // success hides it.
+  agent_->setRules(
+      R"([{"match": ["tarn.uploadlocal", "TestService", "D/x"], "reply": ["status", "NO"]}])");
+  EXPECT_EQ(VEL::rename("S", "D"), -6);
+  sourceIntact();
+  EXPECT_EQ(readFile(mirror("D/x")), "x");
+}
+
 // The push walk sends what lies in the mirror tree and nothing a link
 // leads to, and goes no deeper than the bound.
 TEST_F(RemoteApiTest, PushSkipsSymbolicLinksAndStopsAtTheDepthBound) {

@@ -12,6 +12,14 @@
 // where the service has a directory (also one standing where a parent
 // directory belongs) is moved aside with safeRemoveLocalObj, never deleted.
 // Listings print "====>%s === %d === %s" per name and always return 0.
+//
+// Tree walks (syncTreeFromRemote, listDir with depth 0 or -1) go at most
+// "VEL_MAX_TREE_DEPTH" levels (default 128) below their start, and skip a
+// listed entry that is not a direct child of the listed directory; both are
+// logged. RenameDir removes the source on the service only after every node
+// below it reached the mirror and every upload under the new name
+// succeeded; otherwise it returns the first failure (-1 for a local one or
+// the depth bound) and the service keeps the source.
 #ifndef VEL_CLIENT_TAVORA_H_
 #define VEL_CLIENT_TAVORA_H_
 
