@@ -237,6 +237,22 @@ TEST_F(RemoteApiTest, DirectoryRenameKeepsTheSourceUntilTheWholeTreeMoved) {
   EXPECT_EQ(readFile(mirror("D/x")), "x");
 }
 
+// Set-user-ID, set-group-ID and sticky bits of the service stay out of the
+// mirror; the queries still report what the service said.
+TEST_F(RemoteApiTest, ServiceModesReachTheMirrorAsPermissionBitsOnly) {
+  storeDir("m", 01751);
+  storeDir("m/s", 06705);
+  EXPECT_EQ(VEL::syncFromServer("m/s", false), 0);
+  EXPECT_EQ(permissionsOf(mirror("m")), 0751);
+  EXPECT_EQ(permissionsOf(mirror("m/s")), 0705);
+
+  ::chmod(mirror("m").c_str(), 0700);  // an existing directory only gets its mode updated
+  EXPECT_EQ(VEL::syncFromServer("m", true), 0);
+  EXPECT_EQ(permissionsOf(mirror("m")), 0751);
+  EXPECT_EQ(permissionsOf(mirror("m/s")), 0705);
+  EXPECT_EQ(VEL::getmod("m"), 01751);
+}
+
 // The push walk sends what lies in the mirror tree and nothing a link
 // leads to, and goes no deeper than the bound.
 TEST_F(RemoteApiTest, PushSkipsSymbolicLinksAndStopsAtTheDepthBound) {

@@ -16,7 +16,9 @@
 // Tree walks (syncTreeFromRemote, listDir with depth 0 or -1) go at most
 // "VEL_MAX_TREE_DEPTH" levels (default 128) below their start, and skip a
 // listed entry that is not a direct child of the listed directory; both are
-// logged. RenameDir removes the source on the service only after every node
+// logged. Modes from the service are applied to the mirror with their
+// permission bits (0777) only; the queries report them as the service sent
+// them. RenameDir removes the source on the service only after every node
 // below it reached the mirror and every upload under the new name
 // succeeded; otherwise it returns the first failure (-1 for a local one or
 // the depth bound) and the service keeps the source.

@@ -46,7 +46,9 @@ int handleStat(const char* path, struct stat* buf, const char* coding);
 // As handleStat, but a symbolic link is described itself, not its target.
 int handleLstat(const char* path, struct stat* buf, const char* coding);
 int handleAccess(const char* path, int mode, const char* coding);
-// mkdir, then chmod with the same mode whatever mkdir returned.
+// mkdir, then chmod with the same mode whatever mkdir returned, but only of
+// a directory itself: a symbolic link or a file already holding the name
+// keeps its mode (and so does a link's target).
 int handleMkdir(const char* path, mode_t mode, const char* coding);
 // -1 without calling anything when either path is null; `flag` is unused.
 int handleRename(const char* oldPath, const char* newPath, int flag, const char* coding);

@@ -22,6 +22,7 @@
 #include <ace/OS_Memory.h>
 #include <ace/Thread_Mutex.h>
 
+#include "base/dir_mode.h"
 #include "vel/client.h"
 #include "vel/instance.h"
 #include "vel/log.h"
@@ -242,8 +243,10 @@ int handleMkdir(const char* path, mode_t mode, const char* coding) {
     path = local.c_str();
   }
   int ret = ::mkdir(path, mode);
-  // Applied whatever mkdir returned, so that the umask cannot narrow the mode.
-  (void)::chmod(path, mode);
+  // Applied whatever mkdir returned, so that the umask cannot narrow the
+  // mode; but only to a directory itself, never through a link or to a file
+  // that already held the name.
+  (void)chmodDirectory(path, mode);
   return ret;
 }
 

@@ -15,6 +15,7 @@
 #include <string>
 #include <utility>
 
+#include "base/dir_mode.h"
 #include "base/tree_depth.h"
 #include "client/tavora_internal.h"
 #include "vel/client_tavora.h"
@@ -31,6 +32,7 @@ using namespace tavora;
 namespace {
 
 constexpr mode_t kMirrorRootMode = 0750;
+constexpr uint32_t kPermissionBits = 0777;
 
 bool endsWithSlash(const std::string& text) { return !text.empty() && text.back() == '/'; }
 
@@ -145,10 +147,13 @@ int32_t VELClientTavora::doSyncNodeFromRemote(const VELFileInfo& info, VELFileIn
       if (rtn != kGoOn) {
         return rtn;
       }
-      int made = ::mkdir(local.c_str(), info.mode);
+      // Only permission bits: a service's set-user-ID, sticky or type bits
+      // have no business in the mirror.
+      const mode_t mode = static_cast<mode_t>(info.mode & kPermissionBits);
+      int made = ::mkdir(local.c_str(), mode);
       if (made == 0) {
         // mkdir is narrowed by the umask; the service's mode is set in full.
-        (void)::chmod(local.c_str(), info.mode);
+        (void)chmodDirectory(local.c_str(), mode);
         return 0;
       }
       VEL_TAVORA_LOG(kLogError,
@@ -180,7 +185,7 @@ int32_t VELClientTavora::DealNotFile(const std::string& localPath, const VELFile
       return kGoOn;
     }
     if (S_ISDIR(buf->st_mode)) {
-      int32_t rtn = updateLocalPermission(localPath, info.mode);
+      int32_t rtn = updateLocalPermission(localPath, info.mode & kPermissionBits);
       if (rtn != 0) {
         VEL_TAVORA_LOG(
             kLogError,
