@@ -93,6 +93,20 @@ TEST_F(MutationTest, MkdirNeverChangesALinkTargetOrAFile) {
   EXPECT_EQ(0751, permissionsOf(root_.sub("real")));
 }
 
+TEST_F(MutationTest, DelTreeRefusesTheRoot) {
+  veltest::makeDirs(root_.sub("a"));
+  writeFile(root_.sub("a/f"), "keep");
+  for (const char* root : {"", "/", ".", "a/.."}) {
+    EXPECT_EQ(-1, VEL::delTree(root, "UTF-8")) << root;
+  }
+  EXPECT_EQ("keep", readFile(root_.sub("a/f")));
+  EXPECT_TRUE(log_.contains("ERROR [VEL] delTree(a/..), cannot operate VELRoot\n"));
+  client_.localOnly = false;
+  EXPECT_EQ(-1, VEL::delTree("/", "UTF-8"));
+  EXPECT_EQ("keep", readFile(root_.sub("a/f")));
+  EXPECT_TRUE(client_.calls.empty());
+}
+
 TEST_F(MutationTest, LocalRemovalAndTreeDeletion) {
   veltest::makeDirs(root_.sub("full/inner"));
   writeFile(root_.sub("file"), "data");
@@ -141,9 +155,15 @@ TEST_F(MutationTest, RemoteRemovalAndRenameTrustTheService) {
   client_.results["removeObjectOnRemote"] = -11;  // unknown to the service: it goes
   EXPECT_EQ(0, VEL::rmdir("d1", "UTF-8"));
   EXPECT_FALSE(pathExists(root_.sub("d1")));
-  client_.results["delDir"] = -18;
+  veltest::makeDirs(root_.sub("t"));
+  writeFile(root_.sub("t/unsent"), "draft");
+  client_.results["delDir"] = -18;  // the service keeps the tree, so does the mirror
   EXPECT_EQ(-18, VEL::delTree("t", "UTF-8"));
   EXPECT_EQ("delDir(t,1)", client_.calls.back());
+  EXPECT_EQ("draft", readFile(root_.sub("t/unsent")));
+  client_.results["delDir"] = 0;
+  EXPECT_EQ(0, VEL::delTree("t", "UTF-8"));
+  EXPECT_FALSE(pathExists(root_.sub("t")));
 
   veltest::makeDirs(root_.sub("d1"));
   veltest::FakeNode dir;

@@ -51,6 +51,7 @@ TEST_F(RemoteFailureTest, WithoutAgentEveryCallFailsAndKeepsTheMirror) {
   EXPECT_EQ(VEL::afterWrite("w/doc"), -18);
   EXPECT_EQ(VEL::rename("w/doc", "w/doc2"), -6);
   EXPECT_EQ(VEL::chmod("w/doc", 0600), -6);
+  EXPECT_EQ(VEL::delTree("w"), -18);
   struct stat st;
   EXPECT_EQ(VEL::stat("w/doc", &st), -1);
   struct dirent** names = nullptr;
@@ -82,6 +83,7 @@ TEST_F(RemoteFailureTest, RefusedAndDroppedRepliesKeepTheMirror) {
     EXPECT_EQ(VEL::chmod("w/doc", 0600), -6);
     EXPECT_EQ(VEL::unlink("w/doc"), -6);
     EXPECT_EQ(VEL::rmdir("w/sub"), 0);
+    EXPECT_EQ(VEL::delTree("w"), -6);
     // Reading goes on with the local copy.
     FILE* in = VEL::fopen("w/doc", "r");
     ASSERT_NE(in, nullptr);
