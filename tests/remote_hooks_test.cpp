@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <ios>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "remote_fixture.h"
 #include "vel/fstream.h"
@@ -128,6 +130,36 @@ TEST_F(RemoteHooksTest, StreamThatNeverOpenedSendsNothingOnClose) {
   EXPECT_EQ(VEL::fclose(nullptr), EOF);        // ... so its close sends nothing
   EXPECT_EQ(countOf("tarn.uploadlocal"), 0u);
   EXPECT_EQ(readFile(store("h/f")), "newer service copy");
+}
+
+// A closed stream is forgotten: another stream that the allocator puts at
+// the same address and that fopen never saw is not taken for it.
+TEST_F(RemoteHooksTest, FcloseForgetsTheStreamSoItsAddressCanBeReused) {
+  storeDir("r", 0755);
+  FILE* mine = VEL::fopen("r/mine", "w");
+  ASSERT_NE(mine, nullptr);
+  const uintptr_t closed = reinterpret_cast<uintptr_t>(mine);
+  EXPECT_EQ(VEL::fclose(mine), 0);
+  EXPECT_EQ(countOf("tarn.uploadlocal TestService r/mine"), 1u);
+  EXPECT_TRUE(logged("ERROR [VEL] fclose(), getFileOpenMode: path: r/mine, mode: w\n"));
+
+  veltest::TempDir other;
+  veltest::writeFile(other.sub("x"), "x");
+  std::vector<FILE*> foreign;
+  bool reused = false;
+  for (int i = 0; i < 8 && !reused; ++i) {
+    FILE* f = std::fopen(other.sub("x").c_str(), "r");
+    ASSERT_NE(f, nullptr);
+    foreign.push_back(f);
+    reused = reinterpret_cast<uintptr_t>(f) == closed;
+  }
+  for (FILE* f : foreign) {
+    EXPECT_EQ(VEL::fclose(f), 0);
+  }
+  EXPECT_EQ(countOf("tarn.uploadlocal"), 1u) << (reused ? "address reused" : "address not reused");
+  std::string path;
+  std::string mode;
+  EXPECT_FALSE(VEL::getInstance()->getFileOpenMode(reinterpret_cast<FILE*>(closed), path, mode));
 }
 
 }  // namespace

@@ -24,7 +24,9 @@ int32_t afterCloseFile(const char* path, const char* mode);
 
 // Opens the mirror copy of `path` after the before-open hook.
 FILE* fopen(const char* path, const char* mode, const char* coding = "UTF-8");
-// Runs the after-close hook for a stream from fopen(), then closes it.
+// Runs the after-close hook for a stream from fopen() and forgets the
+// stream, then closes it. A stream fopen() did not open (or null) is only
+// closed: nothing is sent to the service for it.
 int fclose(FILE* stream);
 
 // Pulls the node (and with withTree the whole tree, at most

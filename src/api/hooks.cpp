@@ -241,7 +241,7 @@ int fclose(FILE* stream) {
   VELClient* client = getInstance();
   if (client != nullptr && stream != nullptr) {
     std::lock_guard<std::mutex> guard(registryMutex());
-    known = client->getFileOpenMode(stream, path, mode);
+    known = client->takeFileOpenMode(stream, path, mode);
   }
   if (!known) {
     VEL_HOOK_LOG(kLogError, "[VEL] fclose(), failed to call getFileOpenMode()");
