@@ -59,7 +59,9 @@ int handleScandir(const char* dir, struct dirent*** namelist, int (*selector)(co
                   int (*compar)(const struct dirent**, const struct dirent**), const char* coding);
 FILE* handleFopen(const char* path, const char* mode, const char* coding);
 int handleClosedir(DIR* dir);
-// 1 when `result` is null; converts the entry's name back to UTF-8.
+// 1 when `result` is null; converts the entry's name back to UTF-8. A
+// converted name that does not fit the entry's d_name ends the call with
+// ENAMETOOLONG and a null *result (logged); nothing is written past d_name.
 int handleReaddir_r(DIR* dir, struct dirent* entry, struct dirent** result, const char* coding);
 
 // Changes the permission bits of a node through the back-end; refuses a
