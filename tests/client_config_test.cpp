@@ -83,6 +83,23 @@ TEST_F(ClientConfigTest, RootFromTheEnvironmentIsCleanedOnLoading) {
   }
 }
 
+// A root that cleans to "/" (or to nothing, which makes every mirror path
+// absolute below "/") would make the file-system root the mirror. Checked
+// on the record alone: init() would create the module folders there.
+TEST_F(ClientConfigTest, RootThatCleansToTheFileSystemRootIsRefused) {
+  for (const char* root : {"/", "//", "/..", " / ./ ", ""}) {
+    ScopedEnv env("TARN_ROOT_DIR", root);
+    VEL::VELClientConfig config;
+    config.loadConfig(nullptr);
+    EXPECT_EQ("/opt/backup/vel", config.velRoot) << "TARN_ROOT_DIR=\"" << root << "\"";
+    EXPECT_NE(std::string::npos,
+              logText().find("ERROR [VEL] VELClientConfig::loadConfig: Refused mirror root \"" +
+                             std::string(root) +
+                             "\", it is the file-system root; velRoot=/opt/backup/vel\n"))
+        << root;
+  }
+}
+
 TEST_F(ClientConfigTest, TreeDepthBoundFromTheEnvironment) {
   const std::map<std::string, int> cases = {
       {"1", 1},    {"64", 64},   {"4096", 4096}, {"4097", 128}, {"0", 128},
