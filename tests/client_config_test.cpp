@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "base/tree_depth.h"
 #include "support/temp_dir.h"
 #include "vel/client_config.h"
 #include "vel/log.h"
@@ -80,6 +81,35 @@ TEST_F(ClientConfigTest, RootFromTheEnvironmentIsCleanedOnLoading) {
     config.loadConfig(nullptr);
     EXPECT_EQ("/data/mirror", config.velRoot);
   }
+}
+
+// A root that cleans to "/" (or to nothing, which makes every mirror path
+// absolute below "/") would make the file-system root the mirror. Checked
+// on the record alone: init() would create the module folders there.
+TEST_F(ClientConfigTest, RootThatCleansToTheFileSystemRootIsRefused) {
+  for (const char* root : {"/", "//", "/..", " / ./ ", ""}) {
+    ScopedEnv env("TARN_ROOT_DIR", root);
+    VEL::VELClientConfig config;
+    config.loadConfig(nullptr);
+    EXPECT_EQ("/opt/backup/vel", config.velRoot) << "TARN_ROOT_DIR=\"" << root << "\"";
+    EXPECT_NE(std::string::npos,
+              logText().find("ERROR [VEL] VELClientConfig::loadConfig: Refused mirror root \"" +
+                             std::string(root) +
+                             "\", it is the file-system root; velRoot=/opt/backup/vel\n"))
+        << root;
+  }
+}
+
+TEST_F(ClientConfigTest, TreeDepthBoundFromTheEnvironment) {
+  const std::map<std::string, int> cases = {
+      {"1", 1},    {"64", 64},   {"4096", 4096}, {"4097", 128}, {"0", 128},
+      {"-3", 128}, {"12x", 128}, {" 7", 128},    {"", 128},     {"99999999999999999999", 128}};
+  for (const auto& [text, expected] : cases) {
+    ScopedEnv env("VEL_MAX_TREE_DEPTH", text.c_str());
+    EXPECT_EQ(expected, VEL::maxTreeDepth()) << "VEL_MAX_TREE_DEPTH=" << text;
+  }
+  ScopedEnv unset("VEL_MAX_TREE_DEPTH", nullptr);
+  EXPECT_EQ(128, VEL::maxTreeDepth());
 }
 
 TEST_F(ClientConfigTest, ClientTypeFromTheInitMap) {

@@ -67,6 +67,46 @@ TEST_F(MutationTest, CreateLocalDirsGivesAncestors0750AndTheLeafItsMode) {
   EXPECT_EQ(0700, permissionsOf(root_.sub("new/root/x")));
 }
 
+// The mode given to a mkdir is applied to the new (or existing) directory
+// only: never through a link in the mirror, never to a file.
+TEST_F(MutationTest, MkdirNeverChangesALinkTargetOrAFile) {
+  veltest::TempDir outside;
+  veltest::makeDirs(outside.sub("folder"), 0700);
+  ::chmod(outside.sub("folder").c_str(), 0700);
+  writeFile(outside.sub("file"), "");
+  ::chmod(outside.sub("file").c_str(), 0600);
+  ASSERT_EQ(0, ::symlink(outside.sub("folder").c_str(), root_.sub("dirlink").c_str()));
+  ASSERT_EQ(0, ::symlink(outside.sub("file").c_str(), root_.sub("filelink").c_str()));
+  writeFile(root_.sub("plain"), "");
+  ::chmod(root_.sub("plain").c_str(), 0640);
+
+  EXPECT_EQ(-1, VEL::mkdir("dirlink", 0777, "UTF-8"));
+  EXPECT_EQ(0, VEL::createLocalDirs("dirlink", 0777));  // a directory already, through the link
+  EXPECT_EQ(-1, VEL::createLocalDirs("filelink", 0777));
+  EXPECT_EQ(-1, VEL::createLocalDirs("plain", 0777));
+  EXPECT_EQ(0700, permissionsOf(outside.sub("folder")));
+  EXPECT_EQ(0600, permissionsOf(outside.sub("file")));
+  EXPECT_EQ(0640, permissionsOf(root_.sub("plain")));
+
+  veltest::makeDirs(root_.sub("real"), 0700);  // a real directory still gets the mode
+  EXPECT_EQ(-1, VEL::mkdir("real", 0751, "UTF-8"));
+  EXPECT_EQ(0751, permissionsOf(root_.sub("real")));
+}
+
+TEST_F(MutationTest, DelTreeRefusesTheRoot) {
+  veltest::makeDirs(root_.sub("a"));
+  writeFile(root_.sub("a/f"), "keep");
+  for (const char* root : {"", "/", ".", "a/.."}) {
+    EXPECT_EQ(-1, VEL::delTree(root, "UTF-8")) << root;
+  }
+  EXPECT_EQ("keep", readFile(root_.sub("a/f")));
+  EXPECT_TRUE(log_.contains("ERROR [VEL] delTree(a/..), cannot operate VELRoot\n"));
+  client_.localOnly = false;
+  EXPECT_EQ(-1, VEL::delTree("/", "UTF-8"));
+  EXPECT_EQ("keep", readFile(root_.sub("a/f")));
+  EXPECT_TRUE(client_.calls.empty());
+}
+
 TEST_F(MutationTest, LocalRemovalAndTreeDeletion) {
   veltest::makeDirs(root_.sub("full/inner"));
   writeFile(root_.sub("file"), "data");
@@ -115,9 +155,15 @@ TEST_F(MutationTest, RemoteRemovalAndRenameTrustTheService) {
   client_.results["removeObjectOnRemote"] = -11;  // unknown to the service: it goes
   EXPECT_EQ(0, VEL::rmdir("d1", "UTF-8"));
   EXPECT_FALSE(pathExists(root_.sub("d1")));
-  client_.results["delDir"] = -18;
+  veltest::makeDirs(root_.sub("t"));
+  writeFile(root_.sub("t/unsent"), "draft");
+  client_.results["delDir"] = -18;  // the service keeps the tree, so does the mirror
   EXPECT_EQ(-18, VEL::delTree("t", "UTF-8"));
   EXPECT_EQ("delDir(t,1)", client_.calls.back());
+  EXPECT_EQ("draft", readFile(root_.sub("t/unsent")));
+  client_.results["delDir"] = 0;
+  EXPECT_EQ(0, VEL::delTree("t", "UTF-8"));
+  EXPECT_FALSE(pathExists(root_.sub("t")));
 
   veltest::makeDirs(root_.sub("d1"));
   veltest::FakeNode dir;

@@ -2,11 +2,13 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <iconv.h>
+#include <sanitizer/asan_interface.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <random>
 #include <string>
@@ -143,6 +145,52 @@ TEST_F(PathsTest, GbkNamedFileIsListedAndStatedThroughTheCodeSet) {
   ASSERT_EQ(0, VEL::stat(kFileUtf8.c_str(), &st, "GBK"));
   EXPECT_EQ(12, st.st_size);
   EXPECT_EQ(0, VEL::exists(kFileUtf8.c_str(), "utf-8"));  // no UTF-8 name on disk
+}
+
+// A name of 255 Latin-1 bytes converts to 510 bytes of UTF-8: more than an
+// entry's d_name holds. The call ends with an error; nothing past d_name is
+// written, and names that fit still convert.
+TEST_F(PathsTest, ConvertedNameLongerThanAnEntryEndsTheCallWithoutOverflow) {
+  const std::string longName(255, '\xe9');  // "é" in ISO-8859-1
+  const std::string shortName(100, '\xe9');
+  veltest::writeFile(root_.sub(longName), "");
+  veltest::writeFile(root_.sub(shortName), "");
+  DIR* dir = VEL::handleOpendir(root_.path().c_str(), "ISO-8859-1");
+  ASSERT_NE(nullptr, dir);
+  struct Guarded {
+    struct dirent entry;
+    unsigned char after[512];
+  } buffer;
+  std::memset(&buffer, 0, sizeof(buffer));
+  std::memset(buffer.after, 0x5A, sizeof(buffer.after));
+  // Under AddressSanitizer a write past d_name is reported at once.
+  ASAN_POISON_MEMORY_REGION(buffer.after, sizeof(buffer.after));
+  std::vector<std::string> names;
+  int tooLong = 0;
+  for (int i = 0; i < 8; ++i) {
+    struct dirent* result = &buffer.entry;
+    int ret = VEL::handleReaddir_r(dir, &buffer.entry, &result, "ISO-8859-1");
+    if (ret == ENAMETOOLONG) {
+      ++tooLong;
+      EXPECT_EQ(nullptr, result);
+      continue;
+    }
+    if (ret != 0 || result == nullptr) {
+      EXPECT_EQ(0, ret);
+      break;
+    }
+    names.push_back(result->d_name);
+  }
+  VEL::handleClosedir(dir);
+  ASAN_UNPOISON_MEMORY_REGION(buffer.after, sizeof(buffer.after));
+  EXPECT_EQ(1, tooLong);
+  EXPECT_EQ(std::string(512, '\x5A'),
+            std::string(reinterpret_cast<const char*>(buffer.after), sizeof(buffer.after)));
+  std::string shortUtf8;
+  for (int i = 0; i < 100; ++i) shortUtf8 += "\xc3\xa9";
+  EXPECT_NE(names.end(), std::find(names.begin(), names.end(), shortUtf8));
+  EXPECT_TRUE(log_.contains("ERROR [VEL] handleReaddir_r(): converted name of \""));
+  EXPECT_TRUE(log_.contains("\" takes 510 bytes, more than the 255 of an entry\n"));
 }
 
 TEST_F(PathsTest, ConversionRules) {

@@ -198,4 +198,89 @@ TEST_F(RemoteApiTest, RenamesOfFilesAndDirectories) {
   EXPECT_EQ(readFile(mirror("busy/mine")), "mine");
 }
 
+// The source leaves the service only when all of the tree reached the
+// mirror and all of it the service under the new name.
+TEST_F(RemoteApiTest, DirectoryRenameKeepsTheSourceUntilTheWholeTreeMoved) {
+  storeFile("S/x", "x");
+  storeFile("S/y", "y");
+  storeFile("S/sub/z", "z");
+  const auto sourceIntact = [this] {
+    EXPECT_EQ(readFile(store("S/x")), "x");
+    EXPECT_EQ(readFile(store("S/y")), "y");
+    EXPECT_EQ(readFile(store("S/sub/z")), "z");
+    EXPECT_EQ(countOf("tarn.remove"), 0u);
+  };
+
+  // A download fails: nothing moves, the agent's status comes back.
+  agent_->setRules(
+      R"([{"match": ["tarn.downloadlocal", "TestService", "S/y"], "reply": ["error", "ERR io"]}])");
+  std::string out = stdoutOf([] { EXPECT_EQ(VEL::rename("S", "D"), -6); });
+  EXPECT_NE(out.find("syncFromServer failed in RenameDir!\n"), std::string::npos) << out;
+  EXPECT_FALSE(pathExists(mirror("D")));
+  sourceIntact();
+
+  // The tree is deeper than the walks may go: stopped before anything moves.
+  agent_->setRules("");
+  {
+    veltest::ScopedEnv depth("VEL_MAX_TREE_DEPTH", "1");
+    EXPECT_EQ(VEL::rename("S", "D"), -1);
+  }
+  EXPECT_FALSE(pathExists(mirror("D")));
+  sourceIntact();
+
+  // An upload fails, and not as the last entry (D/sub/z is): no later
+  // success hides it.
+  agent_->setRules(
+      R"([{"match": ["tarn.uploadlocal", "TestService", "D/x"], "reply": ["status", "NO"]}])");
+  EXPECT_EQ(VEL::rename("S", "D"), -6);
+  sourceIntact();
+  EXPECT_EQ(readFile(mirror("D/x")), "x");
+}
+
+// Set-user-ID, set-group-ID and sticky bits of the service stay out of the
+// mirror; the queries still report what the service said.
+TEST_F(RemoteApiTest, ServiceModesReachTheMirrorAsPermissionBitsOnly) {
+  storeDir("m", 01751);
+  storeDir("m/s", 06705);
+  EXPECT_EQ(VEL::syncFromServer("m/s", false), 0);
+  EXPECT_EQ(permissionsOf(mirror("m")), 0751);
+  EXPECT_EQ(permissionsOf(mirror("m/s")), 0705);
+
+  ::chmod(mirror("m").c_str(), 0700);  // an existing directory only gets its mode updated
+  EXPECT_EQ(VEL::syncFromServer("m", true), 0);
+  EXPECT_EQ(permissionsOf(mirror("m")), 0751);
+  EXPECT_EQ(permissionsOf(mirror("m/s")), 0705);
+  EXPECT_EQ(VEL::getmod("m"), 01751);
+}
+
+// The push walk sends what lies in the mirror tree and nothing a link
+// leads to, and goes no deeper than the bound.
+TEST_F(RemoteApiTest, PushSkipsSymbolicLinksAndStopsAtTheDepthBound) {
+  veltest::TempDir outside;
+  veltest::writeFile(outside.sub("secret"), "not for the service");
+  mirrorFile("t/file", "mine");
+  ASSERT_EQ(::symlink(outside.path().c_str(), mirror("t/out").c_str()), 0);
+  ASSERT_EQ(::symlink(outside.sub("secret").c_str(), mirror("t/alias").c_str()), 0);
+  EXPECT_EQ(VEL::syncToServer("t", true), 0);
+  EXPECT_EQ(readFile(store("t/file")), "mine");
+  ASSERT_FALSE(pathExists(store("t/out")));
+  ASSERT_FALSE(pathExists(store("t/alias")));
+  EXPECT_EQ(countOf("tarn.uploadlocal"), 1u);
+  EXPECT_TRUE(logged("ERROR [VEL] syncToServer() Skipped symbolic link " + mirror("t/out") + "\n"));
+
+  // A loop back into the tree ends at once.
+  ASSERT_EQ(::symlink(".", mirror("t/loop").c_str()), 0);
+  agent_->clearJournal();
+  EXPECT_EQ(VEL::syncToServer("t", true), 0);
+  EXPECT_LT(requests().size(), 10u);
+
+  mirrorFile("d/1/2/3/f", "deep");
+  veltest::ScopedEnv depth("VEL_MAX_TREE_DEPTH", "2");
+  EXPECT_EQ(VEL::syncToServer("d", true), 0);
+  EXPECT_TRUE(pathExists(store("d/1/2")));
+  EXPECT_FALSE(pathExists(store("d/1/2/3")));
+  EXPECT_TRUE(logged("ERROR [VEL] syncToServer() Stopped at the depth bound 2, not sent below " +
+                     mirror("d/1/2") + "\n"));
+}
+
 }  // namespace

@@ -51,6 +51,7 @@ TEST_F(RemoteFailureTest, WithoutAgentEveryCallFailsAndKeepsTheMirror) {
   EXPECT_EQ(VEL::afterWrite("w/doc"), -18);
   EXPECT_EQ(VEL::rename("w/doc", "w/doc2"), -6);
   EXPECT_EQ(VEL::chmod("w/doc", 0600), -6);
+  EXPECT_EQ(VEL::delTree("w"), -18);
   struct stat st;
   EXPECT_EQ(VEL::stat("w/doc", &st), -1);
   struct dirent** names = nullptr;
@@ -82,6 +83,7 @@ TEST_F(RemoteFailureTest, RefusedAndDroppedRepliesKeepTheMirror) {
     EXPECT_EQ(VEL::chmod("w/doc", 0600), -6);
     EXPECT_EQ(VEL::unlink("w/doc"), -6);
     EXPECT_EQ(VEL::rmdir("w/sub"), 0);
+    EXPECT_EQ(VEL::delTree("w"), -6);
     // Reading goes on with the local copy.
     FILE* in = VEL::fopen("w/doc", "r");
     ASSERT_NE(in, nullptr);
@@ -130,6 +132,64 @@ TEST_F(RemoteFailureTest, SelfListingDirectoryIsWalkedOnce) {
   EXPECT_EQ(VEL::readDir("a", names, false, true), 1);
   EXPECT_EQ(readFile(mirror("a/f")), "f bytes");
   EXPECT_EQ(countOf("tarn.dir "), 2u);
+}
+
+// Every directory lookup answers "a directory", as a store with a loop or
+// a hostile agent would.
+const char kAnyDirectory[] =
+    R"({"match": ["tarn.metadata"], "reply": ["bulk", "{\"Name\":\"x\",\"Kind\":\"dir\",)"
+    R"(\"LastModifiedTime\":\"2024-01-01T00:00:00+0000\",\"AccessAllowRoles\":\"all\",)"
+    R"(\"mode\":488}"]})";
+
+// Each directory t, t/x/, t/x/x/, ... lists one more level below itself,
+// 40 times: the walks must stop at the depth bound, not at the end
+// of the rules.
+TEST_F(RemoteFailureTest, SelfSimilarListingStopsAtTheDepthBound) {
+  std::string rules = "[";
+  std::string dir = "t";
+  for (int level = 0; level < 40; ++level) {
+    std::string child = (level == 0 ? dir + "/" : dir) + "x/";
+    rules += R"({"match": ["tarn.dir", "TestService", ")" + dir + R"("], "reply": ["array", [")" +
+             child + R"("]]},)";
+    dir = child;
+  }
+  agent_->setRules(rules + kAnyDirectory + "]");
+  veltest::ScopedEnv depth("VEL_MAX_TREE_DEPTH", "5");
+  EXPECT_EQ(VEL::syncFromServer("t", true), 0);
+  EXPECT_TRUE(veltest::pathExists(mirror("t/x/x/x/x/x")));
+  EXPECT_FALSE(veltest::pathExists(mirror("t/x/x/x/x/x/x")));
+  EXPECT_TRUE(
+      logged("ERROR [VEL] VELClientTavora::getSubDirOrFileList() Stopped at the depth bound 5, "
+             "not listed: t/x/x/x/x/x/\n"));
+
+  std::list<std::string> names;
+  EXPECT_EQ(VEL::readDir("t", names, false, true), 1);
+  EXPECT_EQ(names, (std::list<std::string>{"t", "x", "x/x", "x/x/x", "x/x/x/x", "x/x/x/x/x"}));
+  std::list<std::string> levels;  // an explicit depth is bounded as well
+  EXPECT_EQ(VEL::getInstance()->listDir("t", 50, false, levels), 0);
+  EXPECT_EQ(levels.size(), 5u);
+}
+
+// Entries that are not a name directly below the listed directory would be
+// cleaned into the mirror somewhere else: they are skipped and logged.
+TEST_F(RemoteFailureTest, ListedEntriesOutsideTheListedDirectoryAreSkipped) {
+  agent_->setRules(R"([{"match": ["tarn.dir", "TestService", "h"], "reply": ["array", ["h/ok/", )"
+                   R"("h/../../evil/", "/abs/", "h/a/b/", "h/./", "h/../", "other/x/", "h/ sp/", )"
+                   R"("h/c\\..\\..\\bs/", "h/"]]},)" +
+                   std::string(kAnyDirectory) + "]");
+  EXPECT_EQ(VEL::syncFromServer("h", true), 0);
+  EXPECT_TRUE(veltest::pathExists(mirror("h/ok")));
+  for (const char* elsewhere : {"evil", "abs", "h/a", "other", "sp", "h/sp", "bs", "h/c"}) {
+    EXPECT_FALSE(veltest::pathExists(mirror(elsewhere))) << elsewhere;
+  }
+  EXPECT_EQ(countOf("tarn.metadata"), 2u);  // h and h/ok/ only
+  EXPECT_TRUE(
+      logged("ERROR [VEL] VELClientTavora::syncCurrentPath() Skipped \"h/../../evil/\", not "
+             "directly below \"h\"\n"));
+
+  std::list<std::string> names;
+  EXPECT_EQ(VEL::readDir("h", names, false, false), 1);
+  EXPECT_EQ(names, std::list<std::string>{"ok"});
 }
 
 }  // namespace

@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <ios>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "remote_fixture.h"
 #include "vel/fstream.h"
@@ -100,25 +102,64 @@ TEST_F(RemoteHooksTest, StreamsWriteToAndReadFromTheService) {
   EXPECT_EQ(countOf("tarn.uploadlocal"), 0u);
 }
 
-TEST_F(RemoteHooksTest, StreamWhoseOpenFailedInTheHookStillRunsTheAfterCloseHook) {
-  agent_->setRules(R"([{"match": ["tarn.metadata"], "reply": ["error", "DENIED"]}])");
+// A stream that never opened has written nothing: closing it must not send
+// the mirror's stale copy over the service's newer one.
+TEST_F(RemoteHooksTest, StreamThatNeverOpenedSendsNothingOnClose) {
+  storeFile("h/f", "newer service copy");
+  mirrorFile("h/f", "stale mirror copy");
+  agent_->setRules(R"([{"match": ["tarn.downloadlocal"], "reply": ["error", "ERR io"]}])");
   {
-    VEL::ifstream in("i/bin", std::ios_base::binary);
-    EXPECT_FALSE(in.is_open());
-    EXPECT_TRUE(in.good());
+    VEL::fstream both("h/f");  // in|out: downloads first, would upload after
+    EXPECT_FALSE(both.is_open());
+    VEL::ofstream append("h/f", std::ios_base::app);
+    EXPECT_FALSE(append.is_open());
+    append.close();
+    EXPECT_TRUE(append.fail());
   }
   EXPECT_TRUE(
-      logged("[VEL] ifstream::open(), failed to call beforeOpenStream: i/bin(12), errCode:-"));
+      logged("[VEL] fstream::open(), failed to call beforeOpenStream: h/f(24), errCode:-6"));
 
-  // in|out: the after-close hook uploads what the mirror holds.
-  mirrorFile("h/f", "local edit");
+  // The hook succeeds but the mirror file cannot be opened (a directory).
+  agent_->setRules("");
+  veltest::makeDirs(mirror("h/d"), 0750);
   {
-    VEL::fstream f("h/f");
-    EXPECT_FALSE(f.is_open());
-    EXPECT_EQ(countOf("tarn.uploadlocal"), 0u);
+    VEL::ofstream out("h/d");
+    EXPECT_FALSE(out.is_open());
   }
-  EXPECT_EQ(countOf("tarn.uploadlocal TestService h/f"), 1u);
-  EXPECT_EQ(readFile(store("h/f")), "local edit");
+  EXPECT_EQ(VEL::fopen("h/d", "w"), nullptr);  // registers nothing ...
+  EXPECT_EQ(VEL::fclose(nullptr), EOF);        // ... so its close sends nothing
+  EXPECT_EQ(countOf("tarn.uploadlocal"), 0u);
+  EXPECT_EQ(readFile(store("h/f")), "newer service copy");
+}
+
+// A closed stream is forgotten: another stream that the allocator puts at
+// the same address and that fopen never saw is not taken for it.
+TEST_F(RemoteHooksTest, FcloseForgetsTheStreamSoItsAddressCanBeReused) {
+  storeDir("r", 0755);
+  FILE* mine = VEL::fopen("r/mine", "w");
+  ASSERT_NE(mine, nullptr);
+  const uintptr_t closed = reinterpret_cast<uintptr_t>(mine);
+  EXPECT_EQ(VEL::fclose(mine), 0);
+  EXPECT_EQ(countOf("tarn.uploadlocal TestService r/mine"), 1u);
+  EXPECT_TRUE(logged("ERROR [VEL] fclose(), getFileOpenMode: path: r/mine, mode: w\n"));
+
+  veltest::TempDir other;
+  veltest::writeFile(other.sub("x"), "x");
+  std::vector<FILE*> foreign;
+  bool reused = false;
+  for (int i = 0; i < 8 && !reused; ++i) {
+    FILE* f = std::fopen(other.sub("x").c_str(), "r");
+    ASSERT_NE(f, nullptr);
+    foreign.push_back(f);
+    reused = reinterpret_cast<uintptr_t>(f) == closed;
+  }
+  for (FILE* f : foreign) {
+    EXPECT_EQ(VEL::fclose(f), 0);
+  }
+  EXPECT_EQ(countOf("tarn.uploadlocal"), 1u) << (reused ? "address reused" : "address not reused");
+  std::string path;
+  std::string mode;
+  EXPECT_FALSE(VEL::getInstance()->getFileOpenMode(reinterpret_cast<FILE*>(closed), path, mode));
 }
 
 }  // namespace

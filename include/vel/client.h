@@ -114,6 +114,9 @@ class VELClient {
   // The open-file registry: the path and fopen mode of each open stream.
   void putFileOpenMode(FILE* handle, const std::string& path, const std::string& mode);
   bool getFileOpenMode(FILE* handle, std::string& path, std::string& mode);
+  // As getFileOpenMode, and the entry is removed: for a stream being closed,
+  // whose address a later stream may reuse.
+  bool takeFileOpenMode(FILE* handle, std::string& path, std::string& mode);
 
   // Client role number for a role name (0 when unknown).
   static int32_t getClientRole(const std::string& name);

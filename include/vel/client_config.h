@@ -27,8 +27,10 @@ class VELClientConfig {
   VELClientConfig();
 
   // Applies "clientType" from params (may be null), validates the type
-  // (an unknown one is logged and replaced by "Tavora"), cleans velRoot,
-  // sets httpBaseUrl for "Tavora" and bounds the retention and size limit.
+  // (an unknown one is logged and replaced by "Tavora"), cleans velRoot
+  // (a root that cleans to "/" or to nothing is logged and replaced by the
+  // default), sets httpBaseUrl for "Tavora" and bounds the retention and
+  // size limit.
   void loadConfig(const std::map<std::string, std::string>* params);
   void loadConfig(const std::map<std::string, std::string>& params) { loadConfig(&params); }
 

@@ -12,6 +12,16 @@
 // where the service has a directory (also one standing where a parent
 // directory belongs) is moved aside with safeRemoveLocalObj, never deleted.
 // Listings print "====>%s === %d === %s" per name and always return 0.
+//
+// Tree walks (syncTreeFromRemote, listDir with depth 0 or -1) go at most
+// "VEL_MAX_TREE_DEPTH" levels (default 128) below their start, and skip a
+// listed entry that is not a direct child of the listed directory; both are
+// logged. Modes from the service are applied to the mirror with their
+// permission bits (0777) only; the queries report them as the service sent
+// them. RenameDir removes the source on the service only after every node
+// below it reached the mirror and every upload under the new name
+// succeeded; otherwise it returns the first failure (-1 for a local one or
+// the depth bound) and the service keeps the source.
 #ifndef VEL_CLIENT_TAVORA_H_
 #define VEL_CLIENT_TAVORA_H_
 
@@ -63,6 +73,19 @@ class VELClientTavora : public VELClient {
  private:
   // A connected agent client, or null (the caller then returns -18 or -6).
   std::unique_ptr<TarnClient> TarnGetClient();
+  // syncCurrentPath; with `strict` a skipped entry ends it with -1 and a
+  // failed lookup with the lookup's status.
+  int32_t syncListedDir(const std::string& dir, bool namesOnly, bool strict,
+                        std::list<std::string>& names);
+  // The breadth-first walk of getSubDirOrFileList's unlimited depth, `path`
+  // first in `names`. Lenient: failures are logged and 0 is returned.
+  // Strict: the first failure, a skipped entry or the depth bound ends it
+  // with that status (-1 for the last two).
+  int32_t walkTree(const std::string& path, bool namesOnly, bool strict,
+                   std::list<std::string>& names);
+  // The strict walk that fetches every node below `path`: 0 only when all
+  // of them reached the mirror.
+  int32_t pullTree(const std::string& path);
   // "tarn.move" (or "tarn.move_cache" with `cache`) of src to dst.
   int32_t moveOnRemote(const std::string& src, const std::string& dst, bool cache);
   // "tarn.remove" of one node, or of a whole tree with `tree`.

@@ -46,7 +46,9 @@ int handleStat(const char* path, struct stat* buf, const char* coding);
 // As handleStat, but a symbolic link is described itself, not its target.
 int handleLstat(const char* path, struct stat* buf, const char* coding);
 int handleAccess(const char* path, int mode, const char* coding);
-// mkdir, then chmod with the same mode whatever mkdir returned.
+// mkdir, then chmod with the same mode whatever mkdir returned, but only of
+// a directory itself: a symbolic link or a file already holding the name
+// keeps its mode (and so does a link's target).
 int handleMkdir(const char* path, mode_t mode, const char* coding);
 // -1 without calling anything when either path is null; `flag` is unused.
 int handleRename(const char* oldPath, const char* newPath, int flag, const char* coding);
@@ -57,7 +59,9 @@ int handleScandir(const char* dir, struct dirent*** namelist, int (*selector)(co
                   int (*compar)(const struct dirent**, const struct dirent**), const char* coding);
 FILE* handleFopen(const char* path, const char* mode, const char* coding);
 int handleClosedir(DIR* dir);
-// 1 when `result` is null; converts the entry's name back to UTF-8.
+// 1 when `result` is null; converts the entry's name back to UTF-8. A
+// converted name that does not fit the entry's d_name ends the call with
+// ENAMETOOLONG and a null *result (logged); nothing is written past d_name.
 int handleReaddir_r(DIR* dir, struct dirent* entry, struct dirent** result, const char* coding);
 
 // Changes the permission bits of a node through the back-end; refuses a

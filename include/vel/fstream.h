@@ -13,11 +13,13 @@
 // run only when the stream is opened and closed through the VEL class. A
 // hook failure on open leaves is_open() false without setting failbit, so
 // callers must test is_open(). The hook status -19 (node absent on the
-// service: a new file) counts as success. Once a path was attached, close(),
-// a further open() or the destructor runs the after-close hook exactly once,
-// also when the open itself failed. A stream object belongs to one thread at
-// a time; the streams never throw unless the application sets exception
-// masks.
+// service: a new file) counts as success. Once a file was opened, close(),
+// a further open() or the destructor runs the after-close hook exactly once.
+// A stream that never opened (the hook refused, or the file buffer could not
+// open the mirror file) runs no hook when it is closed: it has written
+// nothing, and the mirror's copy may be older than the service's. A stream
+// object belongs to one thread at a time; the streams never throw unless the
+// application sets exception masks.
 #ifndef VEL_FSTREAM_H_
 #define VEL_FSTREAM_H_
 
@@ -30,8 +32,9 @@
 namespace VEL {
 
 // What a stream remembers between open() and close(): the cleaned
-// application path it was last asked to open (empty when detached) and the
-// open-mode bits handed to the hooks, including the bit the class adds.
+// application path it was last asked to open (empty when detached), the
+// open-mode bits handed to the hooks, including the bit the class adds, and
+// whether the file buffer opened the mirror file.
 class VelFStreamImpl {
  public:
   VelFStreamImpl() = default;
@@ -49,13 +52,16 @@ class VelFStreamImpl {
   bool attach(const char* path, int32_t mode, const char* className, bool* hookOk);
   // The mirror path of the attached file.
   std::string mirrorPath() const;
-  // Runs afterCloseStream() for an attached stream (logging a failure) and
-  // detaches it. Does nothing when detached.
+  // Records that the file buffer opened the attached file.
+  void markOpened() { opened_ = true; }
+  // Detaches the stream. Runs afterCloseStream() (logging a failure) only
+  // when the attached file was opened. Does nothing when detached.
   void detach();
 
  private:
   std::string path_;
   int32_t mode_ = 0;
+  bool opened_ = false;
 };
 
 class fstream : public std::basic_fstream<char> {

@@ -24,13 +24,17 @@ int32_t afterCloseFile(const char* path, const char* mode);
 
 // Opens the mirror copy of `path` after the before-open hook.
 FILE* fopen(const char* path, const char* mode, const char* coding = "UTF-8");
-// Runs the after-close hook for a stream from fopen(), then closes it.
+// Runs the after-close hook for a stream from fopen() and forgets the
+// stream, then closes it. A stream fopen() did not open (or null) is only
+// closed: nothing is sent to the service for it.
 int fclose(FILE* stream);
 
-// Pulls the node (and with withTree the whole tree) from the service.
+// Pulls the node (and with withTree the whole tree, at most
+// "VEL_MAX_TREE_DEPTH" levels deep, default 128) from the service.
 int32_t syncFromServer(const std::string& path, bool withTree);
-// Pushes the mirror node (and with recursive its tree, breadth-first) to the
-// service; returns the last entry's result.
+// Pushes the mirror node (and with recursive its tree, breadth-first, at
+// most "VEL_MAX_TREE_DEPTH" levels deep) to the service; symbolic links are
+// skipped, never followed. Returns the last entry's result.
 int32_t syncToServer(const std::string& path, bool recursive);
 
 }  // namespace VEL

@@ -1,6 +1,6 @@
 // Namespace mutations. In remote mode each is carried out on the service
 // first and then mirrored locally; in local mode only the mirror changes.
-// delTree works on the mirror first. Thread-safe as far as the back-end is.
+// Thread-safe as far as the back-end is.
 #ifndef VEL_MUTATIONS_H_
 #define VEL_MUTATIONS_H_
 
@@ -23,6 +23,10 @@ int32_t rename(const char* oldPath, const char* newPath, int flag = 0,
 // As rename() without the "rename(): old/new" log line.
 int32_t rename2(const char* oldPath, const char* newPath, int flag = 0,
                 const char* coding = "UTF-8");
+// Removes a tree: in remote mode on the service first, and the mirror tree
+// only when the service removed it (or never had it); otherwise the
+// service's code is returned and the mirror is untouched. Refuses a path
+// that cleans to the mirror root with -1. A local failure is only logged.
 int32_t delTree(const char* path, const char* coding = "UTF-8");
 // Deletes a mirror tree (mirror path); -8 for an unsupported node type.
 int32_t delLocalTree(const std::string& mirrorPath, const char* coding = "UTF-8");

@@ -22,6 +22,7 @@
 #include <ace/OS_Memory.h>
 #include <ace/Thread_Mutex.h>
 
+#include "base/dir_mode.h"
 #include "vel/client.h"
 #include "vel/instance.h"
 #include "vel/log.h"
@@ -242,8 +243,10 @@ int handleMkdir(const char* path, mode_t mode, const char* coding) {
     path = local.c_str();
   }
   int ret = ::mkdir(path, mode);
-  // Applied whatever mkdir returned, so that the umask cannot narrow the mode.
-  (void)::chmod(path, mode);
+  // Applied whatever mkdir returned, so that the umask cannot narrow the
+  // mode; but only to a directory itself, never through a link or to a file
+  // that already held the name.
+  (void)chmodDirectory(path, mode);
   return ret;
 }
 
@@ -312,8 +315,18 @@ int handleReaddir_r(DIR* dir, struct dirent* entry, struct dirent** result, cons
   if (ret == 0 && *result != nullptr) {
     std::string name;
     convertToUtf8(name, (*result)->d_name, coding);
-    // The converted name is written with its own length as the bound.
-    strncpy_s((*result)->d_name, name.size() + 1, name.c_str(), name.size());
+    // A converted name may be longer than the one read (up to twice for a
+    // single-byte code set) and must still fit the caller's entry.
+    const size_t field = sizeof((*result)->d_name);
+    if (name.size() >= field) {
+      getLogger()->log(kLogError,
+                       "[VEL] handleReaddir_r(): converted name of \"%s\" takes %d bytes, more "
+                       "than the %d of an entry",
+                       name.c_str(), static_cast<int>(name.size()), static_cast<int>(field - 1));
+      *result = nullptr;
+      return ENAMETOOLONG;
+    }
+    strncpy_s((*result)->d_name, field, name.c_str(), name.size());
   }
   return ret;
 }

@@ -53,6 +53,7 @@ void openStream(Stream& stream, VelFStreamImpl& impl, const char* path,
     stream.setstate(std::ios_base::failbit);
     return;
   }
+  impl.markOpened();
   stream.clear();
   if (announce) {
     std::printf("ofstream open file:%s\n", mirror.c_str());
@@ -68,9 +69,11 @@ bool VelFStreamImpl::attach(const char* path, int32_t mode, const char* classNam
     return false;
   }
   // Stored before the hook runs, and kept when it fails, so that close()
-  // still runs the after-close hook.
+  // detaches the stream; the after-close hook runs only once the file was
+  // opened (markOpened).
   path_ = cleaned;
   mode_ = mode;
+  opened_ = false;
   int32_t rtn = beforeOpenStream(path_.c_str(), mode_);
   if (rtn != 0 && rtn != -19) {
     if (LogInterface* logger = getLogger()) {
@@ -90,6 +93,13 @@ void VelFStreamImpl::detach() {
   if (path_.empty()) {
     return;
   }
+  if (!opened_) {
+    // Nothing was opened, so nothing was written: the mirror may hold a
+    // stale copy that must not replace the service's.
+    path_.clear();
+    return;
+  }
+  opened_ = false;
   int32_t rtn = afterCloseStream(path_.c_str(), mode_);
   if (rtn != 0) {
     if (LogInterface* logger = getLogger()) {

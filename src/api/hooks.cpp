@@ -19,6 +19,8 @@
 #include <utility>
 
 #include "api/back_end.h"
+#include "api/push_tree.h"
+#include "base/tree_depth.h"
 #include "vel/codeset.h"
 #include "vel/instance.h"
 #include "vel/listing.h"
@@ -239,7 +241,7 @@ int fclose(FILE* stream) {
   VELClient* client = getInstance();
   if (client != nullptr && stream != nullptr) {
     std::lock_guard<std::mutex> guard(registryMutex());
-    known = client->getFileOpenMode(stream, path, mode);
+    known = client->takeFileOpenMode(stream, path, mode);
   }
   if (!known) {
     VEL_HOOK_LOG(kLogError, "[VEL] fclose(), failed to call getFileOpenMode()");
@@ -293,6 +295,69 @@ int32_t syncFromServer(const std::string& path, bool withTree) {
   return removed;
 }
 
+int32_t pushTree(VELClient* client, const std::string& path, bool recursive, bool strict) {
+  struct Entry {
+    std::pair<std::string, std::string> paths;  // service path, mirror path
+    int32_t depth;                              // levels below `path`
+  };
+  const int32_t maxDepth = recursive ? maxTreeDepth() : 0;
+  // Breadth-first: a directory is created on the service before any of its
+  // children are sent.
+  std::deque<Entry> pending;
+  pending.push_back(Entry{{normalizePath(path, true, '/'), getMirrorPath(path)}, 0});
+  int32_t result = 0;
+  while (!pending.empty()) {
+    Entry entry = std::move(pending.front());
+    pending.pop_front();
+    const std::string& service = entry.paths.first;
+    const std::string& local = entry.paths.second;
+    VEL_HOOK_LOG(kLogDebug, "[VEL] syncToServer() %s %s", service.c_str(), local.c_str());
+    struct stat st;
+    std::memset(&st, 0, sizeof(st));
+    if (handleLstat(local.c_str(), &st, "UTF-8") != 0) {
+      VEL_HOOK_LOG(kLogError, "[VEL] syncToServer() Failed to sync %s, File not exist:%s",
+                   service.c_str(), local.c_str());
+      if (strict) {
+        return -1;
+      }
+      if (result == 0) {
+        result = -11;
+      }
+      continue;
+    }
+    // A link may lead out of the mirror or back into the tree (a -> .).
+    if (S_ISLNK(st.st_mode)) {
+      VEL_HOOK_LOG(kLogError, "[VEL] syncToServer() Skipped symbolic link %s", local.c_str());
+      continue;
+    }
+    // Leniently, the last entry's result wins: a later success clears an
+    // earlier failure.
+    result = uploadEntry(client, st, entry.paths);
+    if (strict && result != 0) {
+      return result;
+    }
+    if (!recursive || (st.st_mode & kDirectoryBit) == 0) {
+      continue;
+    }
+    if (entry.depth >= maxDepth) {
+      VEL_HOOK_LOG(kLogError,
+                   "[VEL] syncToServer() Stopped at the depth bound %d, not sent below %s",
+                   maxDepth, local.c_str());
+      if (strict) {
+        return -1;
+      }
+      continue;
+    }
+    std::list<std::string> names;
+    readLocalDir(local, names, false, false, "UTF-8");
+    for (const std::string& name : names) {
+      pending.push_back(Entry{{service.empty() ? name : service + "/" + name, local + "/" + name},
+                              entry.depth + 1});
+    }
+  }
+  return result;
+}
+
 int32_t syncToServer(const std::string& path, bool recursive) {
   VELClient* client = backEnd("syncToServer()");
   if (client == nullptr) {
@@ -301,38 +366,7 @@ int32_t syncToServer(const std::string& path, bool recursive) {
   if (client->isLocalOnly() != 0) {
     return 0;
   }
-  // Breadth-first: a directory is created on the service before any of its
-  // children are sent.
-  std::deque<std::pair<std::string, std::string>> pending;
-  pending.emplace_back(normalizePath(path, true, '/'), getMirrorPath(path));
-  int32_t result = 0;
-  while (!pending.empty()) {
-    std::pair<std::string, std::string> entry = std::move(pending.front());
-    pending.pop_front();
-    VEL_HOOK_LOG(kLogDebug, "[VEL] syncToServer() %s %s", entry.first.c_str(),
-                 entry.second.c_str());
-    struct stat st;
-    std::memset(&st, 0, sizeof(st));
-    if (handleStat(entry.second.c_str(), &st, "UTF-8") != 0) {
-      VEL_HOOK_LOG(kLogError, "[VEL] syncToServer() Failed to sync %s, File not exist:%s",
-                   entry.first.c_str(), entry.second.c_str());
-      if (result == 0) {
-        result = -11;
-      }
-      continue;
-    }
-    // The last entry's result wins: a later success clears an earlier failure.
-    result = uploadEntry(client, st, entry);
-    if (recursive && (st.st_mode & kDirectoryBit) != 0) {
-      std::list<std::string> names;
-      readLocalDir(entry.second, names, false, false, "UTF-8");
-      for (const std::string& name : names) {
-        pending.emplace_back(entry.first.empty() ? name : entry.first + "/" + name,
-                             entry.second + "/" + name);
-      }
-    }
-  }
-  return result;
+  return pushTree(client, path, recursive, false);
 }
 
 }  // namespace VEL

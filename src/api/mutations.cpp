@@ -277,11 +277,27 @@ int32_t delTree(const char* path, const char* coding) {
     getLogger()->log(kLogError, "[VEL] delTree(), bad parameter: NULL path");
     return -1;
   }
+  // The root is the whole mirror: never deleted in one call.
+  std::string cleaned = normalizePath(path, true, '/');
+  if (cleaned.empty()) {
+    getLogger()->log(kLogError, "[VEL] delTree(%s), cannot operate VELRoot", path);
+    return -1;
+  }
   VELClient* client = backEnd("delTree");
   if (client == nullptr) {
     return -1;
   }
-  std::string mirror = getMirrorPath(path);
+  // The service first: while it keeps the tree, the mirror keeps the local
+  // copies, some of which may not have been sent yet.
+  if (client->isLocalOnly() == 0) {
+    int32_t code = client->delDir(cleaned, true);
+    if (code != 0 && code != kNotOnService) {
+      getLogger()->log(kLogError, "[VEL] delTree: Failed to remove dir on VEL server. %s, %d",
+                       cleaned.c_str(), code);
+      return code;
+    }
+  }
+  std::string mirror = getMirrorPath(cleaned);
   bool isDir = false;
   if (getLocalFileOrDirInfo(mirror, nullptr, &isDir) && isDir) {
     int32_t ret = delLocalTree(mirror, coding);
@@ -289,16 +305,6 @@ int32_t delTree(const char* path, const char* coding) {
       getLogger()->log(kLogError, "[VEL] delTree: Failed to remove dir on local server. %s, %d",
                        mirror.c_str(), ret);
     }
-  }
-  if (client->isLocalOnly() != 0) {
-    return 0;
-  }
-  std::string cleaned = normalizePath(path, true, '/');
-  int32_t code = client->delDir(cleaned, true);
-  if (code != 0 && code != kNotOnService) {
-    getLogger()->log(kLogError, "[VEL] delTree: Failed to remove dir on VEL server. %s, %d",
-                     cleaned.c_str(), code);
-    return code;
   }
   return 0;
 }

@@ -68,7 +68,17 @@ void VELClientConfig::loadConfig(const std::map<std::string, std::string>* param
     clientType = kDefaultClientType;
   }
 
+  const std::string configuredRoot = velRoot;
   velRoot = normalizePath(velRoot.c_str(), false, '/');
+  // A root of "/" would make the file-system root the mirror, and an empty
+  // one makes every mirror path absolute below "/": both refused.
+  if (velRoot.empty() || velRoot == "/") {
+    getLogger()->log(kLogError,
+                     "[VEL] VELClientConfig::loadConfig: Refused mirror root \"%s\", it is the "
+                     "file-system root; velRoot=%s",
+                     configuredRoot.c_str(), kDefaultVelRoot.c_str());
+    velRoot = kDefaultVelRoot;
+  }
 
   if (clientType == "Tavora") {
     if (const char* host = std::getenv("LOCALHOST_FIXSERVERNAME")) {

@@ -15,9 +15,9 @@
 #include <new>
 #include <string>
 
+#include "api/push_tree.h"
 #include "client/tavora_internal.h"
 #include "vel/client_config.h"
-#include "vel/hooks.h"
 #include "vel/log.h"
 #include "vel/mutations.h"
 #include "vel/paths.h"
@@ -206,7 +206,9 @@ int32_t VELClientTavora::renameCache(const std::string& src, const std::string& 
 
 // The whole tree is first made complete in the mirror, moved there,
 // uploaded under its new name, and only then removed under its old name on
-// the service, so that the service never lacks a copy.
+// the service, so that the service never lacks a copy. Both walks are the
+// strict ones: a node that did not reach the mirror, or an upload that
+// failed, stops the rename before anything is removed.
 int32_t VELClientTavora::RenameDir(const std::string& src, const std::string& dst) {
   return guarded("RenameDir", [&]() -> int32_t {
     VEL_TAVORA_LOG(kLogError, "[TARN] VELClientTavora::RenameDir() move:%s->%s", src.c_str(),
@@ -222,7 +224,11 @@ int32_t VELClientTavora::RenameDir(const std::string& src, const std::string& ds
           localDst.c_str());
       return 0;
     }
-    int32_t rtn = syncFromServer(src, true);
+    const std::string cleanedSrc = normalizePath(src, true, '/');
+    int32_t rtn = syncNodeFromRemote(cleanedSrc, nullptr);
+    if (rtn == 0) {
+      rtn = pullTree(cleanedSrc);
+    }
     if (rtn != 0) {
       std::printf("syncFromServer failed in RenameDir!\n");
       std::fflush(stdout);
@@ -233,7 +239,7 @@ int32_t VELClientTavora::RenameDir(const std::string& src, const std::string& ds
                      std::strerror(errno));
       return kLocalFailure;
     }
-    rtn = syncToServer(dst, true);
+    rtn = pushTree(this, dst, true, true);
     if (rtn != 0) {
       VEL_TAVORA_LOG(kLogError, "[TARN] VELClientTavora::RenameDir() syncToServer failed(%d)", rtn);
       return rtn;

@@ -8,10 +8,15 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <deque>
+#include <iterator>
 #include <list>
 #include <set>
 #include <string>
+#include <utility>
 
+#include "base/dir_mode.h"
+#include "base/tree_depth.h"
 #include "client/tavora_internal.h"
 #include "vel/client_tavora.h"
 #include "vel/local_perm.h"
@@ -27,8 +32,34 @@ using namespace tavora;
 namespace {
 
 constexpr mode_t kMirrorRootMode = 0750;
+constexpr uint32_t kPermissionBits = 0777;
 
 bool endsWithSlash(const std::string& text) { return !text.empty() && text.back() == '/'; }
+
+// True when a listed entry names a child of the listed directory: the
+// directory's text, "/", one name (a trailing "/" marks a directory), and
+// its mirror path is exactly that child's. Anything else ("..", a deeper or
+// absolute path, a name that cleaning would change) would otherwise be
+// cleaned into the mirror at some other place.
+bool liesDirectlyBelow(const std::string& dir, const std::string& entry) {
+  std::string prefix = dir;
+  if (!prefix.empty() && !endsWithSlash(prefix)) {
+    prefix.push_back('/');
+  }
+  if (entry.size() <= prefix.size() || entry.compare(0, prefix.size(), prefix) != 0) {
+    return false;
+  }
+  std::string name = entry.substr(prefix.size());
+  if (endsWithSlash(name)) {
+    name.pop_back();
+  }
+  if (name.empty() || name == "." || name == ".." ||
+      name.find_first_of("/\\") != std::string::npos) {
+    return false;
+  }
+  const std::string parent = normalizePath(dir, true, '/');
+  return normalizePath(entry, true, '/') == (parent.empty() ? name : parent + "/" + name);
+}
 
 }  // namespace
 
@@ -116,10 +147,13 @@ int32_t VELClientTavora::doSyncNodeFromRemote(const VELFileInfo& info, VELFileIn
       if (rtn != kGoOn) {
         return rtn;
       }
-      int made = ::mkdir(local.c_str(), info.mode);
+      // Only permission bits: a service's set-user-ID, sticky or type bits
+      // have no business in the mirror.
+      const mode_t mode = static_cast<mode_t>(info.mode & kPermissionBits);
+      int made = ::mkdir(local.c_str(), mode);
       if (made == 0) {
         // mkdir is narrowed by the umask; the service's mode is set in full.
-        (void)::chmod(local.c_str(), info.mode);
+        (void)chmodDirectory(local.c_str(), mode);
         return 0;
       }
       VEL_TAVORA_LOG(kLogError,
@@ -151,7 +185,7 @@ int32_t VELClientTavora::DealNotFile(const std::string& localPath, const VELFile
       return kGoOn;
     }
     if (S_ISDIR(buf->st_mode)) {
-      int32_t rtn = updateLocalPermission(localPath, info.mode);
+      int32_t rtn = updateLocalPermission(localPath, info.mode & kPermissionBits);
       if (rtn != 0) {
         VEL_TAVORA_LOG(
             kLogError,
@@ -179,53 +213,118 @@ int32_t VELClientTavora::DealNotFile(const std::string& localPath, const VELFile
 
 int32_t VELClientTavora::syncCurrentPath(const std::string& dir, bool namesOnly,
                                          std::list<std::string>& names) {
-  return guarded("syncCurrentPath", [&]() -> int32_t {
-    std::list<std::string> entries;
-    {
-      std::unique_ptr<TarnClient> client = TarnGetClient();
-      if (!client) {
-        return kNoAgent;
+  return guarded("syncCurrentPath",
+                 [&]() -> int32_t { return syncListedDir(dir, namesOnly, false, names); });
+}
+
+int32_t VELClientTavora::syncListedDir(const std::string& dir, bool namesOnly, bool strict,
+                                       std::list<std::string>& names) {
+  std::list<std::string> entries;
+  {
+    std::unique_ptr<TarnClient> client = TarnGetClient();
+    if (!client) {
+      return kNoAgent;
+    }
+    int32_t rtn = client->TarnListFile(dir, "false", entries);
+    if (rtn != 0) {
+      VEL_TAVORA_LOG(kLogError, "[VEL] syncCurrentPath() Failed to get file list %s", dir.c_str());
+      return rtn;
+    }
+  }
+  for (const std::string& entry : entries) {
+    if (namesOnly && entry.size() <= dir.size()) {
+      VEL_TAVORA_LOG(kLogError, "[VEL] VELClientTavora::syncCurrentPath() Invalid path {%d}|{%d}",
+                     static_cast<int32_t>(entry.size()), static_cast<int32_t>(dir.size()));
+      return kBadArgument;
+    }
+    if (!liesDirectlyBelow(dir, entry)) {
+      VEL_TAVORA_LOG(kLogError,
+                     "[VEL] VELClientTavora::syncCurrentPath() Skipped \"%s\", not directly "
+                     "below \"%s\"",
+                     entry.c_str(), dir.c_str());
+      if (strict) {
+        return kLocalFailure;
       }
-      int32_t rtn = client->TarnListFile(dir, "false", entries);
-      if (rtn != 0) {
-        VEL_TAVORA_LOG(kLogError, "[VEL] syncCurrentPath() Failed to get file list %s",
-                       dir.c_str());
-        return rtn;
-      }
+      continue;
     }
     if (namesOnly) {
-      for (const std::string& entry : entries) {
-        if (entry.size() <= dir.size()) {
-          VEL_TAVORA_LOG(kLogError,
-                         "[VEL] VELClientTavora::syncCurrentPath() Invalid path {%d}|{%d}",
-                         static_cast<int32_t>(entry.size()), static_cast<int32_t>(dir.size()));
-          return kBadArgument;
-        }
-        names.push_back(entry);
-      }
-      return 0;
+      names.push_back(entry);
+      continue;
     }
-    for (const std::string& entry : entries) {
-      VELFileInfoWrap node;
-      int32_t rtn = getNodeInfoFromRemote(entry, &node);
-      if (rtn != 0 || node.get() == nullptr) {
-        VEL_TAVORA_LOG(kLogError,
-                       "[VEL] VELClientTavora::syncCurrentPath() Failed to get node%s, %d",
-                       entry.c_str(), rtn);
-        return kMissing;
+    VELFileInfoWrap node;
+    int32_t rtn = getNodeInfoFromRemote(entry, &node);
+    if (rtn != 0 || node.get() == nullptr) {
+      VEL_TAVORA_LOG(kLogError, "[VEL] VELClientTavora::syncCurrentPath() Failed to get node%s, %d",
+                     entry.c_str(), rtn);
+      if (strict) {
+        return rtn != 0 ? rtn : kLocalFailure;
       }
-      rtn = doSyncNodeFromRemote(*node.get(), nullptr);
-      if (rtn != 0) {
-        VEL_TAVORA_LOG(kLogError,
-                       "[VEL] VELClientTavora::syncCurrentPath() Failed to sync node%s, %d",
-                       entry.c_str(), rtn);
+      return kMissing;
+    }
+    rtn = doSyncNodeFromRemote(*node.get(), nullptr);
+    if (rtn != 0) {
+      VEL_TAVORA_LOG(kLogError,
+                     "[VEL] VELClientTavora::syncCurrentPath() Failed to sync node%s, %d",
+                     entry.c_str(), rtn);
+      return rtn;
+    }
+    if (!node.get()->isFile) {
+      names.push_back(entry);
+    }
+  }
+  return 0;
+}
+
+int32_t VELClientTavora::walkTree(const std::string& path, bool namesOnly, bool strict,
+                                  std::list<std::string>& names) {
+  const int32_t maxDepth = maxTreeDepth();
+  names.push_back(path);
+  // Breadth-first; each directory carries its level below `path`. Each
+  // directory is walked once, and none below the depth bound, so that an
+  // agent that lists a directory inside itself cannot keep the walk going.
+  std::deque<std::pair<std::string, int32_t>> pending;
+  pending.emplace_back(path, 0);
+  std::set<std::string> walked;
+  while (!pending.empty()) {
+    const std::string dir = std::move(pending.front().first);
+    const int32_t level = pending.front().second;
+    pending.pop_front();
+    if (!walked.insert(normalizePath(dir, true, '/')).second) {
+      continue;
+    }
+    if (level >= maxDepth) {
+      VEL_TAVORA_LOG(kLogError,
+                     "[VEL] VELClientTavora::getSubDirOrFileList() Stopped at the depth bound %d, "
+                     "not listed: %s",
+                     maxDepth, dir.c_str());
+      if (strict) {
+        return kLocalFailure;
+      }
+      continue;
+    }
+    std::list<std::string>::iterator last = std::prev(names.end());
+    int32_t rtn = syncListedDir(dir, namesOnly, strict, names);
+    for (std::list<std::string>::iterator it = std::next(last); it != names.end(); ++it) {
+      if (endsWithSlash(*it)) {
+        pending.emplace_back(*it, level + 1);
+      }
+    }
+    if (rtn != 0) {
+      VEL_TAVORA_LOG(kLogError,
+                     "[VEL] VELClientTavora::getSubDirOrFileList() Failed to sync path%s, %d",
+                     dir.c_str(), rtn);
+      if (strict) {
         return rtn;
       }
-      if (!node.get()->isFile) {
-        names.push_back(entry);
-      }
     }
-    return 0;
+  }
+  return 0;
+}
+
+int32_t VELClientTavora::pullTree(const std::string& path) {
+  return guarded("syncTreeFromRemote", [&]() -> int32_t {
+    std::list<std::string> names;
+    return walkTree(path, false, true, names);
   });
 }
 
@@ -234,30 +333,22 @@ int32_t VELClientTavora::getSubDirOrFileList(const std::string& path, bool keepD
   return guarded("getSubDirOrFileList", [&]() -> int32_t {
     names.clear();
     if (depth == 0 || depth == -1) {
-      // Breadth-first over the growing list itself. Each directory is walked
-      // once, so an agent that lists a directory inside itself cannot keep
-      // the walk going forever.
-      names.push_back(path);
-      std::set<std::string> walked;
-      for (std::list<std::string>::iterator it = names.begin(); it != names.end(); ++it) {
-        if (it != names.begin() && !endsWithSlash(*it)) {
-          continue;
-        }
-        std::string dir = *it;
-        if (!walked.insert(normalizePath(dir, true, '/')).second) {
-          continue;
-        }
-        int32_t rtn = syncCurrentPath(dir, namesOnly, names);
-        if (rtn != 0) {
-          VEL_TAVORA_LOG(kLogError,
-                         "[VEL] VELClientTavora::getSubDirOrFileList() Failed to sync path%s, %d",
-                         dir.c_str(), rtn);
-        }
-      }
+      // Failures of single directories are logged by the walk; the listing
+      // is what was found.
+      walkTree(path, namesOnly, false, names);
     } else {
+      int32_t levels = depth;
+      const int32_t maxDepth = maxTreeDepth();
+      if (levels > maxDepth) {
+        VEL_TAVORA_LOG(kLogError,
+                       "[VEL] VELClientTavora::getSubDirOrFileList() Stopped at the depth bound "
+                       "%d below %s",
+                       maxDepth, path.c_str());
+        levels = maxDepth;
+      }
       std::list<std::string> work;
       work.push_back(path);
-      for (int32_t level = depth; level >= 1; --level) {
+      for (int32_t level = levels; level >= 1; --level) {
         for (const std::string& dir : work) {
           int32_t rtn = syncCurrentPath(dir, namesOnly, names);
           if (rtn != 0) {

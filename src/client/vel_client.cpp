@@ -106,6 +106,15 @@ bool VELClient::getFileOpenMode(FILE* handle, std::string& path, std::string& mo
   return true;
 }
 
+bool VELClient::takeFileOpenMode(FILE* handle, std::string& path, std::string& mode) {
+  if (!getFileOpenMode(handle, path, mode)) {
+    return false;
+  }
+  // The stream is being closed: its address may come back with another one.
+  openModes_.erase(handle);
+  return true;
+}
+
 int32_t VELClient::getClientRole(const std::string& name) {
   for (const RoleEntry& role : kClientRoles) {
     if (name == role.name) {
