@@ -251,6 +251,14 @@ TEST_F(RemoteApiTest, ServiceModesReachTheMirrorAsPermissionBitsOnly) {
   EXPECT_EQ(permissionsOf(mirror("m")), 0751);
   EXPECT_EQ(permissionsOf(mirror("m/s")), 0705);
   EXPECT_EQ(VEL::getmod("m"), 01751);
+
+  // A mirror link standing for a service directory keeps its target's mode.
+  veltest::TempDir outside;
+  ::chmod(outside.path().c_str(), 0700);
+  ASSERT_EQ(::symlink(outside.path().c_str(), mirror("m/s/l").c_str()), 0);
+  storeDir("m/s/l", 0755);
+  EXPECT_EQ(VEL::syncFromServer("m/s/l", false), 0);
+  EXPECT_EQ(permissionsOf(outside.path()), 0700);
 }
 
 // The push walk sends what lies in the mirror tree and nothing a link
@@ -281,6 +289,32 @@ TEST_F(RemoteApiTest, PushSkipsSymbolicLinksAndStopsAtTheDepthBound) {
   EXPECT_FALSE(pathExists(store("d/1/2/3")));
   EXPECT_TRUE(logged("ERROR [VEL] syncToServer() Stopped at the depth bound 2, not sent below " +
                      mirror("d/1/2") + "\n"));
+}
+
+// Within the depth bound a listing may still branch: a walk visits a bounded
+// number of entries, pulling and pushing alike.
+TEST_F(RemoteApiTest, TreeWalksStopAtTheEntryBound) {
+  for (int a = 0; a < 4; ++a) {
+    for (int b = 0; b < 4; ++b) {
+      storeFile("wide/" + std::to_string(a) + "/" + std::to_string(b) + "/f", "x");
+      mirrorFile("up/" + std::to_string(a) + "/" + std::to_string(b) + "/f", "y");
+    }
+  }
+  veltest::ScopedEnv entries("VEL_MAX_TREE_ENTRIES", "10");
+  EXPECT_EQ(VEL::syncFromServer("wide", true), 0);
+  EXPECT_EQ(countOf("tarn.downloadlocal"), 0u);  // ten directories, no file reached
+  EXPECT_TRUE(
+      logged("ERROR [VEL] VELClientTavora::getSubDirOrFileList() Stopped at the entry "
+             "bound 10, in: wide/1/\n"));
+  std::list<std::string> names;
+  EXPECT_EQ(VEL::readDir("wide", names, false, true), 1);
+  EXPECT_EQ(names.size(), 11u);  // the listed directory and ten entries
+
+  agent_->clearJournal();
+  EXPECT_EQ(VEL::syncToServer("up", true), 0);
+  EXPECT_EQ(requests().size(), 10u * 3u);  // per directory: lookup, createinfo, chmod
+  EXPECT_TRUE(logged("ERROR [VEL] syncToServer() Stopped at the entry bound 10, not sent: " +
+                     mirror("up/")));  // which one depends on the mirror's directory order
 }
 
 }  // namespace

@@ -14,7 +14,8 @@
 // Listings print "====>%s === %d === %s" per name and always return 0.
 //
 // Tree walks (syncTreeFromRemote, listDir with depth 0 or -1) go at most
-// "VEL_MAX_TREE_DEPTH" levels (default 128) below their start, and skip a
+// "VEL_MAX_TREE_DEPTH" levels (default 128) below their start, visit at
+// most "VEL_MAX_TREE_ENTRIES" listed entries (default 1000000), and skip a
 // listed entry that is not a direct child of the listed directory; both are
 // logged. Modes from the service are applied to the mirror with their
 // permission bits (0777) only; the queries report them as the service sent
@@ -75,8 +76,10 @@ class VELClientTavora : public VELClient {
   std::unique_ptr<TarnClient> TarnGetClient();
   // syncCurrentPath; with `strict` a skipped entry ends it with -1 and a
   // failed lookup with the lookup's status.
+  // Each listed entry takes one from `budget` (when given); at 0 the step
+  // ends with -1 and leaves *budget negative.
   int32_t syncListedDir(const std::string& dir, bool namesOnly, bool strict,
-                        std::list<std::string>& names);
+                        std::list<std::string>& names, int64_t* budget);
   // The breadth-first walk of getSubDirOrFileList's unlimited depth, `path`
   // first in `names`. Lenient: failures are logged and 0 is returned.
   // Strict: the first failure, a skipped entry or the depth bound ends it

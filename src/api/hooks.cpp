@@ -301,6 +301,8 @@ int32_t pushTree(VELClient* client, const std::string& path, bool recursive, boo
     int32_t depth;                              // levels below `path`
   };
   const int32_t maxDepth = recursive ? maxTreeDepth() : 0;
+  const int64_t maxEntries = maxTreeEntries();
+  int64_t visited = 0;
   // Breadth-first: a directory is created on the service before any of its
   // children are sent.
   std::deque<Entry> pending;
@@ -309,6 +311,11 @@ int32_t pushTree(VELClient* client, const std::string& path, bool recursive, boo
   while (!pending.empty()) {
     Entry entry = std::move(pending.front());
     pending.pop_front();
+    if (++visited > maxEntries) {
+      VEL_HOOK_LOG(kLogError, "[VEL] syncToServer() Stopped at the entry bound %lld, not sent: %s",
+                   static_cast<long long>(maxEntries), entry.paths.second.c_str());
+      return strict ? -1 : result;
+    }
     const std::string& service = entry.paths.first;
     const std::string& local = entry.paths.second;
     VEL_HOOK_LOG(kLogDebug, "[VEL] syncToServer() %s %s", service.c_str(), local.c_str());

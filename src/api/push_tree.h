@@ -14,13 +14,15 @@ namespace VEL {
 // breadth-first, so that a directory reaches the service before its
 // children) through `client`. Symbolic links are never followed: they are
 // skipped with a log line. The walk does not go deeper than the tree depth
-// bound (base/tree_depth.h) below `path`, and logs where it stopped.
+// bound (base/tree_depth.h) below `path`, visits no more entries than the
+// entry bound, and logs where it stopped.
 //
 // Lenient (`strict` false), as syncToServer(): every entry is tried and the
 // last entry's result is returned; a mirror entry that cannot be read gives
 // -11 unless a result is already set.
 // Strict: the first failing entry ends the walk with its status; an entry
-// that cannot be read or a directory at the depth bound ends it with -1.
+// that cannot be read, a directory at the depth bound or the entry bound
+// ends it with -1.
 // Only 0 then means that all of the tree reached the service.
 int32_t pushTree(VELClient* client, const std::string& path, bool recursive, bool strict);
 

@@ -185,6 +185,15 @@ int32_t VELClientTavora::DealNotFile(const std::string& localPath, const VELFile
       return kGoOn;
     }
     if (S_ISDIR(buf->st_mode)) {
+      // A link to a directory stands in for it, but its target may lie
+      // outside the mirror: its mode is not the service's to change.
+      struct stat link;
+      if (::lstat(localPath.c_str(), &link) == 0 && S_ISLNK(link.st_mode)) {
+        VEL_TAVORA_LOG(kLogError,
+                       "[VEL] VELClientTavora::DealNotFile() Kept the mode of %s, a symbolic link",
+                       localPath.c_str());
+        return 0;
+      }
       int32_t rtn = updateLocalPermission(localPath, info.mode & kPermissionBits);
       if (rtn != 0) {
         VEL_TAVORA_LOG(
@@ -214,11 +223,11 @@ int32_t VELClientTavora::DealNotFile(const std::string& localPath, const VELFile
 int32_t VELClientTavora::syncCurrentPath(const std::string& dir, bool namesOnly,
                                          std::list<std::string>& names) {
   return guarded("syncCurrentPath",
-                 [&]() -> int32_t { return syncListedDir(dir, namesOnly, false, names); });
+                 [&]() -> int32_t { return syncListedDir(dir, namesOnly, false, names, nullptr); });
 }
 
 int32_t VELClientTavora::syncListedDir(const std::string& dir, bool namesOnly, bool strict,
-                                       std::list<std::string>& names) {
+                                       std::list<std::string>& names, int64_t* budget) {
   std::list<std::string> entries;
   {
     std::unique_ptr<TarnClient> client = TarnGetClient();
@@ -232,6 +241,9 @@ int32_t VELClientTavora::syncListedDir(const std::string& dir, bool namesOnly, b
     }
   }
   for (const std::string& entry : entries) {
+    if (budget != nullptr && (*budget)-- <= 0) {
+      return kLocalFailure;  // the walk logs where it stopped
+    }
     if (namesOnly && entry.size() <= dir.size()) {
       VEL_TAVORA_LOG(kLogError, "[VEL] VELClientTavora::syncCurrentPath() Invalid path {%d}|{%d}",
                      static_cast<int32_t>(entry.size()), static_cast<int32_t>(dir.size()));
@@ -278,6 +290,8 @@ int32_t VELClientTavora::syncListedDir(const std::string& dir, bool namesOnly, b
 int32_t VELClientTavora::walkTree(const std::string& path, bool namesOnly, bool strict,
                                   std::list<std::string>& names) {
   const int32_t maxDepth = maxTreeDepth();
+  const int64_t maxEntries = maxTreeEntries();
+  int64_t budget = maxEntries;
   names.push_back(path);
   // Breadth-first; each directory carries its level below `path`. Each
   // directory is walked once, and none below the depth bound, so that an
@@ -303,11 +317,18 @@ int32_t VELClientTavora::walkTree(const std::string& path, bool namesOnly, bool 
       continue;
     }
     std::list<std::string>::iterator last = std::prev(names.end());
-    int32_t rtn = syncListedDir(dir, namesOnly, strict, names);
+    int32_t rtn = syncListedDir(dir, namesOnly, strict, names, &budget);
     for (std::list<std::string>::iterator it = std::next(last); it != names.end(); ++it) {
       if (endsWithSlash(*it)) {
         pending.emplace_back(*it, level + 1);
       }
+    }
+    if (budget < 0) {
+      VEL_TAVORA_LOG(kLogError,
+                     "[VEL] VELClientTavora::getSubDirOrFileList() Stopped at the entry bound "
+                     "%lld, in: %s",
+                     static_cast<long long>(maxEntries), dir.c_str());
+      return strict ? kLocalFailure : 0;
     }
     if (rtn != 0) {
       VEL_TAVORA_LOG(kLogError,
