@@ -59,10 +59,10 @@ std::string repeat(const std::string& item, size_t times) {
 
 TEST(CappedReaderTest, HeadersOverACapAreRefusedAtOnce) {
   const std::string cases[] = {
-      "*1555555555\r\n",                                          // one array too long
-      "$2147483648\r\n",                                          // one bulk too long
-      "$21474836480",                                             // its digits alone tell
-      "*1\r\n*1000000\r\n",                                       // 1,000,001 elements in all
+      "*1555555555\r\n",     // one array too long
+      "$2147483648\r\n",     // one bulk too long
+      "$21474836480",        // its digits alone tell
+      "*1\r\n*1000000\r\n",  // 1,000,001 elements in all
       "*3\r\n:1\r\n$-1\r\n$" + std::to_string(kMaxReplyBytes + 1) + "\r\n",  // nested bulk
   };
   for (const std::string& bytes : cases) {
@@ -94,7 +94,7 @@ TEST(CappedReaderTest, ElementsAndTextBytesAddUpOverTheReply) {
     // A status line that never ends: refused once the buffered bytes pass
     // the cap, not before.
     Capped capped;
-    const std::string chunk(1u << 20, 'a');
+    const std::string chunk(4u << 20, 'a');
     EXPECT_EQ(REDIS_OK, capped.feed("+"));
     size_t fed = 1;
     int status = REDIS_OK;
