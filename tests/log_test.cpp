@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cctype>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -109,11 +113,23 @@ TEST_F(LogTest, FileOfExactlyTheLimitIsKeptOneByteMoreRotates) {
   EXPECT_EQ(" ERROR first after rotation", lines[0].substr(19));
 }
 
-TEST_F(LogTest, DeletedFileIsNotRecreated) {
+TEST_F(LogTest, DeletedFileIsNotRecreatedAReplacedOneIsFollowed) {
   VEL::getLogger()->log(1, "before");
   ASSERT_EQ(0, ::unlink(file_.c_str()));
   VEL::getLogger()->log(1, "after");
   EXPECT_FALSE(pathExists(file_));
+
+  // Another file under the path (as another process's rotation leaves it)
+  // gets the next lines; the moved one gets none.
+  VEL::releaseLogger();
+  VEL::getLogger()->log(1, "first");
+  ASSERT_EQ(0, ::rename(file_.c_str(), (file_ + ".old").c_str()));
+  veltest::writeFile(file_, "");
+  VEL::getLogger()->log(1, "second");
+  ASSERT_EQ(1u, linesOf(readFile(file_ + ".old")).size());
+  std::vector<std::string> lines = linesOf(readFile(file_));
+  ASSERT_EQ(1u, lines.size());
+  EXPECT_EQ(" ERROR second", lines[0].substr(19));
 }
 
 TEST_F(LogTest, ConcurrentWritersNeverInterleaveWithinALine) {
@@ -146,6 +162,172 @@ TEST_F(LogTest, ConcurrentWritersNeverInterleaveWithinALine) {
   }
   for (int count : perThread) {
     EXPECT_EQ(kLines, count);
+  }
+}
+
+// Two processes log long lines (one write() of stdio's buffer could not hold
+// them) to one file, in rounds the test paces, until the file was rotated
+// several times. Each line's text follows from its writer and number, so a
+// torn or mixed line shows; each writer's lines in the final file must run
+// without a gap up to its last one, whichever process rotated.
+class TwoWriters {
+ public:
+  static constexpr int kRoundLines = 500;
+  static constexpr int kFinalLines = 3;
+  static constexpr size_t kTextLength = 4090;
+
+  static std::string textOf(int writer, int seq) {
+    char head[32];
+    std::snprintf(head, sizeof(head), "w%d s%07d ", writer, seq);
+    std::string text(head);
+    text.append(kTextLength - text.size(), static_cast<char>('a' + (seq * 2 + writer) % 26));
+    return text;
+  }
+
+  TwoWriters() {
+    VEL::releaseLogger();  // each process opens the file itself
+    int done[2];
+    if (::pipe(done) != 0) {
+      return;
+    }
+    doneFd_ = done[0];
+    for (int w = 0; w < 2; ++w) {
+      int go[2];
+      if (::pipe(go) != 0) {
+        return;
+      }
+      const pid_t pid = ::fork();
+      if (pid == 0) {
+        ::close(go[1]);
+        ::close(done[0]);
+        for (int earlier = 0; earlier < w; ++earlier) {
+          ::close(goFd_[earlier]);  // or that writer would never see the end
+        }
+        run(w, go[0], done[1]);
+      }
+      ::close(go[0]);
+      goFd_[w] = go[1];
+      pid_[w] = pid;
+    }
+    ::close(done[1]);
+  }
+  ~TwoWriters() {
+    for (int w = 0; w < 2; ++w) {
+      if (goFd_[w] != -1) {
+        ::close(goFd_[w]);  // the writer sees the end and exits
+      }
+    }
+    for (int w = 0; w < 2; ++w) {
+      if (pid_[w] > 0) {
+        ::waitpid(pid_[w], nullptr, 0);
+      }
+    }
+    if (doneFd_ != -1) {
+      ::close(doneFd_);
+    }
+  }
+  TwoWriters(const TwoWriters&) = delete;
+  TwoWriters& operator=(const TwoWriters&) = delete;
+
+  bool started() const { return pid_[0] > 0 && pid_[1] > 0; }
+
+  // Both write kRoundLines (or kFinalLines) lines at once; true when both
+  // reported back in time.
+  bool round(bool final) {
+    const char command = final ? 'f' : 'r';
+    for (int w = 0; w < 2; ++w) {
+      if (::write(goFd_[w], &command, 1) != 1) {
+        return false;
+      }
+    }
+    linesEach_ += final ? kFinalLines : kRoundLines;
+    for (int reported = 0; reported < 2; ++reported) {
+      pollfd entry{doneFd_, POLLIN, 0};
+      char byte;
+      if (::poll(&entry, 1, 60000) != 1 || ::read(doneFd_, &byte, 1) != 1) {
+        return false;
+      }
+    }
+    return true;
+  }
+  int linesEach() const { return linesEach_; }
+
+ private:
+  [[noreturn]] static void run(int writer, int goFd, int doneFd) {
+    int seq = 0;
+    char command;
+    while (::read(goFd, &command, 1) == 1) {
+      const int lines = command == 'r' ? kRoundLines : kFinalLines;
+      for (int i = 0; i < lines; ++i, ++seq) {
+        VEL::getLogger()->log(1, "%s", textOf(writer, seq).c_str());
+      }
+      if (::write(doneFd, "d", 1) != 1) {
+        break;
+      }
+    }
+    ::_exit(0);
+  }
+
+  int goFd_[2] = {-1, -1};
+  pid_t pid_[2] = {-1, -1};
+  int doneFd_ = -1;
+  int linesEach_ = 0;
+};
+
+TEST_F(LogTest, TwoProcessesRotatingOneFileKeepEveryLineWhole) {
+  const long long lineBytes = 19 + 7 + TwoWriters::kTextLength + 1;
+  const long long finalRoom = 2 * TwoWriters::kFinalLines * lineBytes;
+  long long written = 0;
+  {
+    TwoWriters writers;
+    ASSERT_TRUE(writers.started());
+    // At least three rotations, then a last round that cannot rotate: both
+    // writers' last lines must be in the file.
+    for (;;) {
+      struct stat st;
+      if (written > 4 * VEL::kLogMaxFileSize && ::stat(file_.c_str(), &st) == 0 &&
+          st.st_size + finalRoom <= VEL::kLogMaxFileSize) {
+        break;
+      }
+      ASSERT_LT(written, 8 * VEL::kLogMaxFileSize);
+      ASSERT_TRUE(writers.round(false));
+      written += 2 * TwoWriters::kRoundLines * lineBytes;
+    }
+    ASSERT_TRUE(writers.round(true));
+    const int expectedLast = writers.linesEach() - 1;
+
+    const std::vector<std::string> lines = linesOf(readFile(file_));
+    std::vector<int> seqs[2];
+    size_t bad = 0;
+    for (const std::string& line : lines) {
+      int writer = -1;
+      int seq = -1;
+      const bool parsed = line.size() == static_cast<size_t>(lineBytes - 1) &&
+                          line.compare(19, 7, " ERROR ") == 0 &&
+                          std::sscanf(line.c_str() + 26, "w%d s%d ", &writer, &seq) == 2 &&
+                          (writer == 0 || writer == 1) &&
+                          line.compare(26, std::string::npos, TwoWriters::textOf(writer, seq)) == 0;
+      if (!parsed) {
+        if (bad++ == 0) {
+          ADD_FAILURE() << "torn line: " << line.substr(0, 60) << "... (" << line.size()
+                        << " bytes)";
+        }
+        continue;
+      }
+      seqs[writer].push_back(seq);
+    }
+    EXPECT_EQ(0u, bad) << "of " << lines.size() << " lines";
+    for (int w = 0; w < 2; ++w) {
+      ASSERT_FALSE(seqs[w].empty()) << "writer " << w;
+      EXPECT_EQ(expectedLast, seqs[w].back()) << "writer " << w;
+      size_t gaps = 0;
+      for (size_t i = 1; i < seqs[w].size(); ++i) {
+        gaps += seqs[w][i] != seqs[w][i - 1] + 1 ? 1 : 0;
+      }
+      EXPECT_EQ(0u, gaps) << "writer " << w << " lost lines";
+    }
+    // Lines before the last rotation are gone: the file was rotated.
+    EXPECT_LT(lines.size(), static_cast<size_t>(2 * writers.linesEach()));
   }
 }
 

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <fstream>
+#include <functional>
 #include <list>
 #include <memory>
 #include <string>
@@ -18,6 +20,17 @@ namespace {
 
 using Args = std::vector<std::string>;
 using veltest::ScopedEnv;
+
+// A "VmHWM" (peak) or "VmRSS" figure of this process, in kB; -1 if absent.
+long residentKb(const std::string& key) {
+  std::ifstream in("/proc/self/status");
+  for (std::string line; std::getline(in, line);) {
+    if (line.compare(0, key.size() + 1, key + ":") == 0) {
+      return std::stol(line.substr(key.size() + 1));
+    }
+  }
+  return -1;
+}
 
 class TarnClientTest : public ::testing::Test {
  protected:
@@ -119,6 +132,71 @@ TEST_F(TarnClientTest, ASilentAgentEndsTheCommandAtTheConfiguredTimeOut) {
   const auto elapsed = std::chrono::steady_clock::now() - start;
   EXPECT_GE(elapsed, std::chrono::milliseconds(250));
   EXPECT_LT(elapsed, std::chrono::milliseconds(2000));
+}
+
+// Every gap between two bytes is shorter than the time-out, but no whole
+// reply arrives within it: the time-out bounds the command, not each read.
+TEST_F(TarnClientTest, ATricklingAgentEndsEachCommandAtItsDeadline) {
+  ASSERT_TRUE(agent_.ready());
+  agent_.setRules(
+      R"([{"match":["tarn.move"],"reply":["status","OK"],"trickle_ms":300},)"
+      R"({"match":["tarn.metadata"],"reply":["bulk","file not found"],"trickle_ms":150},)"
+      R"({"match":["tarn.dir"],"reply":["array",["a","b"]],"trickle_ms":150},)"
+      R"({"match":["tarn.create"],"reply":["bulk","h1"],"trickle_ms":300}])");
+  ScopedEnv timeout("TARN_TIME_OUT", "500");
+  VEL::TarnMetaData meta;
+  std::list<std::string> entries;
+  const struct {
+    const char* method;
+    std::function<int32_t(VEL::TarnClient&)> run;
+  } commands[] = {
+      {"TarnMove", [](VEL::TarnClient& c) { return c.TarnMove("a", "b"); }},
+      {"TarnGetMetaData", [&](VEL::TarnClient& c) { return c.TarnGetMetaData("f", meta); }},
+      {"TarnListFile", [&](VEL::TarnClient& c) { return c.TarnListFile("d", "false", entries); }},
+      {"TarnCreateFileHandle",
+       [](VEL::TarnClient& c) { return c.TarnCreateFileHandle("n", "w").empty() ? -6 : 0; }},
+  };
+  testing::internal::CaptureStdout();
+  for (const auto& command : commands) {
+    auto client = connected();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(-6, command.run(*client)) << command.method;
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(elapsed, std::chrono::milliseconds(450)) << command.method;
+    EXPECT_LT(elapsed, std::chrono::milliseconds(3000)) << command.method;
+    EXPECT_TRUE(log_.contains(std::string("ERROR [VEL] ") + command.method +
+                              ":Internal Error: null reply.\n"));
+  }
+  EXPECT_TRUE(entries.empty());
+  EXPECT_EQ("", testing::internal::GetCapturedStdout());
+
+  // The rest of an abandoned reply is never read as the next one's.
+  auto client = connected();
+  EXPECT_EQ(-6, client->TarnMove("a", "b"));
+  agent_.setRules("");
+  EXPECT_EQ(-6, client->TarnMove("a", "b"));
+}
+
+// An agent announcing a 2 GiB text or 1.5 billion elements: refused on the
+// header, not after a time-out, and nothing is allocated for it.
+TEST_F(TarnClientTest, RepliesAnnouncedOverTheCapsFailAtOnce) {
+  ASSERT_TRUE(agent_.ready());
+  agent_.setRules(R"([{"match":["tarn.metadata"],"reply":["raw","$2147483648\r\n"]},)"
+                  R"({"match":["tarn.dir"],"reply":["raw","*1555555555\r\n"]}])");
+  ScopedEnv timeout("TARN_TIME_OUT", "5000");
+  const long peakBefore = residentKb("VmHWM");
+  const long rssBefore = residentKb("VmRSS");
+  ASSERT_GT(peakBefore, 0);
+  VEL::TarnMetaData meta;
+  std::list<std::string> entries;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(-6, connected()->TarnGetMetaData("f", meta));
+  EXPECT_EQ(-6, connected()->TarnListFile("d", "false", entries));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2000));
+  EXPECT_LT(residentKb("VmHWM") - peakBefore, 100 * 1024);
+  EXPECT_LT(residentKb("VmRSS") - rssBefore, 100 * 1024);
+  EXPECT_TRUE(log_.contains("ERROR [VEL] TarnGetMetaData:Internal Error: null reply.\n"));
+  EXPECT_TRUE(log_.contains("ERROR [VEL] TarnListFile:Internal Error: null reply.\n"));
 }
 
 TEST(TarnClientTimeout, ComesFromTheOptionElseTheConfigurationAndIsNeverUnbounded) {

@@ -3,10 +3,23 @@
 //
 // Every "OK" command succeeds only on the exact reply text "OK" (0) and
 // returns -6 otherwise (also for a null reply or a broken connection).
-// connect() applies the connection time-out; every command is bounded by
-// the command time-out (milliseconds; "TARN_TIME_OUT", default 30000), so a
-// stalled agent yields -6, never a hang. A TarnClient is used by one thread
-// at a time; it owns its hiredis context.
+// connect() applies the connection time-out. The command time-out
+// (milliseconds; "TARN_TIME_OUT", default 30000) is a deadline for the whole
+// command, from sending the request to the last byte of its reply: an agent
+// that stalls, or that sends its reply too slowly however short each pause,
+// ends the command as a null reply (-6 where a null reply gives -6, with the
+// command's "Internal Error: null reply." line) soon after the deadline.
+//
+// Reply caps: a reply whose texts add up to more than 64 MiB (67,108,864
+// bytes), or that holds more than 1,000,000 array elements in all (nested
+// arrays included), also ends the command as a null reply. It is refused as
+// soon as a header announces too much (no memory is taken for an announced
+// size) or the bytes buffered for it pass 64 MiB.
+//
+// After a null reply for a missed deadline or a cap, the connection stays
+// failed: later commands on the same TarnClient return their null-reply
+// result at once. A TarnClient is used by one thread at a time; it owns its
+// hiredis context.
 #ifndef VEL_TARN_CLIENT_H_
 #define VEL_TARN_CLIENT_H_
 

@@ -1,18 +1,26 @@
 // TarnClient: one RESP connection to the local file agent.
 //
-// The connection is opened with the connection time-out and every command
-// then runs under the command time-out (socket send and receive time-outs),
-// so a silent agent ends the command with a null reply (-6). A write to an
-// agent that has gone away must not kill the caller with SIGPIPE: the signal
-// is blocked around each command and a SIGPIPE raised by it is discarded.
+// The connection is opened with the connection time-out. Each command then
+// has the command time-out as its deadline: the socket is non-blocking and
+// the client waits with poll() for the time left, so neither a silent agent
+// nor one that trickles its reply can hold a command longer; the reply is
+// read through the reply caps. A command that misses its deadline or whose
+// reply is over a cap ends with a null reply (-6) and leaves the connection
+// failed, since the rest of that reply would be taken for the next one. A
+// write to an agent that has gone away must not kill the caller with
+// SIGPIPE: the signal is blocked around each command and a SIGPIPE raised by
+// it is discarded.
 #include "vel/tarn_client.h"
 
+#include <fcntl.h>
 #include <hiredis/hiredis.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/time.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
@@ -83,21 +91,81 @@ class SigpipeGuard {
   bool blocked_ = false;
 };
 
-// One request; a null reply when not connected, on a broken connection or
-// when the command time-out passes.
-Reply sendCommand(redisContext* context, const char* format, ...)
-    __attribute__((format(printf, 2, 3)));
+using Clock = std::chrono::steady_clock;
 
-Reply sendCommand(redisContext* context, const char* format, ...) {
-  if (context == nullptr) {
+// Waits until the socket is ready for `events` or the deadline passes.
+bool waitFor(int fd, short events, Clock::time_point deadline) {
+  for (;;) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left <= 0) {
+      return false;
+    }
+    pollfd entry{fd, events, 0};
+    const int ready = ::poll(&entry, 1, left > 1000000 ? 1000000 : static_cast<int>(left));
+    if (ready > 0) {
+      return true;  // hang-ups and errors show in the read or write that follows
+    }
+    if (ready < 0 && errno != EINTR) {
+      return false;
+    }
+  }
+}
+
+// Marks the connection failed, as hiredis does on an I/O error, so that no
+// later command reads what is left of an abandoned reply.
+void failConnection(redisContext* context, const char* why) {
+  if (context->err == 0) {
+    context->err = REDIS_ERR_IO;
+    std::snprintf(context->errstr, sizeof(context->errstr), "%s", why);
+  }
+}
+
+// One request under the deadline `timeoutMs` from now; a null reply when not
+// connected, on a broken connection, when the deadline passes or when the
+// reply is over a cap.
+Reply sendCommand(redisContext* context, int32_t timeoutMs, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+Reply sendCommand(redisContext* context, int32_t timeoutMs, const char* format, ...) {
+  if (context == nullptr || context->err != 0) {
     return Reply();
   }
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
   SigpipeGuard guard;
   va_list args;
   va_start(args, format);
-  void* reply = redisvCommand(context, format, args);
+  const int appended = redisvAppendCommand(context, format, args);
   va_end(args);
-  return Reply(static_cast<redisReply*>(reply));
+  if (appended != REDIS_OK) {
+    return Reply();
+  }
+  for (int done = 0; done == 0;) {
+    if (!waitFor(context->fd, POLLOUT, deadline)) {
+      failConnection(context, "Command time-out");
+      return Reply();
+    }
+    if (redisBufferWrite(context, &done) != REDIS_OK) {
+      return Reply();
+    }
+  }
+  tarn::CappedReader reader(context->reader);
+  for (;;) {
+    void* reply = nullptr;
+    if (reader.getReply(&reply) != REDIS_OK) {
+      failConnection(context, context->reader->errstr);
+      return Reply();
+    }
+    if (reply != nullptr) {
+      return Reply(static_cast<redisReply*>(reply));
+    }
+    if (!waitFor(context->fd, POLLIN, deadline)) {
+      failConnection(context, "Command time-out");
+      return Reply();
+    }
+    if (redisBufferRead(context) != REDIS_OK) {
+      return Reply();
+    }
+  }
 }
 
 const char* textOf(const Reply& reply) {
@@ -152,8 +220,15 @@ int32_t TarnClient::connect(uint32_t type) {
     getLogger()->log(kLogError, "[TARN] Connection error: can't allocate redis context");
     return kAgentFailure;
   }
-  if (context->err == 0 && commandTimeoutMs_ > 0) {
-    redisSetTimeout(context, toTimeval(commandTimeoutMs_));
+  if (context->err == 0) {
+    // Commands wait with poll() against their deadline, never in a read or
+    // a write; hiredis treats EAGAIN as "try again" once it knows.
+    const int flags = ::fcntl(context->fd, F_GETFL);
+    if (flags != -1 && ::fcntl(context->fd, F_SETFL, flags | O_NONBLOCK) != -1) {
+      context->flags &= ~REDIS_BLOCK;
+    } else {
+      redisSetTimeout(context, toTimeval(commandTimeoutMs_));  // a write then waits no longer
+    }
   }
   if (context->err != 0) {
     getLogger()->log(kLogError, "[VEL] Connection error: %s", context->errstr);
@@ -165,8 +240,8 @@ int32_t TarnClient::connect(uint32_t type) {
 }
 
 std::string TarnClient::TarnCreateFileHandle(const std::string& name, const std::string& mode) {
-  Reply reply =
-      sendCommand(context_, "tarn.create %s %s %s", service_.c_str(), name.c_str(), mode.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.create %s %s %s", service_.c_str(),
+                            name.c_str(), mode.c_str());
   const char* text = tarn::replyText(reply.get());
   if (text == nullptr) {
     // A reply without text cannot name a handle either.
@@ -180,7 +255,8 @@ int32_t TarnClient::TarnCloseFileHandle(const std::string& handle) {
   if (handle.empty()) {
     return kEmptyHandle;
   }
-  Reply reply = sendCommand(context_, "tarn.close %s %s", service_.c_str(), handle.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.close %s %s", service_.c_str(),
+                            handle.c_str());
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnCloseFileHandle:Internal Error: null reply.");
@@ -199,8 +275,8 @@ int32_t TarnClient::TarnRead(const std::string& handle, int32_t offset, int32_t 
   if (handle.empty()) {
     return kEmptyHandle;
   }
-  Reply reply = sendCommand(context_, "tarn.read %s %d %d %s", handle.c_str(), offset, length,
-                            service_.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.read %s %d %d %s", handle.c_str(),
+                            offset, length, service_.c_str());
   if (!reply) {
     getLogger()->log(kLogError, "[VEL] TarnRead:Internal Error: null reply.");
     return kAgentFailure;
@@ -212,8 +288,8 @@ int32_t TarnClient::TarnWrite(const std::string& handle, const std::string& data
   if (handle.empty()) {
     return kEmptyHandle;
   }
-  Reply reply =
-      sendCommand(context_, "tarn.write %s %s %s", handle.c_str(), data.c_str(), service_.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.write %s %s %s", handle.c_str(),
+                            data.c_str(), service_.c_str());
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnWrite:Internal Error: null reply.");
@@ -228,8 +304,8 @@ int32_t TarnClient::TarnWrite(const std::string& handle, const std::string& data
 }
 
 int32_t TarnClient::TarnRemoveFile(const std::string& path, const std::string& recursive) {
-  Reply reply = sendCommand(context_, "tarn.remove %s %s %s", service_.c_str(), path.c_str(),
-                            recursive.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.remove %s %s %s", service_.c_str(),
+                            path.c_str(), recursive.c_str());
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnRemoveFile:Internal Error: null reply.");
@@ -249,10 +325,11 @@ int32_t TarnClient::TarnRemoveFile(const std::string& path, const std::string& r
 int32_t TarnClient::TarnUploadLocal(const std::string& path, const std::string& extra) {
   getLogger()->log(kLogError, "[SHOWINFO] service is %s, path is %s", service_.c_str(),
                    path.c_str());
-  Reply reply = extra.empty() ? sendCommand(context_, "tarn.uploadlocal %s %s", service_.c_str(),
-                                            path.c_str())
-                              : sendCommand(context_, "tarn.uploadlocal %s %s %s", service_.c_str(),
-                                            path.c_str(), extra.c_str());
+  Reply reply = extra.empty()
+                    ? sendCommand(context_, commandTimeoutMs_, "tarn.uploadlocal %s %s",
+                                  service_.c_str(), path.c_str())
+                    : sendCommand(context_, commandTimeoutMs_, "tarn.uploadlocal %s %s %s",
+                                  service_.c_str(), path.c_str(), extra.c_str());
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnUploadLocal:Internal Error: null reply.");
@@ -270,10 +347,11 @@ int32_t TarnClient::TarnUploadLocal(const std::string& path, const std::string& 
 }
 
 int32_t TarnClient::TarnDownloadLocal(const std::string& path, const std::string& extra) {
-  Reply reply = extra.empty() ? sendCommand(context_, "tarn.downloadlocal %s %s", service_.c_str(),
-                                            path.c_str())
-                              : sendCommand(context_, "tarn.downloadlocal %s %s %s",
-                                            service_.c_str(), path.c_str(), extra.c_str());
+  Reply reply = extra.empty()
+                    ? sendCommand(context_, commandTimeoutMs_, "tarn.downloadlocal %s %s",
+                                  service_.c_str(), path.c_str())
+                    : sendCommand(context_, commandTimeoutMs_, "tarn.downloadlocal %s %s %s",
+                                  service_.c_str(), path.c_str(), extra.c_str());
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnDownloadLocal:Internal Error: null reply.");
@@ -291,8 +369,8 @@ int32_t TarnClient::TarnDownloadLocal(const std::string& path, const std::string
 }
 
 int32_t TarnClient::TarnCreateInfo(const std::string& path, const std::string& kind) {
-  Reply reply = sendCommand(context_, "tarn.createinfo %s %s %s", service_.c_str(), path.c_str(),
-                            kind.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.createinfo %s %s %s",
+                            service_.c_str(), path.c_str(), kind.c_str());
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnCreateInfo:Internal Error: null reply.");
@@ -311,14 +389,14 @@ int32_t TarnClient::TarnCreateInfo(const std::string& path, const std::string& k
 
 int32_t TarnClient::TarnListFile(const std::string& path, const std::string& arg,
                                  std::list<std::string>& entries) {
-  Reply reply =
-      sendCommand(context_, "tarn.dir %s %s %s", service_.c_str(), path.c_str(), arg.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.dir %s %s %s", service_.c_str(),
+                            path.c_str(), arg.c_str());
   return tarn::collectListReply(reply.get(), path, entries);
 }
 
 int32_t TarnClient::TarnMove(const std::string& src, const std::string& dst) {
-  Reply reply =
-      sendCommand(context_, "tarn.move %s %s %s", service_.c_str(), src.c_str(), dst.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.move %s %s %s", service_.c_str(),
+                            src.c_str(), dst.c_str());
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnMove:Internal Error: null reply.");
@@ -336,14 +414,15 @@ int32_t TarnClient::TarnMove(const std::string& src, const std::string& dst) {
 }
 
 int32_t TarnClient::TarnGetMetaData(const std::string& path, TarnMetaData& out, int32_t* mode) {
-  Reply reply = sendCommand(context_, "tarn.metadata %s %s", service_.c_str(), path.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.metadata %s %s", service_.c_str(),
+                            path.c_str());
   return tarn::decodeMetaDataReply(reply.get(), path, out, mode);
 }
 
 int32_t TarnClient::TarnChmod(const std::string& path, const std::string& mode) {
   // The mode goes before the path on the wire.
-  Reply reply =
-      sendCommand(context_, "tarn.chmod %s %s %s", service_.c_str(), mode.c_str(), path.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.chmod %s %s %s", service_.c_str(),
+                            mode.c_str(), path.c_str());
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnChmod:Internal Error: null reply.");
@@ -361,8 +440,8 @@ int32_t TarnClient::TarnChmod(const std::string& path, const std::string& mode) 
 }
 
 int32_t TarnClient::TarnFSRename(const std::string& src, const std::string& dst) {
-  Reply reply =
-      sendCommand(context_, "tarn.move_cache %s %s %s", service_.c_str(), src.c_str(), dst.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.move_cache %s %s %s",
+                            service_.c_str(), src.c_str(), dst.c_str());
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnFSRename:Internal Error: null reply.");

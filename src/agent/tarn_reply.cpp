@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <iterator>
 
 #include "vel/log.h"
 #include "vel/records.h"
@@ -20,6 +21,10 @@ namespace {
 constexpr int32_t kUnparsable = -1;
 constexpr int32_t kAgentFailure = -6;
 constexpr int32_t kNotFound = -19;
+
+// Room for the framing around the text being read: the rest of a bulk
+// header ("<length>\r\n") and the closing "\r\n".
+constexpr size_t kFramingBytes = 32;
 
 // The reply's integer "mode" member, -1 when there is none. An unsigned
 // value is kept in 32 bits.
@@ -145,6 +150,111 @@ int32_t decodeMetaDataReply(const redisReply* reply, const std::string& path, Ta
                    static_cast<int32_t>(out.Size), out.Kind.c_str(), out.LastModifiedTime.c_str(),
                    out.AccessAllowRoles.c_str());
   return 0;
+}
+
+CappedReader::CappedReader(redisReader* reader)
+    : reader_(reader), ownFunctions_(reader->fn), ownPrivdata_(reader->privdata) {
+  capped_ = *ownFunctions_;
+  capped_.createString = createString;
+  capped_.createArray = createArray;
+  reader_->fn = &capped_;
+  reader_->privdata = this;
+}
+
+CappedReader::~CappedReader() {
+  reader_->fn = ownFunctions_;
+  reader_->privdata = ownPrivdata_;
+}
+
+void* CappedReader::createString(const redisReadTask* task, char* text, size_t len) {
+  auto* self = static_cast<CappedReader*>(task->privdata);
+  if (len > kMaxReplyBytes - self->bytes_) {
+    self->overCap_ = true;
+    return nullptr;  // the reader fails the reply and frees what it built
+  }
+  self->bytes_ += len;
+  return self->ownFunctions_->createString(task, text, len);
+}
+
+void* CappedReader::createArray(const redisReadTask* task, int elements) {
+  auto* self = static_cast<CappedReader*>(task->privdata);
+  // Checked before the element table is allocated.
+  if (elements < 0 || static_cast<size_t>(elements) > kMaxReplyElements - self->elements_) {
+    self->overCap_ = true;
+    return nullptr;
+  }
+  self->elements_ += static_cast<size_t>(elements);
+  return self->ownFunctions_->createArray(task, elements);
+}
+
+int CappedReader::getReply(void** reply) {
+  *reply = nullptr;
+  if (overCap_) {
+    return REDIS_ERR;
+  }
+  // Tasks of a reply begun under another cap still point at it.
+  for (int i = 0; i <= reader_->ridx && i < static_cast<int>(std::size(reader_->rstack)); ++i) {
+    reader_->rstack[i].privdata = this;
+  }
+  if (redisReaderGetReply(reader_, reply) != REDIS_OK) {
+    if (overCap_) {
+      std::snprintf(reader_->errstr, sizeof(reader_->errstr), "Reply over the size cap");
+    }
+    return REDIS_ERR;
+  }
+  if (*reply != nullptr) {
+    bytes_ = 0;
+    elements_ = 0;
+    return REDIS_OK;
+  }
+  if (!pendingWithinCaps()) {
+    refuse();
+    return REDIS_ERR;
+  }
+  return REDIS_OK;
+}
+
+// The reader keeps an incomplete item in its buffer, so the bytes there are
+// those of the item being read; a bulk item's announced length waits at the
+// cursor, just after the '$' the reader has taken.
+bool CappedReader::pendingWithinCaps() const {
+  const size_t left = kMaxReplyBytes - bytes_;
+  if (reader_->buf == nullptr || reader_->len < reader_->pos) {
+    return true;
+  }
+  if (reader_->len - reader_->pos > left + kFramingBytes) {
+    return false;
+  }
+  const int ridx = reader_->ridx;
+  if (ridx < 0 || ridx >= static_cast<int>(std::size(reader_->rstack)) ||
+      reader_->rstack[ridx].type != REDIS_REPLY_STRING) {
+    return true;
+  }
+  size_t announced = 0;
+  for (size_t i = reader_->pos; i < reader_->len; ++i) {
+    const char c = reader_->buf[i];
+    if (c < '0' || c > '9') {
+      break;
+    }
+    announced = announced * 10 + static_cast<size_t>(c - '0');
+    if (announced > left) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Fails the reader the way hiredis fails it on a protocol error, and lets
+// the partial reply go at once; the buffer goes with the reader.
+void CappedReader::refuse() {
+  overCap_ = true;
+  if (reader_->reply != nullptr && reader_->fn != nullptr && reader_->fn->freeObject != nullptr) {
+    reader_->fn->freeObject(reader_->reply);
+  }
+  reader_->reply = nullptr;
+  reader_->ridx = -1;
+  reader_->err = REDIS_ERR_PROTOCOL;
+  std::snprintf(reader_->errstr, sizeof(reader_->errstr), "Reply over the size cap");
 }
 
 }  // namespace tarn

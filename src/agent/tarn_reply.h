@@ -3,11 +3,15 @@
 // takes the reply as hiredis delivered it (null when the command failed or
 // timed out), logs and prints what the command prescribes, and returns the
 // command's status. None of them frees the reply.
+//
+// CappedReader bounds what one reply may cost before it is decoded, so that
+// an agent announcing or sending a huge reply cannot exhaust memory.
 #ifndef VEL_AGENT_TARN_REPLY_H_
 #define VEL_AGENT_TARN_REPLY_H_
 
 #include <hiredis/hiredis.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <string>
@@ -24,6 +28,50 @@ extern const char* const kReplyOk;  // "OK"
 extern const char* const kReplyNotFound;  // "file not found"
 
 enum class OkOutcome { kNullReply, kOk, kRefused };
+
+// Largest reply accepted: bytes of all its texts plus the bytes buffered and
+// not yet decoded, and a bulk text may announce no more than what is left.
+constexpr size_t kMaxReplyBytes = 64u * 1024u * 1024u;
+// Most array elements accepted in one reply, nested arrays included.
+constexpr size_t kMaxReplyElements = 1000000;
+
+// Holds a hiredis reader (one made by redisReaderCreate, as every
+// redisContext's is) to the reply caps while it lives. It puts counting
+// object functions in front of the reader's own (the count lives in the
+// reader's privdata) and restores both when destroyed, so it must not
+// outlive the reader and the reader must not be used by another cap at the
+// same time. A reply is refused as soon as its headers or the buffered bytes
+// show it is over a cap: nothing is allocated in proportion to an announced
+// size. The count starts again after each whole reply.
+class CappedReader {
+ public:
+  explicit CappedReader(redisReader* reader);
+  ~CappedReader();
+  CappedReader(const CappedReader&) = delete;
+  CappedReader& operator=(const CappedReader&) = delete;
+
+  // Like redisReaderGetReply: REDIS_OK with the next reply in `*reply`
+  // (owned by the caller, freed with freeReplyObject), or null while more
+  // bytes are needed; REDIS_ERR on a protocol error or a reply over a cap.
+  // After REDIS_ERR the reader stays failed and `*reply` is null.
+  int getReply(void** reply);
+  // True once a reply was refused for going over a cap.
+  bool overCap() const { return overCap_; }
+
+ private:
+  static void* createString(const redisReadTask* task, char* text, size_t len);
+  static void* createArray(const redisReadTask* task, int elements);
+  bool pendingWithinCaps() const;
+  void refuse();
+
+  redisReader* reader_;
+  redisReplyObjectFunctions* ownFunctions_;
+  void* ownPrivdata_;
+  redisReplyObjectFunctions capped_{};
+  size_t bytes_ = 0;
+  size_t elements_ = 0;
+  bool overCap_ = false;
+};
 
 // The text of a status, string or error reply; null for any other reply.
 const char* replyText(const redisReply* reply);

@@ -1,11 +1,17 @@
 #include "vel/log.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <string>
 
@@ -16,8 +22,18 @@
 
 namespace VEL {
 
+// Several processes may log to one file, and any of them may rotate it. So
+// that no line is lost or torn:
+//  - each line is one write() on an O_APPEND descriptor;
+//  - a writer holds a shared flock() on its file from the check of the path
+//    to the end of its write, and the rotating writer an exclusive one, so
+//    nobody writes into a file while it is being removed;
+//  - a writer whose file is no longer the one the path names (another
+//    process rotated it) reopens the path before writing.
 struct LogFileState {
-  FILE* stream = nullptr;
+  int fd = -1;
+  dev_t dev = 0;  // identity of the open file
+  ino_t ino = 0;
   ACE_Thread_Mutex lock;
   std::string path;
 };
@@ -27,6 +43,98 @@ namespace {
 std::atomic<LogInterface*> g_logger{nullptr};
 
 constexpr const char* kLevelNames[] = {"ASSERT", "ERROR", "CALL", "DEBUG", "INFO"};
+// A writer that keeps finding a new file (rotations by others in between)
+// gives up following after this many rounds and writes where it is.
+constexpr int kMaxReopens = 8;
+
+void lockFile(int fd, int operation) {
+  while (::flock(fd, operation) == -1 && errno == EINTR) {
+  }
+}
+
+bool sameFile(const struct stat& a, dev_t dev, ino_t ino) {
+  return a.st_dev == dev && a.st_ino == ino;
+}
+
+// Opens the path for appending (creating it when `create`) as the state's
+// file; false when it cannot be opened.
+bool openPath(LogFileState& state, bool create) {
+  int fd = ::open(state.path.c_str(), O_WRONLY | O_APPEND | (create ? O_CREAT : 0), 0666);
+  struct stat st;
+  if (fd != -1 && ::fstat(fd, &st) != 0) {
+    ::close(fd);
+    fd = -1;
+  }
+  if (fd == -1) {
+    return false;
+  }
+  state.fd = fd;
+  state.dev = st.st_dev;
+  state.ino = st.st_ino;
+  return true;
+}
+
+void closeFile(LogFileState& state) {
+  if (state.fd != -1) {
+    ::close(state.fd);  // drops the flock too
+    state.fd = -1;
+  }
+}
+
+// Called with the mutex held. Leaves state.fd (when open) on the file the
+// path names, rotated when it was over the limit, with a shared flock that
+// the caller releases after its write. While the path does not exist the
+// open file is kept.
+void followPath(LogFileState& state) {
+  struct stat onPath;
+  if (state.fd == -1) {
+    // Nothing open (the location was unwritable): only a rotation reopens.
+    if (::stat(state.path.c_str(), &onPath) == 0 && onPath.st_size > kLogMaxFileSize) {
+      std::remove(state.path.c_str());
+      if (openPath(state, true)) {
+        lockFile(state.fd, LOCK_SH);
+      }
+    }
+    return;
+  }
+  for (int round = 0; round < kMaxReopens; ++round) {
+    lockFile(state.fd, LOCK_SH);
+    if (::stat(state.path.c_str(), &onPath) != 0) {
+      return;
+    }
+    if (!sameFile(onPath, state.dev, state.ino)) {
+      const int old = state.fd;
+      if (!openPath(state, false)) {
+        return;  // gone again meanwhile: keep the open file
+      }
+      ::close(old);
+      continue;
+    }
+    if (onPath.st_size <= kLogMaxFileSize) {
+      return;
+    }
+    // Rotation keeps no backup: the old lines are dropped on purpose. Only
+    // the writer that still finds the path on its full file under the
+    // exclusive lock removes it; the others then follow to the new file.
+    lockFile(state.fd, LOCK_EX);
+    if (::stat(state.path.c_str(), &onPath) == 0 && sameFile(onPath, state.dev, state.ino) &&
+        onPath.st_size > kLogMaxFileSize) {
+      std::remove(state.path.c_str());
+      // The new file exists before the old one is let go, so that a writer
+      // waiting on the old one finds it.
+      const int old = state.fd;
+      state.fd = -1;
+      const bool reopened = openPath(state, true);
+      ::close(old);
+      if (!reopened) {
+        return;  // logging stops, as with an unwritable location
+      }
+      continue;
+    }
+    lockFile(state.fd, LOCK_UN);
+  }
+  lockFile(state.fd, LOCK_SH);
+}
 
 }  // namespace
 
@@ -37,14 +145,11 @@ const char* LogInterface::levelName(uint32_t level) {
 LogInterface::LogInterface() : state_(new LogFileState) {
   const char* dir = std::getenv("_APP_LOG_DIR");
   state_->path = dir != nullptr ? std::string(dir) + "/velsdk.log" : std::string("velsdk.log");
-  state_->stream = std::fopen(state_->path.c_str(), "a");
+  openPath(*state_, true);
 }
 
 LogInterface::~LogInterface() {
-  if (state_->stream != nullptr) {
-    std::fclose(state_->stream);
-    state_->stream = nullptr;
-  }
+  closeFile(*state_);
   delete state_;
 }
 
@@ -60,18 +165,26 @@ void LogInterface::writeLine(uint32_t level, const char* text) {
 #pragma GCC diagnostic pop
 
   bool locked = state_->lock.acquire() != -1;
-  struct stat st;
-  if (::stat(state_->path.c_str(), &st) == 0 && st.st_size > kLogMaxFileSize) {
-    // Rotation keeps no backup: the old lines are dropped on purpose.
-    if (state_->stream != nullptr) {
-      std::fclose(state_->stream);
+  followPath(*state_);
+  if (state_->fd != -1) {
+    if (text != nullptr) {
+      // "%s %s %s\n" in one call, so that the line lands whole even when
+      // another process appends at the same time.
+      char head[sizeof(stamp) + 16];
+      int headLen = std::snprintf(head, sizeof(head), "%s %s ", stamp, levelName(level));
+      if (headLen < 0) {
+        headLen = 0;
+      } else if (static_cast<size_t>(headLen) >= sizeof(head)) {
+        headLen = static_cast<int>(sizeof(head) - 1);
+      }
+      char newline = '\n';
+      iovec parts[3] = {{head, static_cast<size_t>(headLen)},
+                        {const_cast<char*>(text), std::strlen(text)},
+                        {&newline, 1}};
+      while (::writev(state_->fd, parts, 3) == -1 && errno == EINTR) {
+      }
     }
-    std::remove(state_->path.c_str());
-    state_->stream = std::fopen(state_->path.c_str(), "a");
-  }
-  if (state_->stream != nullptr && text != nullptr) {
-    std::fprintf(state_->stream, "%s %s %s\n", stamp, levelName(level), text);
-    std::fflush(state_->stream);
+    lockFile(state_->fd, LOCK_UN);
   }
   if (locked) {
     state_->lock.release();
