@@ -78,10 +78,10 @@ TEST_P(AgentLinks, LinksLeavingTheStoreOrTheMirrorRefuseEveryCommandAndChangeNot
   veltest::writeFile(store + "/leak", "store leak");
   veltest::makeDirs(store + "/leakdir");
   veltest::writeFile(store + "/leakdir/s", "store s");
-  ASSERT_EQ(0, ::symlink(outside.c_str(), (store + "/ext").c_str()));           // absolute
-  ASSERT_EQ(0, ::symlink("../outside", (store + "/rel").c_str()));              // climbs out
-  ASSERT_EQ(0, ::symlink((outside + "/s").c_str(), (store + "/lf").c_str()));   // a file
-  ASSERT_EQ(0, ::symlink("../../outside", (store + "/in/up").c_str()));         // from below
+  ASSERT_EQ(0, ::symlink(outside.c_str(), (store + "/ext").c_str()));          // absolute
+  ASSERT_EQ(0, ::symlink("../outside", (store + "/rel").c_str()));             // climbs out
+  ASSERT_EQ(0, ::symlink((outside + "/s").c_str(), (store + "/lf").c_str()));  // a file
+  ASSERT_EQ(0, ::symlink("../../outside", (store + "/in/up").c_str()));        // from below
   ASSERT_EQ(0, ::symlink((outside + "/s").c_str(), (mirror + "/leak").c_str()));
   ASSERT_EQ(0, ::symlink("../outside", (mirror + "/leakdir").c_str()));
   veltest::makeDirs(mirror + "/ext");
@@ -103,11 +103,11 @@ TEST_P(AgentLinks, LinksLeavingTheStoreOrTheMirrorRefuseEveryCommandAndChangeNot
       {{"tarn.downloadlocal", kSvc, "ext/s"}, "ext/s"},
       {{"tarn.downloadlocal", kSvc, "lf"}, "lf"},
       {{"tarn.downloadlocal", kSvc, "in/up/s"}, "in/up/s"},
-      {{"tarn.downloadlocal", kSvc, "leak"}, "leak"},         // the mirror copy is a link out
-      {{"tarn.downloadlocal", kSvc, "leakdir/s"}, "leakdir/s"},    // its folder is
-      {{"tarn.uploadlocal", kSvc, "ext/f"}, "ext/f"},          // the store folder is a link out
-      {{"tarn.uploadlocal", kSvc, "leak"}, "leak"},           // the mirror file is
-      {{"tarn.uploadlocal", kSvc, "leakdir/s"}, "leakdir/s"},      // its folder is
+      {{"tarn.downloadlocal", kSvc, "leak"}, "leak"},            // the mirror copy is a link out
+      {{"tarn.downloadlocal", kSvc, "leakdir/s"}, "leakdir/s"},  // its folder is
+      {{"tarn.uploadlocal", kSvc, "ext/f"}, "ext/f"},            // the store folder is a link out
+      {{"tarn.uploadlocal", kSvc, "leak"}, "leak"},              // the mirror file is
+      {{"tarn.uploadlocal", kSvc, "leakdir/s"}, "leakdir/s"},    // its folder is
       {{"tarn.createinfo", kSvc, "ext/new", "dir"}, "ext/new"},
       {{"tarn.createinfo", kSvc, "rel/new", "file"}, "rel/new"},
       {{"tarn.createinfo", kSvc, "lf", "file"}, "lf"},

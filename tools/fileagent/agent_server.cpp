@@ -1,7 +1,6 @@
 #include "agent_server.h"
 
 #include <errno.h>
-#include <malloc.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -23,8 +22,6 @@ namespace {
 // is sent in: what one connection holds besides its request.
 constexpr size_t kReadChunk = 64u * 1024u;
 constexpr size_t kStreamChunk = 256u * 1024u;
-// After a request this large, freed memory goes back to the system at once.
-constexpr size_t kTrimAfter = 1u << 20;
 
 bool sendAll(int fd, const char* data, size_t size) {
   size_t sent = 0;
@@ -60,12 +57,6 @@ pid_t peerOf(int fd) {
     return 0;
   }
   return cred.pid;
-}
-
-void trimMemory() {
-#ifdef __GLIBC__
-  ::malloc_trim(0);
-#endif
 }
 
 }  // namespace
@@ -199,7 +190,6 @@ void Server::refuse(const Session& session, const std::string& what, const std::
 }
 
 void Server::serve(Session* session) {
-  bool trimAtEnd = false;
   try {
     RequestReader reader(limits_);
     Commands::Client client;
@@ -225,26 +215,14 @@ void Server::serve(Session* session) {
           refuse(*session, "a request", error);
           sendAll(session->fd, "-ERR " + error + "\r\n");
           open = false;
-          trimAtEnd = true;
           break;
-        }
-        size_t bytes = 0;
-        for (const std::string& arg : args) {
-          bytes += arg.size();
         }
         open = answer(*session, client, args);
         args.clear();
-        if (bytes >= kTrimAfter) {
-          args.shrink_to_fit();
-          trimMemory();
-        }
       }
     }
   } catch (const std::exception& e) {
     logLine(std::string("connection dropped: ") + e.what());
-  }
-  if (trimAtEnd) {
-    trimMemory();
   }
   // The client sees the end at once; the descriptor itself is closed when
   // the main thread reaps this session. The handles went with `client`.
