@@ -93,10 +93,16 @@ TEST(AgentCopies, KillingTheAgentDuringAnUploadOrADownloadLeavesTheOldOrTheNewCo
   veltest::writeFile(agent.store() + "/big", newContent);
   killDuringCopies(agent, "tarn.downloadlocal", agent.mirror() + "/big", oldContent, newContent);
 
-  // What a killed copy leaves behind never shows in a listing.
+  // What a killed copy leaves behind never shows in a listing, and does
+  // not keep a folder that looks empty from being removed.
   veltest::writeFile(agent.store() + "/.big.velpart.k1ll3d", "partial");
+  veltest::makeDirs(agent.store() + "/gone");
+  veltest::writeFile(agent.store() + "/gone/.f.velpart.k1ll3d", "partial");
   AgentConnection c(agent.socketPath());
-  EXPECT_EQ("*\nbig", c.ask({"tarn.dir", kSvc, "", "false"}));
+  EXPECT_EQ("*\nbig\ngone/", c.ask({"tarn.dir", kSvc, "", "false"}));
+  EXPECT_EQ("*", c.ask({"tarn.dir", kSvc, "gone", "false"}));
+  EXPECT_EQ("+OK", c.ask({"tarn.remove", kSvc, "gone", "false"}));
+  EXPECT_FALSE(veltest::pathExists(agent.store() + "/gone"));
 }
 
 TEST(AgentCopies, AFullDiskKeepsTheOldContentAndNoTemporaryFile) {

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -280,6 +281,50 @@ TEST(FileAgent, RefusesToStartWhenTheStoreAndTheMirrorOverlap) {
   veltest::ProcessResult apart = start(dir.sub("store"), dir.sub("store2"));
   EXPECT_EQ(0, apart.status) << apart.out;
   EXPECT_NE(std::string::npos, apart.out.find("ready")) << apart.out;
+}
+
+// The unit file with its example environment file starts the agent the way
+// systemd would: store, mirror and socket folder from the environment file.
+TEST(FileAgent, TheServiceUnitStartsTheAgentFromItsEnvironmentFile) {
+  const std::string here = __FILE__;
+  const std::string tools = here.substr(0, here.rfind("/tests/")) + "/tools/fileagent/";
+  const std::string unit = veltest::readFile(tools + "velfileagent.service");
+  const std::string example = veltest::readFile(tools + "velfileagent.env");
+  for (const char* setting : {"\nEnvironmentFile=/etc/velfileagent/velfileagent.env\n",
+                              "\nRestart=on-failure\n", "\nRestartPreventExitStatus=2\n"}) {
+    EXPECT_NE(std::string::npos, unit.find(setting)) << setting;
+  }
+  size_t exec = unit.find("\nExecStart=/usr/bin/velfileagent ");
+  ASSERT_NE(std::string::npos, exec);
+  std::string command = unit.substr(exec + 11, unit.find('\n', exec + 1) - exec - 11);
+  command.replace(0, command.find(' '), VEL_AGENT_BIN);
+
+  // The example's variables, pointed at a temporary folder.
+  veltest::TempDir dir;
+  veltest::makeDirs(dir.sub("store"));
+  std::map<std::string, std::string> values = {
+      {"VELFILEAGENT_STORE", dir.sub("store")},
+      {"VELFILEAGENT_MIRROR", dir.sub("mirror")},
+      {"UDS_ROOT_OSSUSER", dir.sub("uds")},
+      {"VELFILEAGENT_OPTIONS", "--journal " + dir.sub("journal.jsonl")}};
+  for (const auto& value : values) {
+    EXPECT_NE(std::string::npos, example.find("\n" + value.first + "=")) << value.first;
+    for (const std::string& form : {"${" + value.first + "}", "$" + value.first}) {
+      for (size_t at; (at = command.find(form)) != std::string::npos;) {
+        command.replace(at, form.size(), value.second);
+      }
+    }
+  }
+  EXPECT_EQ(std::string::npos, command.find('$')) << command;
+  veltest::ProcessResult run = veltest::runProcess(
+      {"/bin/sh", "-c", "exec timeout --preserve-status -s TERM 1 " + command + " 2>&1"},
+      {{"UDS_ROOT_OSSUSER", dir.sub("uds")}});
+  EXPECT_EQ(0, run.status) << run.out;
+  EXPECT_NE(std::string::npos, run.out.find("ready\n")) << run.out;
+  EXPECT_NE(std::string::npos,
+            run.out.find("socket " + dir.sub("uds") + "/velfileagent/velfileagent.sock"))
+      << run.out;
+  EXPECT_TRUE(veltest::pathExists(dir.sub("journal.jsonl")));
 }
 
 }  // namespace
