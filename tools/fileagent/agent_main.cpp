@@ -104,7 +104,7 @@ std::string realPathOf(const std::string& path) {
   }
   size_t slash = path.find_last_of('/');
   if (slash == std::string::npos) {
-    return realPathOf(".") + "/" + path;
+    return path == "." ? path : realPathOf(".") + "/" + path;
   }
   std::string parent = slash == 0 ? "/" : path.substr(0, slash);
   std::string real = parent == path ? parent : realPathOf(parent);
