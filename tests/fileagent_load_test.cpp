@@ -227,8 +227,10 @@ TEST(AgentLoad, AReplyAboveTheCapIsRefusedAndAStreamedReadIsNot) {
   AgentConnection reader(agent.socketPath());
   EXPECT_EQ("*\ndata\nmany/", reader.ask({"tarn.dir", kSvc, "", "false"}));
   const std::string handle = reader.ask({"tarn.create", kSvc, "data", "r"}).substr(1);
+  // Above the cap, but sent from the file piece by piece.
   EXPECT_EQ("$" + data.substr(12345, 2 << 20),
             reader.ask({"tarn.read", handle, "12345", std::to_string(2 << 20), kSvc}));
+  EXPECT_EQ("$" + data.substr(7, 5000), reader.ask({"tarn.read", handle, "7", "5000", kSvc}));
   EXPECT_EQ("$" + data.substr(data.size() - 100),
             reader.ask({"tarn.read", handle, std::to_string(data.size() - 100),
                         std::to_string(2 << 20), kSvc}));

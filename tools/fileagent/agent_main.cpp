@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -67,8 +68,8 @@ const char kUsage[] =
     "                  (default 67108864, 64 MiB)\n"
     "  --max-reply-bytes N\n"
     "                  most bytes of one reply held for a client that has not read\n"
-    "                  it (default 67108864, 64 MiB); tarn.read replies are sent\n"
-    "                  from the file piece by piece and hold 256 KiB at most\n"
+    "                  it (default 67108864, 64 MiB); tarn.read replies above 1 MiB\n"
+    "                  or half this cap are sent from the file 256 KiB at a time\n"
     "                  A request or reply above a cap gets an error reply and its\n"
     "                  connection is closed. Each connection may hold 256 handles\n"
     "                  from tarn.create; they are closed when it ends.\n"
@@ -292,7 +293,9 @@ int main(int argc, char** argv) {
   bool openat2 = velagent::Root::probeOpenat2(store);
   velagent::Rules rules(rulesPath);
   velagent::FolderStore folder(store);
-  velagent::Commands commands(folder, mirror);
+  // A read answered from memory must fit the reply cap with room to spare.
+  velagent::Commands commands(folder, mirror,
+                              std::min<size_t>(1u << 20, limits.maxUnsentReply / 2));
   velagent::Server server(commands, journal, rules, limits);
   if (!server.listenOn(socketPath)) {
     return 1;

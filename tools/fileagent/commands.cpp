@@ -18,9 +18,6 @@ namespace velagent {
 namespace {
 
 constexpr long long kMaxReadLength = 64LL * 1024 * 1024;
-// Reads up to this size are answered from memory; longer ones are streamed
-// from the file while they are sent.
-constexpr long long kInlineRead = 1LL << 20;
 const char* const kNotFound = "file not found";
 
 std::string errnoText(const std::string& what, int err) {
@@ -550,7 +547,7 @@ Reply Commands::read(Client& client, const std::string& handle, const std::strin
   if (!parseDecimal(offset, (1LL << 62), from) || !parseDecimal(length, kMaxReadLength, count)) {
     return Reply::refusal("ERR bad offset or length");
   }
-  if (count <= kInlineRead) {
+  if (count <= static_cast<long long>(inlineRead_)) {
     std::string data(static_cast<size_t>(count), '\0');
     size_t got = 0;
     Status status = it->second->readAt(from, &data[0], data.size(), got);

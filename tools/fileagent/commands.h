@@ -42,8 +42,10 @@ class Commands {
     std::map<std::string, std::shared_ptr<StoreHandle>> handles;
   };
 
-  // `store` must outlive this object.
-  Commands(Store& store, const std::string& mirror) : store_(store), mirror_(mirror) {}
+  // `store` must outlive this object. Reads up to `inlineRead` bytes are
+  // answered from memory, longer ones streamed from the file while sent.
+  Commands(Store& store, const std::string& mirror, size_t inlineRead)
+      : store_(store), mirror_(mirror), inlineRead_(inlineRead) {}
   Commands(const Commands&) = delete;
   Commands& operator=(const Commands&) = delete;
 
@@ -67,6 +69,7 @@ class Commands {
 
   Store& store_;
   Root mirror_;
+  size_t inlineRead_;
   PathLocks locks_;
   std::atomic<unsigned long> nextHandle_{1};
 };
