@@ -274,7 +274,7 @@ bool Server::send(int fd, const Reply& reply, long trickleMs) {
     return true;
   }
   // Only one piece of a large read is in memory at a time: a client that
-  // stops reading holds this thread, not the file.
+  // stops reading holds this thread and one piece, never the whole read.
   std::unique_ptr<char[]> piece(new char[kStreamChunk]);
   for (long long left = reply.number; left > 0;) {
     size_t n = static_cast<size_t>(std::min<long long>(left, kStreamChunk));

@@ -75,11 +75,11 @@ int readLink(int dirFd, const char* name, std::string& out) {
 int walkBeneath(UniqueFd root, const std::string& rel, UniqueFd& out) {
   std::vector<UniqueFd> stack;
   std::vector<std::string> first = splitNames(rel);
-  std::deque<std::string> todo(first.begin(), first.end());
+  std::deque<std::string> ahead(first.begin(), first.end());
   int links = 0;
-  while (!todo.empty()) {
-    std::string name = std::move(todo.front());
-    todo.pop_front();
+  while (!ahead.empty()) {
+    std::string name = std::move(ahead.front());
+    ahead.pop_front();
     if (name == "..") {
       if (stack.empty()) {
         return EXDEV;
@@ -112,7 +112,7 @@ int walkBeneath(UniqueFd root, const std::string& rel, UniqueFd& out) {
         return EXDEV;
       }
       std::vector<std::string> more = splitNames(text);
-      todo.insert(todo.begin(), more.begin(), more.end());
+      ahead.insert(ahead.begin(), more.begin(), more.end());
       continue;
     }
     if (!S_ISDIR(st.st_mode)) {
