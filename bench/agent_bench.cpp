@@ -85,8 +85,8 @@ void makeFile(const std::string& path, size_t mib, unsigned long long seed) {
 
 bool ok(redisContext* c, const char* format, const char* arg) {
   auto* reply = static_cast<redisReply*>(redisCommand(c, format, arg));
-  bool good = reply != nullptr && reply->type == REDIS_REPLY_STATUS &&
-              std::strcmp(reply->str, "OK") == 0;
+  bool good =
+      reply != nullptr && reply->type == REDIS_REPLY_STATUS && std::strcmp(reply->str, "OK") == 0;
   if (!good) {
     std::fprintf(stderr, "agent_bench: %s %s: %s\n", format, arg,
                  reply != nullptr && reply->str != nullptr ? reply->str : c->errstr);
@@ -151,9 +151,10 @@ pid_t startEchoServer(const std::string& path) {
 }
 
 void reportCopy(const char* what, size_t mib, double cp, double cpSync, double agent) {
-  std::printf("%-9s cp %7.1f MiB/s   cp+sync %7.1f MiB/s   agent %7.1f MiB/s   "
-              "ratio to cp %5.2f   to cp+sync %5.2f\n",
-              what, mib / cp, mib / cpSync, mib / agent, cp / agent, cpSync / agent);
+  std::printf(
+      "%-9s cp %7.1f MiB/s   cp+sync %7.1f MiB/s   agent %7.1f MiB/s   "
+      "ratio to cp %5.2f   to cp+sync %5.2f\n",
+      what, mib / cp, mib / cpSync, mib / agent, cp / agent, cpSync / agent);
 }
 
 }  // namespace
