@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -211,13 +212,119 @@ TEST(FileAgent, StopSignalsEndItCleanlyAndRemoveTheSocket) {
   EXPECT_FALSE(veltest::pathExists(agent.socketPath()));
 }
 
-TEST(FileAgent, HelpListsTheOptions) {
+TEST(FileAgent, HelpListsTheOptionsAndTheCaps) {
   veltest::ProcessResult help = veltest::runProcess({VEL_AGENT_BIN, "--help"});
   EXPECT_EQ(0, help.status);
-  for (const char* option : {"--store", "--mirror", "--socket", "--journal", "--rules",
-                             "UDS_ROOT_OSSUSER", "TARN_ROOT_DIR", "delay_ms"}) {
+  for (const char* option :
+       {"--store", "--mirror", "--socket", "--journal", "--rules", "--max-request-args",
+        "--max-request-bytes", "--max-reply-bytes", "--no-openat2", "UDS_ROOT_OSSUSER",
+        "TARN_ROOT_DIR", "delay_ms", "trickle_ms", "skip", "times", "\"raw\"", "default 1024",
+        "default 67108864", "256 handles"}) {
     EXPECT_NE(std::string::npos, help.out.find(option)) << option;
   }
+}
+
+TEST(FileAgent, LogsOneLineEachForStartStopAndEveryRefusedRequest) {
+  veltest::AgentOptions options;
+  options.captureLog = true;
+  AgentFixture agent(options);
+  ASSERT_TRUE(agent.ready());
+  Context c = open(agent.socketPath());
+  EXPECT_EQ("-ERR path refused: '../x y'", ask(c, {"tarn.metadata", kSvc, "../x\ny"}));
+  EXPECT_EQ("-ERR unknown service 'Other'", ask(c, {"tarn.metadata", "Other", "a"}));
+  EXPECT_EQ("$file not found", ask(c, {"tarn.metadata", kSvc, "a"}));  // not refused
+  const std::string started = "velfileagent: started, pid " + std::to_string(agent.pid()) + ",";
+  agent.stop();
+  std::vector<std::string> lines;
+  std::string log = agent.agentLog();
+  for (size_t start = 0, end; (end = log.find('\n', start)) != std::string::npos; start = end + 1) {
+    lines.push_back(log.substr(start, end - start));
+  }
+  ASSERT_EQ(4u, lines.size()) << log;
+  EXPECT_EQ(started, lines[0].substr(0, started.size()));
+  EXPECT_NE(std::string::npos, lines[0].find("store " + agent.store())) << lines[0];
+  EXPECT_NE(std::string::npos,
+            lines[1].find("refused 'tarn.metadata' 'TestService' '../x\\x0ay' from pid " +
+                          std::to_string(::getpid()) + ": ERR path refused"))
+      << lines[1];
+  EXPECT_NE(std::string::npos, lines[2].find("ERR unknown service 'Other'")) << lines[2];
+  EXPECT_EQ("velfileagent: stopped on SIGTERM", lines[3]);
+}
+
+TEST(FileAgent, RefusesToStartWhenTheStoreAndTheMirrorOverlap) {
+  veltest::TempDir dir;
+  veltest::makeDirs(dir.sub("store/inner"));
+  veltest::makeDirs(dir.sub("mirror"));
+  veltest::makeDirs(dir.sub("store2"));
+  ASSERT_EQ(0, ::symlink(dir.sub("store").c_str(), dir.sub("alias").c_str()));
+  auto start = [&](const std::string& store, const std::string& mirror) {
+    return veltest::runProcess(
+        {"/bin/sh", "-c",
+         "exec timeout --preserve-status -s TERM 1 '" + std::string(VEL_AGENT_BIN) + "' --store '" +
+             store + "' --mirror '" + mirror + "' --socket '" + dir.sub("a.sock") + "' 2>&1"});
+  };
+  const std::vector<std::pair<std::string, std::string>> overlapping = {
+      {dir.sub("store"), dir.sub("store/")},          // the same folder
+      {dir.sub("store"), dir.sub("alias")},           // the same through a link
+      {dir.sub("store"), dir.sub("store/inner")},     // the mirror inside the store
+      {dir.sub("store"), dir.sub("alias/new/m")},     // not made yet, but inside
+      {dir.sub("store/inner"), dir.sub("store")},     // the store inside the mirror
+      {dir.sub("store/inner"), dir.sub("alias/./")},  // the same through a link
+  };
+  for (const auto& folders : overlapping) {
+    veltest::ProcessResult result = start(folders.first, folders.second);
+    EXPECT_EQ(2, result.status) << folders.first << " " << folders.second;
+    EXPECT_NE(std::string::npos, result.out.find("give two separate folders")) << result.out;
+    EXPECT_FALSE(veltest::pathExists(dir.sub("a.sock")));
+  }
+  // Names that only share a prefix are separate folders.
+  veltest::ProcessResult apart = start(dir.sub("store"), dir.sub("store2"));
+  EXPECT_EQ(0, apart.status) << apart.out;
+  EXPECT_NE(std::string::npos, apart.out.find("ready")) << apart.out;
+}
+
+// The unit file with its example environment file starts the agent the way
+// systemd would: store, mirror and socket folder from the environment file.
+TEST(FileAgent, TheServiceUnitStartsTheAgentFromItsEnvironmentFile) {
+  const std::string here = __FILE__;
+  const std::string tools = here.substr(0, here.rfind("/tests/")) + "/tools/fileagent/";
+  const std::string unit = veltest::readFile(tools + "velfileagent.service");
+  const std::string example = veltest::readFile(tools + "velfileagent.env");
+  for (const char* setting : {"\nEnvironmentFile=/etc/velfileagent/velfileagent.env\n",
+                              "\nRestart=on-failure\n", "\nRestartPreventExitStatus=2\n"}) {
+    EXPECT_NE(std::string::npos, unit.find(setting)) << setting;
+  }
+  size_t exec = unit.find("\nExecStart=/usr/bin/velfileagent ");
+  ASSERT_NE(std::string::npos, exec);
+  std::string command = unit.substr(exec + 11, unit.find('\n', exec + 1) - exec - 11);
+  command.replace(0, command.find(' '), VEL_AGENT_BIN);
+
+  // The example's variables, pointed at a temporary folder.
+  veltest::TempDir dir;
+  veltest::makeDirs(dir.sub("store"));
+  std::map<std::string, std::string> values = {
+      {"VELFILEAGENT_STORE", dir.sub("store")},
+      {"VELFILEAGENT_MIRROR", dir.sub("mirror")},
+      {"UDS_ROOT_OSSUSER", dir.sub("uds")},
+      {"VELFILEAGENT_OPTIONS", "--journal " + dir.sub("journal.jsonl")}};
+  for (const auto& value : values) {
+    EXPECT_NE(std::string::npos, example.find("\n" + value.first + "=")) << value.first;
+    for (const std::string& form : {"${" + value.first + "}", "$" + value.first}) {
+      for (size_t at; (at = command.find(form)) != std::string::npos;) {
+        command.replace(at, form.size(), value.second);
+      }
+    }
+  }
+  EXPECT_EQ(std::string::npos, command.find('$')) << command;
+  veltest::ProcessResult run = veltest::runProcess(
+      {"/bin/sh", "-c", "exec timeout --preserve-status -s TERM 1 " + command + " 2>&1"},
+      {{"UDS_ROOT_OSSUSER", dir.sub("uds")}});
+  EXPECT_EQ(0, run.status) << run.out;
+  EXPECT_NE(std::string::npos, run.out.find("ready\n")) << run.out;
+  EXPECT_NE(std::string::npos,
+            run.out.find("socket " + dir.sub("uds") + "/velfileagent/velfileagent.sock"))
+      << run.out;
+  EXPECT_TRUE(veltest::pathExists(dir.sub("journal.jsonl")));
 }
 
 }  // namespace

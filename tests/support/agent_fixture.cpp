@@ -7,12 +7,16 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <thread>
@@ -32,12 +36,15 @@ long long millisLeft(std::chrono::steady_clock::time_point deadline) {
 
 }  // namespace
 
-AgentFixture::AgentFixture(const std::string& rulesJson) {
+AgentFixture::AgentFixture(const std::string& rulesJson)
+    : AgentFixture(AgentOptions{rulesJson, {}, -1, false}) {}
+
+AgentFixture::AgentFixture(const AgentOptions& options) : options_(options) {
   makeDirs(store());
   makeDirs(mirror());
   makeDirs(udsRoot());
   makeDirs(logDir());
-  writeFile(rulesPath(), rulesJson);
+  writeFile(rulesPath(), options_.rules);
   ready_ = start();
   if (!ready_) {
     ADD_FAILURE() << "the file agent " << VEL_AGENT_BIN << " did not start";
@@ -56,6 +63,8 @@ std::string AgentFixture::socketPath() const {
 std::string AgentFixture::logDir() const { return dir_.sub("log"); }
 std::string AgentFixture::journalPath() const { return dir_.sub("journal.jsonl"); }
 std::string AgentFixture::rulesPath() const { return dir_.sub("rules.json"); }
+std::string AgentFixture::agentLogPath() const { return dir_.sub("agent.log"); }
+std::string AgentFixture::agentLog() const { return readFile(agentLogPath()); }
 
 bool AgentFixture::start() {
   int fds[2];
@@ -65,6 +74,7 @@ bool AgentFixture::start() {
   std::vector<std::string> args = {VEL_AGENT_BIN, "--store",  store(),      "--mirror",
                                    mirror(),      "--socket", socketPath(), "--journal",
                                    journalPath(), "--rules",  rulesPath()};
+  args.insert(args.end(), options_.args.begin(), options_.args.end());
   std::vector<char*> argv;
   for (std::string& arg : args) {
     argv.push_back(&arg[0]);
@@ -80,6 +90,17 @@ bool AgentFixture::start() {
     // An agent must not outlive a test process that aborts.
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     ::dup2(fds[1], STDOUT_FILENO);
+    if (options_.captureLog) {
+      int log = ::open(agentLogPath().c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+      ::dup2(log, STDERR_FILENO);
+    }
+    if (options_.fileSizeLimit >= 0) {
+      // A write past the limit then fails with EFBIG instead of killing it.
+      ::signal(SIGXFSZ, SIG_IGN);
+      struct rlimit limit = {static_cast<rlim_t>(options_.fileSizeLimit),
+                             static_cast<rlim_t>(options_.fileSizeLimit)};
+      ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
     ::execv(argv[0], argv.data());
     _exit(127);
   }
@@ -135,6 +156,25 @@ void AgentFixture::stop() {
   }
 }
 
+void AgentFixture::kill() {
+  if (pid_ > 0) {
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+    exitStatus_ = -1;
+  }
+  if (outFd_ >= 0) {
+    ::close(outFd_);
+    outFd_ = -1;
+  }
+}
+
+bool AgentFixture::restart() {
+  stop();
+  ready_ = start();
+  return ready_;
+}
+
 std::vector<std::vector<std::string>> AgentFixture::journal() const {
   std::vector<std::vector<std::string>> requests;
   std::ifstream in(journalPath());
@@ -179,6 +219,137 @@ void AgentFixture::exportEnv() const {
   ::setenv("UDS_ROOT_OSSUSER", udsRoot().c_str(), 1);
   ::setenv("TARN_ROOT_DIR", mirror().c_str(), 1);
   ::setenv("_APP_LOG_DIR", logDir().c_str(), 1);
+}
+
+std::string encodeRequest(const std::vector<std::string>& args) {
+  std::string out = "*" + std::to_string(args.size()) + "\r\n";
+  for (const std::string& arg : args) {
+    out += "$" + std::to_string(arg.size()) + "\r\n" + arg + "\r\n";
+  }
+  return out;
+}
+
+AgentConnection::AgentConnection(const std::string& socketPath) {
+  struct sockaddr_un addr;
+  std::memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, socketPath.c_str(), sizeof addr.sun_path - 1);
+  fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd_ >= 0 && ::connect(fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0) {
+    close();
+  }
+}
+
+AgentConnection::~AgentConnection() { close(); }
+
+void AgentConnection::close() {
+  if (fd_ >= 0) {
+    ::close(fd_);
+    fd_ = -1;
+  }
+}
+
+bool AgentConnection::sendRaw(const std::string& bytes) {
+  size_t sent = 0;
+  while (fd_ >= 0 && sent < bytes.size()) {
+    ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n <= 0) {
+      return false;
+    }
+    sent += static_cast<size_t>(n);
+  }
+  return fd_ >= 0;
+}
+
+bool AgentConnection::send(const std::vector<std::string>& args) {
+  return sendRaw(encodeRequest(args));
+}
+
+bool AgentConnection::fill(size_t want, int timeoutMs) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (buffer_.size() < want) {
+    long long left = millisLeft(deadline);
+    struct pollfd pfd = {fd_, POLLIN, 0};
+    if (fd_ < 0 || left <= 0 || ::poll(&pfd, 1, static_cast<int>(left)) <= 0) {
+      return false;
+    }
+    char chunk[65536];
+    ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
+    if (n <= 0) {
+      return false;
+    }
+    buffer_.append(chunk, static_cast<size_t>(n));
+  }
+  return true;
+}
+
+bool AgentConnection::line(std::string& out, int timeoutMs) {
+  size_t end;
+  while ((end = buffer_.find("\r\n")) == std::string::npos) {
+    if (!fill(buffer_.size() + 1, timeoutMs)) {
+      return false;
+    }
+  }
+  out = buffer_.substr(0, end);
+  buffer_.erase(0, end + 2);
+  return true;
+}
+
+std::string AgentConnection::reply(int timeoutMs) {
+  std::string head;
+  if (!line(head, timeoutMs) || head.empty()) {
+    return "";
+  }
+  if (head[0] == '$') {
+    long long size = std::atoll(head.c_str() + 1);
+    if (size < 0) {
+      return "$nil";
+    }
+    if (!fill(static_cast<size_t>(size) + 2, timeoutMs)) {
+      return "";
+    }
+    std::string data = "$" + buffer_.substr(0, static_cast<size_t>(size));
+    buffer_.erase(0, static_cast<size_t>(size) + 2);
+    return data;
+  }
+  if (head[0] == '*') {
+    std::string out = "*";
+    for (long long i = 0, n = std::atoll(head.c_str() + 1); i < n; ++i) {
+      std::string item = reply(timeoutMs);
+      if (item.empty()) {
+        return "";
+      }
+      out += "\n" + item.substr(1);
+    }
+    return out;
+  }
+  return head;
+}
+
+std::string AgentConnection::ask(const std::vector<std::string>& args, int timeoutMs) {
+  return send(args) ? reply(timeoutMs) : "";
+}
+
+bool AgentConnection::closedByPeer(int timeoutMs) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  for (;;) {
+    long long left = millisLeft(deadline);
+    struct pollfd pfd = {fd_, POLLIN, 0};
+    if (fd_ < 0 || left <= 0 || ::poll(&pfd, 1, static_cast<int>(left)) <= 0) {
+      return false;
+    }
+    char chunk[65536];
+    ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
+    if (n == 0 || (n < 0 && errno == ECONNRESET)) {
+      return true;
+    }
+    if (n < 0) {
+      return false;
+    }
+  }
 }
 
 }  // namespace veltest

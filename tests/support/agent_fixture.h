@@ -14,12 +14,22 @@
 
 namespace veltest {
 
+// How to start the agent beyond the defaults.
+struct AgentOptions {
+  std::string rules;              // first content of the rules file
+  std::vector<std::string> args;  // added to the agent's command line
+  long long fileSizeLimit = -1;   // the agent's RLIMIT_FSIZE in bytes (-1: unchanged),
+                                  // a full disk for the files it writes
+  bool captureLog = false;        // its standard error to agentLogPath()
+};
+
 // Starts the agent (VEL_AGENT_BIN) in a fresh temporary directory with
 // store/, mirror/, uds/ and log/; socket uds/velfileagent/velfileagent.sock.
 // Waits for "ready". The destructor stops it (SIGTERM, waits) and removes the directory.
 class AgentFixture {
  public:
   explicit AgentFixture(const std::string& rulesJson = "");
+  explicit AgentFixture(const AgentOptions& options);
   ~AgentFixture();
   AgentFixture(const AgentFixture&) = delete;
   AgentFixture& operator=(const AgentFixture&) = delete;
@@ -37,6 +47,12 @@ class AgentFixture {
   void setRules(const std::string& rulesJson);  // applies to the next request
   void exportEnv() const;  // setenv UDS_ROOT_OSSUSER, TARN_ROOT_DIR (mirror), _APP_LOG_DIR
   void stop();             // idempotent
+  void kill();             // SIGKILL, reaped at once; idempotent
+  // Starts it again on the same folders (after stop() or kill()); true
+  // once it is ready.
+  bool restart();
+  std::string agentLogPath() const;  // with captureLog
+  std::string agentLog() const;
 
   // True once the agent printed "ready"; false when it could not start.
   bool ready() const { return ready_; }
@@ -49,11 +65,47 @@ class AgentFixture {
   bool start();
 
   TempDir dir_;
+  AgentOptions options_;
   pid_t pid_ = -1;
   int outFd_ = -1;
   bool ready_ = false;
   int exitStatus_ = -1;
 };
+
+// One connection to the agent without hiredis, for tests that pipeline
+// requests, leave replies unread or need the raw form of a reply.
+class AgentConnection {
+ public:
+  explicit AgentConnection(const std::string& socketPath);
+  ~AgentConnection();
+  AgentConnection(const AgentConnection&) = delete;
+  AgentConnection& operator=(const AgentConnection&) = delete;
+
+  bool connected() const { return fd_ >= 0; }
+  int fd() const { return fd_; }
+  // Sends one request without waiting for its reply; false when it could
+  // not be sent whole.
+  bool send(const std::vector<std::string>& args);
+  bool sendRaw(const std::string& bytes);
+  // The next reply: "+status", "-error", ":number", "$data", "$nil", or
+  // "*" followed by the elements, each after a "\n"; "" when the
+  // connection ended or nothing came within `timeoutMs`.
+  std::string reply(int timeoutMs = 10000);
+  std::string ask(const std::vector<std::string>& args, int timeoutMs = 10000);
+  // True once the agent has closed the connection (reads its end).
+  bool closedByPeer(int timeoutMs);
+  void close();
+
+ private:
+  bool fill(size_t want, int timeoutMs);
+  bool line(std::string& out, int timeoutMs);
+
+  int fd_ = -1;
+  std::string buffer_;
+};
+
+// The RESP bytes of a request.
+std::string encodeRequest(const std::vector<std::string>& args);
 
 }  // namespace veltest
 

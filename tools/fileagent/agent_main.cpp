@@ -5,30 +5,45 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "agent_log.h"
 #include "agent_server.h"
+#include "beneath.h"
+#include "commands.h"
 #include "control.h"
-#include "service.h"
+#include "folder_store.h"
+#include "request.h"
 
 namespace {
 
 const char kUsage[] =
     "Usage: velfileagent --store DIR [--mirror DIR] [--socket PATH] [--journal FILE]\n"
-    "                    [--rules FILE]\n"
+    "                    [--rules FILE] [--max-request-args N] [--max-request-bytes N]\n"
+    "                    [--max-reply-bytes N] [--no-openat2]\n"
     "\n"
     "Serves the folder given by --store as the remote file service on a Unix-domain\n"
     "socket, for the service name \"TestService\". Prints \"ready\" once it listens;\n"
-    "SIGTERM or SIGINT stops it and removes the socket.\n"
+    "SIGTERM or SIGINT stops it and removes the socket. Start, stop and every\n"
+    "refused request are logged on standard error, one line each.\n"
+    "\n"
+    "No command reaches outside the store and the mirror: paths are resolved\n"
+    "beneath them, a symbolic link is followed only while it stays inside (an\n"
+    "absolute link is refused), and listings and metadata show a link as a file.\n"
+    "Downloads and uploads write a temporary \".<name>.velpart.<random>\" file next\n"
+    "to the target and rename it into place, so a copy is whole or absent.\n"
     "\n"
     "Options:\n"
     "  --store DIR     folder that holds the service's files (required)\n"
     "  --mirror DIR    mirror root that downloads write to and uploads read from\n"
-    "                  (default: $TARN_ROOT_DIR, else /opt/backup/vel)\n"
+    "                  (default: $TARN_ROOT_DIR, else /opt/backup/vel); it must be\n"
+    "                  neither the store nor inside it, nor hold it (exit status 2)\n"
     "  --socket PATH   socket to listen on (default:\n"
     "                  $UDS_ROOT_OSSUSER/velfileagent/velfileagent.sock; the folder is\n"
     "                  created)\n"
@@ -46,13 +61,31 @@ const char kUsage[] =
     "                  matching requests through; times spends the rule after N.\n"
     "                  The file is re-read when it changes (counts start again);\n"
     "                  a missing or empty file means no rules.\n"
-    "  --help          show this text and exit\n";
+    "  --max-request-args N\n"
+    "                  most arguments one request may have (default 1024)\n"
+    "  --max-request-bytes N\n"
+    "                  most bytes all arguments of one request may have together\n"
+    "                  (default 67108864, 64 MiB)\n"
+    "  --max-reply-bytes N\n"
+    "                  most bytes of one reply held for a client that has not read\n"
+    "                  it (default 67108864, 64 MiB); tarn.read replies above 1 MiB\n"
+    "                  or half this cap are sent from the file 256 KiB at a time\n"
+    "                  A request or reply above a cap gets an error reply and its\n"
+    "                  connection is closed. Each connection may hold 256 handles\n"
+    "                  from tarn.create; they are closed when it ends.\n"
+    "  --no-openat2    resolve paths with a walk that opens one name at a time,\n"
+    "                  even where the kernel has openat2 (which is used otherwise,\n"
+    "                  and the walk only where the kernel or a sandbox refuses it)\n"
+    "  --help          show this text and exit\n"
+    "\n"
+    "Exit status: 0 after a stop signal, 1 when it cannot listen or open the\n"
+    "journal, 2 for a wrong command line or folders it cannot serve.\n";
 
 int gStopPipe[2] = {-1, -1};
 
-void onStopSignal(int) {
+void onStopSignal(int signal) {
   int saved = errno;
-  char byte = 1;
+  char byte = static_cast<char>(signal);
   ssize_t ignored = ::write(gStopPipe[1], &byte, 1);
   (void)ignored;
   errno = saved;
@@ -61,6 +94,81 @@ void onStopSignal(int) {
 bool isDirectory(const std::string& path) {
   struct stat st;
   return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// The real path of `path`; for a folder that does not exist yet, the real
+// path of its deepest existing ancestor followed by the missing names.
+std::string realPathOf(const std::string& path) {
+  char buffer[PATH_MAX];
+  if (::realpath(path.c_str(), buffer) != nullptr) {
+    return buffer;
+  }
+  size_t slash = path.find_last_of('/');
+  if (slash == std::string::npos) {
+    return path == "." ? path : realPathOf(".") + "/" + path;
+  }
+  std::string parent = slash == 0 ? "/" : path.substr(0, slash);
+  std::string real = parent == path ? parent : realPathOf(parent);
+  return (real == "/" ? "" : real) + "/" + path.substr(slash + 1);
+}
+
+bool within(const std::string& inner, const std::string& outer) {
+  return outer == "/" || inner.compare(0, outer.size() + 1, outer + "/") == 0;
+}
+
+// True when the folder `top` is `path` or one of its ancestors, compared by
+// device and inode, which also sees a folder mounted twice.
+bool sameOrAncestor(const std::string& top, const std::string& path) {
+  struct stat topStat;
+  if (::stat(top.c_str(), &topStat) != 0) {
+    return false;
+  }
+  std::string current = path;
+  for (;;) {
+    struct stat st;
+    if (::stat(current.c_str(), &st) == 0 && st.st_dev == topStat.st_dev &&
+        st.st_ino == topStat.st_ino) {
+      return true;
+    }
+    size_t slash = current.find_last_of('/');
+    if (current == "/" || slash == std::string::npos) {
+      return false;
+    }
+    current = slash == 0 ? "/" : current.substr(0, slash);
+  }
+}
+
+// Every copy would empty its own source when the store and the mirror
+// overlap; says how they do, or "" when they are apart.
+std::string overlapOf(const std::string& store, const std::string& mirror) {
+  std::string realStore = realPathOf(store);
+  std::string realMirror = realPathOf(mirror);
+  bool mirrorInStore = within(realMirror, realStore) || sameOrAncestor(realStore, realMirror);
+  bool storeInMirror = within(realStore, realMirror) || sameOrAncestor(realMirror, realStore);
+  if (realStore == realMirror || (mirrorInStore && storeInMirror)) {
+    return "are the same folder";
+  }
+  if (mirrorInStore) {
+    return "overlap: the mirror is inside the store";
+  }
+  if (storeInMirror) {
+    return "overlap: the store is inside the mirror";
+  }
+  return "";
+}
+
+// A cap from the command line: a decimal number from `least` up.
+bool parseCap(const std::string& text, unsigned long long least, size_t& out) {
+  if (text.empty() || text.size() > 15 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
+    return false;
+  }
+  unsigned long long value = std::strtoull(text.c_str(), nullptr, 10);
+  if (value < least) {
+    return false;
+  }
+  out = static_cast<size_t>(value);
+  return true;
 }
 
 }  // namespace
@@ -73,13 +181,20 @@ int main(int argc, char** argv) {
   std::string rulesPath;
   bool mirrorSet = false;
   bool socketSet = false;
+  velagent::RequestLimits limits;
   for (int i = 1; i < argc; ++i) {
     std::string option = argv[i];
     if (option == "--help" || option == "-h") {
       std::fputs(kUsage, stdout);
       return 0;
     }
+    if (option == "--no-openat2") {
+      velagent::Root::forceWalk();
+      continue;
+    }
     std::string* target = nullptr;
+    size_t* cap = nullptr;
+    unsigned long long least = 0;
     if (option == "--store") {
       target = &store;
     } else if (option == "--mirror") {
@@ -92,6 +207,15 @@ int main(int argc, char** argv) {
       target = &journalPath;
     } else if (option == "--rules") {
       target = &rulesPath;
+    } else if (option == "--max-request-args") {
+      cap = &limits.maxArgs;
+      least = 5;  // the longest command
+    } else if (option == "--max-request-bytes") {
+      cap = &limits.maxBytes;
+      least = 1024;
+    } else if (option == "--max-reply-bytes") {
+      cap = &limits.maxUnsentReply;
+      least = 1024;
     } else {
       std::fprintf(stderr, "velfileagent: unknown option '%s'\n\n%s", option.c_str(), kUsage);
       return 2;
@@ -100,7 +224,14 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "velfileagent: option %s needs a value\n", option.c_str());
       return 2;
     }
-    *target = argv[++i];
+    const char* value = argv[++i];
+    if (target != nullptr) {
+      *target = value;
+    } else if (!parseCap(value, least, *cap)) {
+      std::fprintf(stderr, "velfileagent: option %s needs a number of at least %llu, not '%s'\n",
+                   option.c_str(), least, value);
+      return 2;
+    }
   }
   if (store.empty()) {
     std::fprintf(stderr, "velfileagent: --store is required\n\n%s", kUsage);
@@ -123,6 +254,14 @@ int main(int argc, char** argv) {
   }
   while (store.size() > 1 && store.back() == '/') {
     store.pop_back();
+  }
+  std::string overlap = overlapOf(store, mirror);
+  if (!overlap.empty()) {
+    std::fprintf(stderr,
+                 "velfileagent: the store %s and the mirror %s %s; every copy would destroy "
+                 "its own source, give two separate folders\n",
+                 store.c_str(), mirror.c_str(), overlap.c_str());
+    return 2;
   }
 
   // Non-blocking, so that a burst of signals can never block the handler.
@@ -151,14 +290,29 @@ int main(int argc, char** argv) {
                  std::strerror(errno));
     return 1;
   }
+  bool openat2 = velagent::Root::probeOpenat2(store);
   velagent::Rules rules(rulesPath);
-  velagent::FileService service(store, mirror);
-  velagent::Server server(service, journal, rules);
+  velagent::FolderStore folder(store);
+  // A read answered from memory must fit the reply cap with room to spare.
+  velagent::Commands commands(folder, mirror,
+                              std::min<size_t>(1u << 20, limits.maxUnsentReply / 2));
+  velagent::Server server(commands, journal, rules, limits);
   if (!server.listenOn(socketPath)) {
     return 1;
   }
+  velagent::logLine("started, pid " + std::to_string(::getpid()) + ", store " + store +
+                    ", mirror " + mirror + ", socket " + socketPath + ", paths resolved by " +
+                    (openat2 ? "openat2" : "a walk of one name at a time") + ", caps " +
+                    std::to_string(limits.maxArgs) + " arguments and " +
+                    std::to_string(limits.maxBytes) + " bytes per request, " +
+                    std::to_string(limits.maxUnsentReply) + " bytes per reply");
   std::fputs("ready\n", stdout);
   std::fflush(stdout);
   server.run(gStopPipe[0]);
+  char signalNumber = 0;
+  ssize_t got = ::read(gStopPipe[0], &signalNumber, 1);
+  velagent::logLine(got != 1                 ? "stopped"
+                    : signalNumber == SIGINT ? "stopped on SIGINT"
+                                             : "stopped on SIGTERM");
   return 0;
 }

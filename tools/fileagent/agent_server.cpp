@@ -1,66 +1,32 @@
 #include "agent_server.h"
 
 #include <errno.h>
-#include <hiredis/hiredis.h>
-#include <hiredis/read.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+
+#include "agent_log.h"
 
 namespace velagent {
 
 namespace {
 
-// Requests are small; a client that sends more than this without a whole
-// request is cut off.
-constexpr size_t kMaxPending = 64u * 1024u * 1024u;
-constexpr int kMaxArrayElements = 1 << 20;
+// Bytes read from a connection at a time, and the pieces a streamed reply
+// is sent in: what one connection holds besides its request.
+constexpr size_t kReadChunk = 64u * 1024u;
+constexpr size_t kStreamChunk = 256u * 1024u;
 
-// The reader's own object functions, with a limit on array sizes so that a
-// bogus length in a request cannot ask for a huge allocation.
-redisReplyObjectFunctions gGuardedFunctions;
-void* (*gCreateArray)(const redisReadTask*, int) = nullptr;
-
-void* guardedCreateArray(const redisReadTask* task, int elements) {
-  if (elements < 0 || elements > kMaxArrayElements) {
-    return nullptr;
-  }
-  return gCreateArray(task, elements);
-}
-
-struct ReaderDeleter {
-  void operator()(redisReader* reader) const { redisReaderFree(reader); }
-};
-struct ReplyDeleter {
-  void operator()(void* reply) const { freeReplyObject(reply); }
-};
-
-std::unique_ptr<redisReader, ReaderDeleter> makeReader() {
-  std::unique_ptr<redisReader, ReaderDeleter> reader(redisReaderCreate());
-  if (!reader || reader->fn == nullptr) {
-    return reader;
-  }
-  static std::once_flag once;
-  redisReplyObjectFunctions* defaults = reader->fn;
-  std::call_once(once, [defaults] {
-    gGuardedFunctions = *defaults;
-    gCreateArray = defaults->createArray;
-    gGuardedFunctions.createArray = guardedCreateArray;
-  });
-  reader->fn = &gGuardedFunctions;
-  return reader;
-}
-
-bool sendAll(int fd, const std::string& data) {
+bool sendAll(int fd, const char* data, size_t size) {
   size_t sent = 0;
-  while (sent < data.size()) {
-    ssize_t n = ::send(fd, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
+  while (sent < size) {
+    ssize_t n = ::send(fd, data + sent, size - sent, MSG_NOSIGNAL);
     if (n < 0) {
       if (errno == EINTR) {
         continue;
@@ -72,20 +38,7 @@ bool sendAll(int fd, const std::string& data) {
   return true;
 }
 
-// The arguments of a request: an array of bulk strings. False otherwise.
-bool argumentsOf(const redisReply* reply, std::vector<std::string>& args) {
-  if (reply->type != REDIS_REPLY_ARRAY || reply->elements == 0) {
-    return false;
-  }
-  for (size_t i = 0; i < reply->elements; ++i) {
-    const redisReply* item = reply->element[i];
-    if (item == nullptr || item->type != REDIS_REPLY_STRING) {
-      return false;
-    }
-    args.emplace_back(item->str, item->len);
-  }
-  return true;
-}
+bool sendAll(int fd, const std::string& data) { return sendAll(fd, data.data(), data.size()); }
 
 int makeParents(const std::string& path) {
   for (size_t pos = path.find('/', 1); pos != std::string::npos; pos = path.find('/', pos + 1)) {
@@ -95,6 +48,15 @@ int makeParents(const std::string& path) {
     }
   }
   return 0;
+}
+
+pid_t peerOf(int fd) {
+  struct ucred cred;
+  socklen_t size = sizeof cred;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0) {
+    return 0;
+  }
+  return cred.pid;
 }
 
 }  // namespace
@@ -180,6 +142,7 @@ void Server::run(int stopFd) {
       }
       auto session = std::make_unique<Session>();
       session->fd = client;
+      session->peer = peerOf(client);
       Session* raw = session.get();
       try {
         session->thread = std::thread(&Server::serve, this, raw);
@@ -222,60 +185,53 @@ void Server::reap(bool all) {
   }
 }
 
+void Server::refuse(const Session& session, const std::string& what, const std::string& why) {
+  logLine("refused " + what + " from pid " + std::to_string(session.peer) + ": " + why);
+}
+
 void Server::serve(Session* session) {
   try {
-    auto reader = makeReader();
-    if (!reader) {
-      sendAll(session->fd, "-ERR out of memory\r\n");
-      session->done = true;
-      return;
-    }
-    char buffer[16384];
+    RequestReader reader(limits_);
+    Commands::Client client;
+    std::unique_ptr<char[]> buffer(new char[kReadChunk]);
+    std::vector<std::string> args;
+    std::string error;
     bool open = true;
     while (open) {
-      ssize_t n = ::recv(session->fd, buffer, sizeof buffer, 0);
+      ssize_t n = ::recv(session->fd, buffer.get(), kReadChunk, 0);
       if (n < 0 && errno == EINTR) {
         continue;
       }
       if (n <= 0) {
         break;
       }
-      if (redisReaderFeed(reader.get(), buffer, static_cast<size_t>(n)) != REDIS_OK ||
-          reader->len - reader->pos > kMaxPending) {
-        sendAll(session->fd, "-ERR Protocol error: request too large\r\n");
-        break;
-      }
+      reader.feed(buffer.get(), static_cast<size_t>(n));
       while (open) {
-        void* raw = nullptr;
-        if (redisReaderGetReply(reader.get(), &raw) != REDIS_OK) {
-          sendAll(session->fd, std::string("-ERR ") + reader->errstr + "\r\n");
+        RequestReader::Result result = reader.next(args, error);
+        if (result == RequestReader::Result::kIncomplete) {
+          break;
+        }
+        if (result == RequestReader::Result::kError) {
+          refuse(*session, "a request", error);
+          sendAll(session->fd, "-ERR " + error + "\r\n");
           open = false;
           break;
         }
-        if (raw == nullptr) {
-          break;
-        }
-        std::unique_ptr<void, ReplyDeleter> request(raw);
-        std::vector<std::string> args;
-        if (!argumentsOf(static_cast<redisReply*>(raw), args)) {
-          sendAll(session->fd, "-ERR Protocol error: expected an array of bulk strings\r\n");
-          open = false;
-          break;
-        }
-        request.reset();
-        open = answer(session->fd, args);
+        open = answer(*session, client, args);
+        args.clear();
       }
     }
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "velfileagent: connection dropped: %s\n", e.what());
+    logLine(std::string("connection dropped: ") + e.what());
   }
   // The client sees the end at once; the descriptor itself is closed when
-  // the main thread reaps this session.
+  // the main thread reaps this session. The handles went with `client`.
   ::shutdown(session->fd, SHUT_RDWR);
   session->done = true;
 }
 
-bool Server::answer(int fd, const std::vector<std::string>& args) {
+bool Server::answer(Session& session, Commands::Client& client,
+                    const std::vector<std::string>& args) {
   journal_.record(args);
   Rule rule;
   Reply reply;
@@ -290,25 +246,60 @@ bool Server::answer(int fd, const std::vector<std::string>& args) {
   if (ruled && rule.hasReply) {
     reply = rule.reply;
   } else {
-    reply = service_.execute(args);
+    reply = commands_.execute(client, args);
+  }
+  if (reply.refused) {
+    refuse(session, describeRequest(args), reply.text);
   }
   if (reply.kind == Reply::Kind::kClose) {
     return false;
   }
-  std::string bytes = encode(reply);
-  if (!ruled || rule.trickleMs <= 0) {
-    return sendAll(fd, bytes);
+  size_t size = encodedSize(reply);
+  if (size > limits_.maxUnsentReply) {
+    refuse(session, describeRequest(args),
+           "its reply of " + std::to_string(size) + " bytes is above the cap of " +
+               std::to_string(limits_.maxUnsentReply));
+    sendAll(session.fd, std::string("-ERR reply too large\r\n"));
+    return false;
+  }
+  return send(session.fd, reply, ruled ? rule.trickleMs : 0);
+}
+
+bool Server::send(int fd, const Reply& reply, long trickleMs) {
+  std::string head = encode(reply);
+  if (!sendBytes(fd, head.data(), head.size(), trickleMs)) {
+    return false;
+  }
+  if (reply.kind != Reply::Kind::kStream) {
+    return true;
+  }
+  // Only one piece of a large read is in memory at a time: a client that
+  // stops reading holds this thread and one piece, never the whole read.
+  std::unique_ptr<char[]> piece(new char[kStreamChunk]);
+  for (long long left = reply.number; left > 0;) {
+    size_t n = static_cast<size_t>(std::min<long long>(left, kStreamChunk));
+    if (!reply.source->next(piece.get(), n) || !sendBytes(fd, piece.get(), n, trickleMs)) {
+      return false;
+    }
+    left -= static_cast<long long>(n);
+  }
+  return sendBytes(fd, "\r\n", 2, trickleMs);
+}
+
+bool Server::sendBytes(int fd, const char* data, size_t size, long trickleMs) {
+  if (trickleMs <= 0) {
+    return sendAll(fd, data, size);
   }
   // One byte at a time, so that a client's time-out can be tested against
   // a reply that keeps arriving.
-  for (char byte : bytes) {
+  for (size_t i = 0; i < size; ++i) {
     std::unique_lock<std::mutex> lock(stopMutex_);
-    if (stopCv_.wait_for(lock, std::chrono::milliseconds(rule.trickleMs),
+    if (stopCv_.wait_for(lock, std::chrono::milliseconds(trickleMs),
                          [this] { return stopping_; })) {
       return false;
     }
     lock.unlock();
-    if (!sendAll(fd, std::string(1, byte))) {
+    if (!sendAll(fd, data + i, 1)) {
       return false;
     }
   }

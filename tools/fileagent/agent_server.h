@@ -1,8 +1,17 @@
-// The agent's socket server: accepts clients on a Unix-domain socket, reads
-// their requests with the hiredis reply reader and answers each one through
-// the journal, the rules and the file service.
+// The agent's socket server: accepts clients on a Unix-domain socket, one
+// thread per connection, reads their requests (request.h) and answers each
+// one through the journal, the rules and the command layer.
+//
+// Memory per connection is bounded: a request within the caps of
+// RequestLimits, and one reply at a time. A client that does not read its
+// replies blocks only its own thread, which then stops reading its
+// requests; large reads are streamed from the file, and any other reply
+// above the unsent-reply cap is refused and the connection closed. A
+// connection's handles are closed when it ends.
 #ifndef VEL_TOOLS_FILEAGENT_AGENT_SERVER_H_
 #define VEL_TOOLS_FILEAGENT_AGENT_SERVER_H_
+
+#include <sys/types.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -13,15 +22,16 @@
 #include <thread>
 #include <vector>
 
+#include "commands.h"
 #include "control.h"
-#include "service.h"
+#include "request.h"
 
 namespace velagent {
 
 class Server {
  public:
-  Server(FileService& service, Journal& journal, Rules& rules)
-      : service_(service), journal_(journal), rules_(rules) {}
+  Server(Commands& commands, Journal& journal, Rules& rules, const RequestLimits& limits)
+      : commands_(commands), journal_(journal), rules_(rules), limits_(limits) {}
   ~Server();
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
@@ -36,19 +46,26 @@ class Server {
  private:
   struct Session {
     int fd = -1;
+    pid_t peer = 0;  // the client's process, for the log
     std::thread thread;
     std::atomic<bool> done{false};
   };
 
   void serve(Session* session);
   // Answers one request; false when the connection is to be closed.
-  bool answer(int fd, const std::vector<std::string>& args);
+  bool answer(Session& session, Commands::Client& client, const std::vector<std::string>& args);
+  // Sends `reply`, one byte at a time after `trickleMs` each when that is
+  // above 0; false when the connection is to be closed.
+  bool send(int fd, const Reply& reply, long trickleMs);
+  bool sendBytes(int fd, const char* data, size_t size, long trickleMs);
+  void refuse(const Session& session, const std::string& what, const std::string& why);
   void reap(bool all);
   void shutdownAll();
 
-  FileService& service_;
+  Commands& commands_;
   Journal& journal_;
   Rules& rules_;
+  RequestLimits limits_;
   std::string socketPath_;
   int listenFd_ = -1;
   std::list<std::unique_ptr<Session>> sessions_;

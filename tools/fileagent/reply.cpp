@@ -25,6 +25,12 @@ Reply Reply::error(const std::string& text) {
   return r;
 }
 
+Reply Reply::refusal(const std::string& text) {
+  Reply r = error(text);
+  r.refused = true;
+  return r;
+}
+
 Reply Reply::integer(long long value) {
   Reply r;
   r.kind = Kind::kInt;
@@ -51,6 +57,14 @@ Reply Reply::raw(const std::string& bytes) {
   Reply r;
   r.kind = Kind::kRaw;
   r.text = bytes;
+  return r;
+}
+
+Reply Reply::stream(long long size, std::shared_ptr<BulkSource> source) {
+  Reply r;
+  r.kind = Kind::kStream;
+  r.number = size;
+  r.source = std::move(source);
   return r;
 }
 
@@ -105,8 +119,25 @@ std::string encode(const Reply& reply) {
     case Reply::Kind::kRaw:
       out = reply.text;
       break;
+    case Reply::Kind::kStream:
+      out = "$" + std::to_string(reply.number) + "\r\n";
+      break;
   }
   return out;
+}
+
+size_t encodedSize(const Reply& reply) {
+  if (reply.kind == Reply::Kind::kBulk) {
+    return 5 + std::to_string(reply.text.size()).size() + reply.text.size();
+  }
+  if (reply.kind != Reply::Kind::kArray) {
+    return encode(reply).size();
+  }
+  size_t size = 3 + std::to_string(reply.items.size()).size();
+  for (const std::string& item : reply.items) {
+    size += 5 + std::to_string(item.size()).size() + item.size();
+  }
+  return size;
 }
 
 }  // namespace velagent

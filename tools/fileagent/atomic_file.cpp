@@ -1,0 +1,171 @@
+#include "atomic_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+#include <random>
+
+namespace velagent {
+
+namespace {
+
+const char kPartialMark[] = ".velpart.";
+constexpr size_t kMarkSize = sizeof kPartialMark - 1;
+constexpr size_t kRandomSize = 6;
+// Leaves room for the mark and the random part within NAME_MAX (255).
+constexpr size_t kMaxNameInTemp = 200;
+const char kAlphabet[] = "abcdefghijklmnopqrstuvwxyz0123456789";
+
+std::string randomSuffix() {
+  thread_local std::mt19937_64 engine(std::random_device{}());
+  std::uniform_int_distribution<size_t> pick(0, sizeof kAlphabet - 2);
+  std::string out;
+  for (size_t i = 0; i < kRandomSize; ++i) {
+    out += kAlphabet[pick(engine)];
+  }
+  return out;
+}
+
+bool copyUnsupported(int err) {
+  return err == EXDEV || err == EINVAL || err == ENOSYS || err == EOPNOTSUPP || err == EBADF;
+}
+
+}  // namespace
+
+bool isPartialName(const std::string& name) {
+  if (name.size() < 2 + kMarkSize + kRandomSize || name[0] != '.') {
+    return false;
+  }
+  size_t mark = name.size() - kRandomSize - kMarkSize;
+  if (name.compare(mark, kMarkSize, kPartialMark) != 0) {
+    return false;
+  }
+  for (size_t i = name.size() - kRandomSize; i < name.size(); ++i) {
+    char c = name[i];
+    if (!((c >= 'a' && c <= 'z') || (c >= '0' && c <= '9'))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+int AtomicFile::begin(int dir, const std::string& name) {
+  discard();
+  dir_.reset(::fcntl(dir, F_DUPFD_CLOEXEC, 0));
+  if (!dir_) {
+    return errno;
+  }
+  name_ = name;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    std::string temp = "." + name.substr(0, kMaxNameInTemp) + kPartialMark + randomSuffix();
+    int fd = ::openat(dir_.get(), temp.c_str(),
+                      O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+      file_.reset(fd);
+      tempName_ = temp;
+      return 0;
+    }
+    if (errno != EEXIST) {
+      return errno;
+    }
+  }
+  return EEXIST;
+}
+
+int AtomicFile::write(const char* data, size_t size) {
+  while (size > 0) {
+    ssize_t n = ::write(file_.get(), data, size);
+    if (n < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return errno;
+    }
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return 0;
+}
+
+int AtomicFile::copyFrom(int source) {
+  // In the kernel where the file systems allow it: no bytes pass through
+  // this process, and some file systems share or offload the blocks.
+  constexpr size_t kKernelChunk = 1u << 30;
+  for (;;) {
+    ssize_t n = ::copy_file_range(source, nullptr, file_.get(), nullptr, kKernelChunk, 0);
+    if (n == 0) {
+      return 0;
+    }
+    if (n < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      if (copyUnsupported(errno)) {
+        break;
+      }
+      return errno;
+    }
+  }
+  constexpr size_t kBuffer = 1u << 20;
+  std::unique_ptr<char[]> buffer(new char[kBuffer]);
+  for (;;) {
+    ssize_t n = ::read(source, buffer.get(), kBuffer);
+    if (n == 0) {
+      return 0;
+    }
+    if (n < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return errno;
+    }
+    int err = write(buffer.get(), static_cast<size_t>(n));
+    if (err != 0) {
+      return err;
+    }
+  }
+}
+
+int AtomicFile::commit(mode_t mode) {
+  if (!file_) {
+    return EBADF;
+  }
+  int err = 0;
+  if (::fchmod(file_.get(), mode) != 0 || ::fsync(file_.get()) != 0) {
+    err = errno;
+  }
+  if (err == 0 && ::close(file_.release()) != 0) {
+    err = errno;
+  }
+  if (err == 0 && ::renameat(dir_.get(), tempName_.c_str(), dir_.get(), name_.c_str()) != 0) {
+    err = errno;
+  }
+  if (err != 0) {
+    discard();
+    return err;
+  }
+  tempName_.clear();
+  // The rename is only durable once the folder is; a file system that
+  // cannot flush folders (EINVAL) or a folder this process may not read
+  // (EACCES) keeps what the rename gave.
+  UniqueFd folder(::openat(dir_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (folder && ::fsync(folder.get()) != 0 && errno != EINVAL) {
+    err = errno;
+  }
+  dir_.reset();
+  return err;
+}
+
+void AtomicFile::discard() {
+  file_.reset();
+  if (dir_ && !tempName_.empty()) {
+    ::unlinkat(dir_.get(), tempName_.c_str(), 0);
+  }
+  tempName_.clear();
+  dir_.reset();
+}
+
+}  // namespace velagent

@@ -1,0 +1,400 @@
+#include "folder_store.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <utility>
+
+namespace velagent {
+
+namespace {
+
+const char kNotRegular[] = "not a regular file";
+
+void fill(const struct stat& st, StoreStat& out) {
+  out.isDir = S_ISDIR(st.st_mode);
+  out.isLink = S_ISLNK(st.st_mode);
+  out.size = static_cast<long long>(st.st_size);
+  out.mtime = st.st_mtime;
+  out.mode = st.st_mode & 07777;
+}
+
+// The names in the open folder `dirFd` (not "." and ".."), with whether
+// each is a folder (a link never is). 0 or errno.
+int readFolder(int dirFd, std::vector<StoreEntry>& out) {
+  int fd = ::openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) {
+    return errno;
+  }
+  DIR* dir = ::fdopendir(fd);
+  if (dir == nullptr) {
+    int err = errno;
+    ::close(fd);
+    return err;
+  }
+  std::unique_ptr<DIR, int (*)(DIR*)> guard(dir, ::closedir);
+  errno = 0;
+  while (struct dirent* entry = ::readdir(dir)) {
+    std::string name = entry->d_name;
+    if (name == "." || name == "..") {
+      continue;
+    }
+    bool isDir = entry->d_type == DT_DIR;
+    if (entry->d_type == DT_UNKNOWN) {
+      struct stat st;
+      isDir = ::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+              S_ISDIR(st.st_mode);
+    }
+    out.push_back({name, isDir});
+    errno = 0;
+  }
+  return errno;
+}
+
+// Removes `name` in `dirFd` and, for a folder, everything in it, never
+// following a link. 0 or errno.
+int removeTreeAt(int dirFd, const std::string& name) {
+  struct stat st;
+  if (::fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno == ENOENT ? 0 : errno;
+  }
+  if (!S_ISDIR(st.st_mode)) {
+    return ::unlinkat(dirFd, name.c_str(), 0) == 0 || errno == ENOENT ? 0 : errno;
+  }
+  UniqueFd sub(::openat(dirFd, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!sub) {
+    return errno;
+  }
+  std::vector<StoreEntry> children;
+  int err = readFolder(sub.get(), children);
+  if (err != 0) {
+    return err;
+  }
+  for (const StoreEntry& child : children) {
+    err = removeTreeAt(sub.get(), child.name);
+    if (err != 0) {
+      return err;
+    }
+  }
+  return ::unlinkat(dirFd, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT ? 0 : errno;
+}
+
+// Removes the folder `name` in `dirFd` when all it holds are temporary
+// files of copies a killed agent left: listings hide them, so the folder
+// looks empty to clients. Callers hold the folder's change lock, so no copy
+// of this agent is writing there. 0, ENOTEMPTY or errno.
+int removeFolderOfLeftovers(int dirFd, const std::string& name) {
+  UniqueFd sub(::openat(dirFd, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!sub) {
+    return errno;
+  }
+  std::vector<StoreEntry> children;
+  int err = readFolder(sub.get(), children);
+  if (err != 0) {
+    return err;
+  }
+  for (const StoreEntry& child : children) {
+    if (child.isDir || !isPartialName(child.name)) {
+      return ENOTEMPTY;
+    }
+  }
+  for (const StoreEntry& child : children) {
+    ::unlinkat(sub.get(), child.name.c_str(), 0);
+  }
+  return ::unlinkat(dirFd, name.c_str(), AT_REMOVEDIR) == 0 ? 0 : errno;
+}
+
+class FolderHandle : public StoreHandle {
+ public:
+  explicit FolderHandle(UniqueFd fd) : fd_(std::move(fd)) {}
+
+  Status size(long long& out) override {
+    struct stat st;
+    if (::fstat(fd_.get(), &st) != 0) {
+      return Status::fromErrno(errno);
+    }
+    out = static_cast<long long>(st.st_size);
+    return Status::ok();
+  }
+
+  Status readAt(long long offset, char* buffer, size_t n, size_t& got) override {
+    got = 0;
+    while (got < n) {
+      ssize_t r = ::pread(fd_.get(), buffer + got, n - got, static_cast<off_t>(offset + got));
+      if (r < 0 && errno == EINTR) {
+        continue;
+      }
+      if (r < 0) {
+        return Status::fromErrno(errno);
+      }
+      if (r == 0) {
+        break;
+      }
+      got += static_cast<size_t>(r);
+    }
+    return Status::ok();
+  }
+
+  Status write(const char* data, size_t n) override {
+    while (n > 0) {
+      ssize_t w = ::write(fd_.get(), data, n);
+      if (w < 0 && errno == EINTR) {
+        continue;
+      }
+      if (w < 0) {
+        return Status::fromErrno(errno);
+      }
+      data += w;
+      n -= static_cast<size_t>(w);
+    }
+    return Status::ok();
+  }
+
+  Status close() override {
+    int fd = fd_.release();
+    return fd < 0 || ::close(fd) == 0 ? Status::ok() : Status::fromErrno(errno);
+  }
+
+ private:
+  UniqueFd fd_;
+};
+
+}  // namespace
+
+Status FolderStore::stat(const std::string& path, bool followLast, StoreStat& out) {
+  UniqueFd dir;
+  std::string name = ".";
+  int err = path.empty() ? root_.openDir("", dir) : root_.locate(path, followLast, dir, name);
+  if (err != 0) {
+    return Status::fromResolve(err);
+  }
+  struct stat st;
+  if (::fstatat(dir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    return Status::fromResolve(errno);
+  }
+  fill(st, out);
+  return Status::ok();
+}
+
+Status FolderStore::list(const std::string& path, std::vector<StoreEntry>& out) {
+  StoreStat st;
+  Status status = stat(path, true, st);
+  if (!status.isOk()) {
+    return status;
+  }
+  if (!st.isDir) {
+    return Status::error(Status::Code::kNotDirectory);
+  }
+  UniqueFd folder;
+  int err = root_.openDir(path, folder);
+  if (err != 0) {
+    return Status::fromResolve(err);
+  }
+  std::vector<StoreEntry> all;
+  err = readFolder(folder.get(), all);
+  if (err != 0) {
+    return Status::fromErrno(err);
+  }
+  for (StoreEntry& entry : all) {
+    if (!isPartialName(entry.name)) {
+      out.push_back(std::move(entry));
+    }
+  }
+  return Status::ok();
+}
+
+Status FolderStore::download(const std::string& path, AtomicFile& target, StoreStat& copied) {
+  UniqueFd dir;
+  std::string name;
+  int err = root_.locate(path, true, dir, name);
+  if (err != 0) {
+    return Status::fromResolve(err);
+  }
+  // Non-blocking: a FIFO or device must not hold the agent; it is refused
+  // below anyway.
+  UniqueFd in(::openat(dir.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!in) {
+    return errno == ENOENT ? Status::error(Status::Code::kNotFound) : Status::fromErrno(errno);
+  }
+  struct stat st;
+  if (::fstat(in.get(), &st) != 0) {
+    return Status::fromErrno(errno);
+  }
+  if (!S_ISREG(st.st_mode)) {
+    return Status::error(Status::Code::kFailed, kNotRegular);
+  }
+  fill(st, copied);
+  err = target.copyFrom(in.get());
+  return err == 0 ? Status::ok() : Status::fromErrno(err);
+}
+
+Status FolderStore::upload(int source, const std::string& path, mode_t mode) {
+  UniqueFd dir;
+  std::string name;
+  int err = root_.locate(path, true, dir, name);
+  if (err != 0) {
+    return Status::fromResolve(err);
+  }
+  struct stat st;
+  if (::fstatat(dir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode)) {
+    return Status::fromErrno(EISDIR);
+  }
+  AtomicFile out;
+  if ((err = out.begin(dir.get(), name)) != 0 || (err = out.copyFrom(source)) != 0 ||
+      (err = out.commit(mode)) != 0) {
+    return Status::fromErrno(err);
+  }
+  return Status::ok();
+}
+
+Status FolderStore::makeDirs(const std::string& path) {
+  std::vector<std::string> names = splitNames(path);
+  UniqueFd current;
+  int err = root_.openDir("", current);
+  if (err != 0) {
+    return Status::fromErrno(err);
+  }
+  for (size_t i = 0; i < names.size(); ++i) {
+    if (::mkdirat(current.get(), names[i].c_str(), 0755) != 0 && errno != EEXIST) {
+      return Status::fromErrno(errno);
+    }
+    // Whatever stands there now (made here, by someone else, or a link)
+    // must be a folder beneath the store.
+    UniqueFd next;
+    err = root_.openDir(joinNames(names, i + 1), next);
+    if (err == EXDEV) {
+      return Status::error(Status::Code::kRefused);
+    }
+    if (err != 0) {
+      return Status::fromErrno(err == ENOENT ? ENOTDIR : err);
+    }
+    current = std::move(next);
+  }
+  return Status::ok();
+}
+
+Status FolderStore::createFile(const std::string& path, mode_t mode) {
+  UniqueFd dir;
+  std::string name;
+  int err = root_.locate(path, true, dir, name);
+  if (err != 0) {
+    return err == EXDEV ? Status::fromResolve(err) : Status::fromErrno(err);
+  }
+  UniqueFd fd(::openat(dir.get(), name.c_str(),
+                       O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode));
+  return fd ? Status::ok() : Status::fromErrno(errno);
+}
+
+Status FolderStore::move(const std::string& from, const std::string& to) {
+  UniqueFd fromDir;
+  UniqueFd toDir;
+  std::string fromName;
+  std::string toName;
+  int err = root_.locate(from, false, fromDir, fromName);
+  if (err != 0) {
+    return Status::fromResolve(err);
+  }
+  err = root_.locate(to, false, toDir, toName);
+  if (err != 0) {
+    return err == EXDEV ? Status::fromResolve(err) : Status::fromErrno(err);
+  }
+  if (::renameat(fromDir.get(), fromName.c_str(), toDir.get(), toName.c_str()) != 0) {
+    return Status::fromErrno(errno);
+  }
+  return Status::ok();
+}
+
+Status FolderStore::chmod(const std::string& path, mode_t mode) {
+  UniqueFd dir;
+  std::string name;
+  int err = root_.locate(path, true, dir, name);
+  if (err != 0) {
+    return Status::fromResolve(err);
+  }
+  struct stat st;
+  if (::fstatat(dir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    return Status::fromResolve(errno);
+  }
+  // The name is no link (it was followed above); should one be swapped in
+  // meanwhile, AT_SYMLINK_NOFOLLOW refuses it instead of following.
+  if (::fchmodat(dir.get(), name.c_str(), mode, AT_SYMLINK_NOFOLLOW) == 0) {
+    return Status::ok();
+  }
+  // Without /proc the C library cannot do the above; a descriptor can.
+  if (errno == ENOENT || errno == ENOSYS) {
+    UniqueFd fd(::openat(dir.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (fd && ::fchmod(fd.get(), mode) == 0) {
+      return Status::ok();
+    }
+  }
+  return Status::fromErrno(errno);
+}
+
+Status FolderStore::remove(const std::string& path, bool recursive) {
+  UniqueFd dir;
+  std::string name;
+  int err = root_.locate(path, false, dir, name);
+  if (err == ENOENT || err == ENOTDIR) {
+    return Status::ok();
+  }
+  if (err != 0) {
+    return Status::fromResolve(err);
+  }
+  struct stat st;
+  if (::fstatat(dir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno == ENOENT ? Status::ok() : Status::fromErrno(errno);
+  }
+  if (recursive) {
+    err = removeTreeAt(dir.get(), name);
+    return err == 0 ? Status::ok() : Status::fromErrno(err);
+  }
+  if (!S_ISDIR(st.st_mode)) {
+    return ::unlinkat(dir.get(), name.c_str(), 0) == 0 ? Status::ok() : Status::fromErrno(errno);
+  }
+  if (::unlinkat(dir.get(), name.c_str(), AT_REMOVEDIR) == 0) {
+    return Status::ok();
+  }
+  err = errno;
+  if (err == ENOTEMPTY || err == EEXIST) {
+    err = removeFolderOfLeftovers(dir.get(), name);
+    if (err == 0) {
+      return Status::ok();
+    }
+    if (err == ENOTEMPTY || err == EEXIST) {
+      return Status::error(Status::Code::kNotEmpty);
+    }
+  }
+  return Status::fromErrno(err);
+}
+
+Status FolderStore::open(const std::string& path, const OpenMode& mode,
+                         std::unique_ptr<StoreHandle>& out) {
+  UniqueFd dir;
+  std::string name;
+  int err = root_.locate(path, true, dir, name);
+  if (err != 0) {
+    return err == EXDEV ? Status::fromResolve(err) : Status::fromErrno(err);
+  }
+  int flags = mode.read && mode.write ? O_RDWR : (mode.write ? O_WRONLY : O_RDONLY);
+  flags |=
+      (mode.create ? O_CREAT : 0) | (mode.truncate ? O_TRUNC : 0) | (mode.append ? O_APPEND : 0);
+  UniqueFd fd(::openat(dir.get(), name.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
+  if (!fd) {
+    return Status::fromErrno(errno);
+  }
+  struct stat st;
+  if (::fstat(fd.get(), &st) != 0) {
+    return Status::fromErrno(errno);
+  }
+  if (!S_ISREG(st.st_mode)) {
+    return Status::error(Status::Code::kFailed, kNotRegular);
+  }
+  ::fcntl(fd.get(), F_SETFL, mode.append ? O_APPEND : 0);  // blocking again
+  out.reset(new FolderHandle(std::move(fd)));
+  return Status::ok();
+}
+
+}  // namespace velagent

@@ -1,0 +1,40 @@
+// A folder on this machine (a local disk or a mounted shared file system)
+// as the store. Every call resolves its path beneath the folder (beneath.h)
+// and works through descriptors from there, so no link can take it
+// outside; files are replaced through AtomicFile, so a copy is either all
+// there or not at all. Thread safety and statuses: see store.h.
+#ifndef VEL_TOOLS_FILEAGENT_FOLDER_STORE_H_
+#define VEL_TOOLS_FILEAGENT_FOLDER_STORE_H_
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "beneath.h"
+#include "store.h"
+
+namespace velagent {
+
+class FolderStore : public Store {
+ public:
+  explicit FolderStore(const std::string& folder) : root_(folder) {}
+
+  Status stat(const std::string& path, bool followLast, StoreStat& out) override;
+  Status list(const std::string& path, std::vector<StoreEntry>& out) override;
+  Status download(const std::string& path, AtomicFile& target, StoreStat& copied) override;
+  Status upload(int source, const std::string& path, mode_t mode) override;
+  Status makeDirs(const std::string& path) override;
+  Status createFile(const std::string& path, mode_t mode) override;
+  Status move(const std::string& from, const std::string& to) override;
+  Status chmod(const std::string& path, mode_t mode) override;
+  Status remove(const std::string& path, bool recursive) override;
+  Status open(const std::string& path, const OpenMode& mode,
+              std::unique_ptr<StoreHandle>& out) override;
+
+ private:
+  Root root_;
+};
+
+}  // namespace velagent
+
+#endif  // VEL_TOOLS_FILEAGENT_FOLDER_STORE_H_

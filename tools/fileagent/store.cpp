@@ -1,0 +1,21 @@
+#include "store.h"
+
+#include <errno.h>
+
+#include <cstring>
+
+namespace velagent {
+
+Status Status::fromErrno(int err) { return Status(Code::kFailed, std::strerror(err)); }
+
+Status Status::fromResolve(int err) {
+  if (err == EXDEV) {
+    return Status(Code::kRefused, "");
+  }
+  if (err == ENOENT || err == ENOTDIR) {
+    return Status(Code::kNotFound, "");
+  }
+  return fromErrno(err);
+}
+
+}  // namespace velagent

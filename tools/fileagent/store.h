@@ -1,0 +1,137 @@
+// The service side of the agent: where the files the clients see live.
+// The command layer (commands.h) maps each request onto one Store; each
+// kind of store (a folder on this machine, a network service) is one
+// implementation in a file of its own.
+//
+// Paths are relative to the store's top, names joined by "/", without ""
+// "." or ".." names; "" is the top itself. The command layer has already
+// refused anything else.
+//
+// Thread safety: every method may be called from several threads at once.
+// The command layer serialises changes to one path (path_locks.h); a store
+// needs no lock of its own for that. No method throws.
+#ifndef VEL_TOOLS_FILEAGENT_STORE_H_
+#define VEL_TOOLS_FILEAGENT_STORE_H_
+
+#include <sys/types.h>
+
+#include <ctime>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "atomic_file.h"
+
+namespace velagent {
+
+// The outcome of one store call.
+class Status {
+ public:
+  enum class Code {
+    kOk,
+    kNotFound,      // the object (or a folder on its way) does not exist
+    kNotDirectory,  // a folder was needed
+    kNotEmpty,      // a folder to remove still holds something
+    kRefused,       // the path leaves the store (a link pointing outside)
+    kFailed,        // anything else; message() says what
+  };
+
+  static Status ok() { return Status(Code::kOk, ""); }
+  static Status error(Code code, const std::string& message = "") { return Status(code, message); }
+  // kFailed with the system's text for `err`.
+  static Status fromErrno(int err);
+  // For the errors of Root::openDir and Root::locate: EXDEV is kRefused,
+  // ENOENT and ENOTDIR kNotFound, anything else kFailed.
+  static Status fromResolve(int err);
+
+  bool isOk() const { return code_ == Code::kOk; }
+  Code code() const { return code_; }
+  const std::string& message() const { return message_; }
+
+ private:
+  Status(Code code, const std::string& message) : code_(code), message_(message) {}
+  Code code_;
+  std::string message_;
+};
+
+struct StoreStat {
+  bool isDir = false;
+  bool isLink = false;  // only when asked not to follow a last link
+  long long size = 0;
+  time_t mtime = 0;
+  unsigned mode = 0;  // permission bits, & 07777
+};
+
+struct StoreEntry {
+  std::string name;
+  bool isDir = false;  // a link is never a folder here
+};
+
+// How tarn.create opens a file.
+struct OpenMode {
+  bool read = false;
+  bool write = false;
+  bool create = false;
+  bool truncate = false;
+  bool append = false;
+};
+
+// An open file of the store, from tarn.create; closed by close() or by its
+// destruction. Used by one connection at a time.
+class StoreHandle {
+ public:
+  virtual ~StoreHandle() = default;
+  // The current size in bytes.
+  virtual Status size(long long& out) = 0;
+  // Reads up to `n` bytes at `offset`; `got` is 0 at the end.
+  virtual Status readAt(long long offset, char* buffer, size_t n, size_t& got) = 0;
+  // Writes all `n` bytes at the handle's position.
+  virtual Status write(const char* data, size_t n) = 0;
+  virtual Status close() = 0;
+};
+
+class Store {
+ public:
+  virtual ~Store() = default;
+
+  // What `path` is. With `followLast` a link in the last name is followed
+  // (while it stays in the store); without, a link is reported as a link.
+  // kNotFound, kRefused.
+  virtual Status stat(const std::string& path, bool followLast, StoreStat& out) = 0;
+  // The names in the folder `path` (a last link followed), without the
+  // temporary names of copies under way. kNotFound, kNotDirectory,
+  // kRefused, kFailed.
+  virtual Status list(const std::string& path, std::vector<StoreEntry>& out) = 0;
+  // Writes the whole content of the file `path` into `target` (begun, not
+  // committed: the caller commits) and describes what it copied in
+  // `copied`. kNotFound, kRefused, kFailed.
+  virtual Status download(const std::string& path, AtomicFile& target, StoreStat& copied) = 0;
+  // Replaces the file `path` with everything readable from `source`, with
+  // permission bits `mode`: atomically, so a failure at any point leaves
+  // the old content. Its folder must exist. kRefused, kFailed.
+  virtual Status upload(int source, const std::string& path, mode_t mode) = 0;
+  // Creates every missing folder of `path`. kRefused, kFailed (a file on
+  // the way: "Not a directory").
+  virtual Status makeDirs(const std::string& path) = 0;
+  // Creates the empty file `path` unless something is there; its folder
+  // must exist. kRefused, kFailed.
+  virtual Status createFile(const std::string& path, mode_t mode) = 0;
+  // Renames `from` (a last link is moved as a link) to `to`, replacing a
+  // file there. kNotFound, kRefused, kFailed.
+  virtual Status move(const std::string& from, const std::string& to) = 0;
+  // Sets the permission bits of `path` (a last link followed). kNotFound,
+  // kRefused, kFailed.
+  virtual Status chmod(const std::string& path, mode_t mode) = 0;
+  // Removes `path` (a last link is removed, never followed); with
+  // `recursive` a folder goes with everything in it. OK when nothing is
+  // there. kNotEmpty, kRefused, kFailed.
+  virtual Status remove(const std::string& path, bool recursive) = 0;
+  // Opens the regular file `path` for tarn.create; the handle is the
+  // caller's. A store without handles answers kFailed. kRefused, kFailed.
+  virtual Status open(const std::string& path, const OpenMode& mode,
+                      std::unique_ptr<StoreHandle>& out) = 0;
+};
+
+}  // namespace velagent
+
+#endif  // VEL_TOOLS_FILEAGENT_STORE_H_
