@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Runs every test: installs missing dependencies, checks formatting, builds
-# the normal tree (build/) and the ASan+UBSan tree (build-asan/) and runs
-# the whole suite in both. With --arm it then cross-builds for aarch64
-# (build-arm64/) and runs the suite again under qemu.
+# the normal tree (build/) and runs the whole suite; builds the Debian
+# packages there (build/*.deb) and checks them (architecture, lintian,
+# exported symbols); then builds the ASan+UBSan tree (build-asan/) and runs the suite there. With
+# --arm it then cross-builds for aarch64 (build-arm64/), runs the suite again
+# under qemu and builds and checks the arm64 packages.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -22,6 +24,9 @@ run_suite() {
 echo "== build: normal"
 scripts/build.sh build
 run_suite build
+
+echo "== build: Debian packages"
+scripts/package.sh build "$(dpkg --print-architecture)"
 
 echo "== build-asan: AddressSanitizer + UndefinedBehaviorSanitizer"
 scripts/build.sh build-asan -DVEL_SANITIZE=ON
