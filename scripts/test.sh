@@ -2,7 +2,9 @@
 # Runs every test: installs missing dependencies, checks formatting, builds
 # the normal tree (build/) and runs the whole suite; builds the Debian
 # packages there (build/*.deb) and checks them (architecture, lintian,
-# exported symbols); then builds the ASan+UBSan tree (build-asan/) and runs the suite there. With
+# exported symbols); builds and runs the example against the install tree,
+# pkg-config, add_subdirectory, FetchContent and the unpacked packages; then
+# builds the ASan+UBSan tree (build-asan/) and runs the suite there. With
 # --arm it then cross-builds for aarch64 (build-arm64/), runs the suite again
 # under qemu and builds and checks the arm64 packages.
 set -euo pipefail
@@ -27,6 +29,9 @@ run_suite build
 
 echo "== build: Debian packages"
 scripts/package.sh build "$(dpkg --print-architecture)"
+
+echo "== build: the example application, built the ways other projects use vel"
+scripts/example.sh build
 
 echo "== build-asan: AddressSanitizer + UndefinedBehaviorSanitizer"
 scripts/build.sh build-asan -DVEL_SANITIZE=ON
