@@ -63,6 +63,10 @@ endfunction()
 set(VEL_GZIPPED "")
 
 if(VEL_BUILD_TOOLS)
+  # Manual pages and the unit are picked up when they appear: adding a file
+  # to these folders reruns the configuration.
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/man
+                                                               ${PROJECT_SOURCE_DIR}/tools/fileagent)
   install(TARGETS vel_tool velfileagent RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
           COMPONENT tools)
   foreach(page vel.1 velfileagent.1)
