@@ -4,7 +4,7 @@
 # DIR/libvel-dev_*.deb and DIR/vel-tools_*.deb. Checks: each has the
 # Architecture ARCH; lintian finds no error (its warnings are printed);
 # the packaged libvel.so.0 exports only VEL symbols (check-exports.sh);
-# the -dev package's headers are exactly include/vel/.
+# the -dev package's headers are exactly include/vel/, each marking its API.
 # Usage: scripts/package.sh DIR ARCH [NM]   (e.g. build amd64, or build-arm64 arm64 aarch64-linux-gnu-nm)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -38,6 +38,15 @@ if ! diff <(cd "$root/include/vel" && ls) <(cd "$unpacked/usr/include/vel" && ls
   echo "package: the installed headers differ from include/vel/" >&2
   status=1
 fi
+# An installed header is API: it marks what it declares with VEL_API (the
+# umbrella vel.h and export.h itself aside), or it does not belong there.
+for header in "$unpacked"/usr/include/vel/*.h; do
+  case $(basename "$header") in vel.h | export.h) continue ;; esac
+  if ! grep -q 'VEL_API' "$header"; then
+    echo "package: $(basename "$header") is installed but declares no exported API" >&2
+    status=1
+  fi
+done
 
 # Lintian's errors fail the check; warnings and the notice about running as
 # root are shown.
