@@ -35,12 +35,15 @@ if(CMAKE_CROSSCOMPILING)
   else()
     message(FATAL_ERROR "no Debian architecture known for ${CMAKE_SYSTEM_PROCESSOR}")
   endif()
-  # What dpkg-shlibdeps finds for a native build of Debian 12.
-  set(VEL_DEB_CROSS_DEPENDS
-      "libace-7.0.8, libc6 (>= 2.34), libgcc-s1 (>= 3.0), libhiredis0.14 (>= 0.14.0), libjsoncpp25 (>= 1.9.5), libstdc++6 (>= 12)"
-      CACHE STRING "Depends of libvel0 and vel-tools in a cross build")
-  set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${VEL_DEB_CROSS_DEPENDS}")
-  set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${VEL_DEB_CROSS_DEPENDS}")
+  # What dpkg-shlibdeps finds for the native build on Debian 12.
+  set(VEL_DEB_CROSS_TOOLS_DEPENDS
+      "libc6 (>= 2.34), libgcc-s1 (>= 3.0), libhiredis0.14 (>= 0.14.0), libjsoncpp25 (>= 1.9.5), libstdc++6 (>= 11)"
+      CACHE STRING "Depends of vel-tools (besides libvel0) in a cross build")
+  set(VEL_DEB_CROSS_RUNTIME_DEPENDS
+      "libace-7.0.8 (>= 7.0.8+dfsg), libc6 (>= 2.33), libgcc-s1 (>= 3.0), libhiredis0.14 (>= 0.14.0), libjsoncpp25 (>= 1.9.5), libstdc++6 (>= 11)"
+      CACHE STRING "Depends of libvel0 in a cross build")
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${VEL_DEB_CROSS_RUNTIME_DEPENDS}")
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${VEL_DEB_CROSS_TOOLS_DEPENDS}")
 else()
   set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
   set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
