@@ -15,7 +15,10 @@ install(CODE "if(CMAKE_INSTALL_DO_STRIP)
   execute_process(COMMAND \"${CMAKE_STRIP}\" --strip-debug --remove-section=.comment
                           --enable-deterministic-archives
                           \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/libvel.a\"
-                  COMMAND_ERROR_IS_FATAL ANY)
+                  RESULT_VARIABLE vel_strip_result)
+  if(NOT vel_strip_result EQUAL 0)
+    message(FATAL_ERROR \"stripping libvel.a failed: \${vel_strip_result}\")
+  endif()
 endif()" COMPONENT dev)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/vel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         COMPONENT dev)
