@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The 64-bit Arm delivery: cross-builds the library, the tool, the reference
 # agent and the tests for aarch64 into build-arm64/ (tool: build-arm64/bin/vel)
-# and runs the whole suite there under qemu-aarch64.
+# and runs the whole suite there under qemu-aarch64; then builds the arm64
+# Debian packages (build-arm64/*.deb) and checks them (scripts/package.sh).
 # Installs what is missing first (scripts/deps.sh --arm) and prepares the
 # arm64 sysroot from Debian's packages (scripts/arm64-sysroot.sh).
 # Usage: scripts/arm64.sh
@@ -26,4 +27,9 @@ file -b "$dir/bin/vel" | grep -q 'ARM aarch64' || {
 
 echo "== $dir: running the suite under qemu-aarch64"
 ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" --timeout 300
-echo "== $dir: build $((built - start)) s, suite under qemu $((SECONDS - built)) s"
+tested=$SECONDS
+
+echo "== $dir: Debian packages for arm64"
+scripts/package.sh "$dir" arm64 aarch64-linux-gnu-nm
+echo "== $dir: build $((built - start)) s, suite under qemu $((tested - built)) s," \
+  "packages $((SECONDS - tested)) s"

@@ -4,10 +4,11 @@
 # Usage: scripts/deps.sh [--arm]   (--arm adds the aarch64 cross tools)
 set -euo pipefail
 
+# dpkg-dev, file and lintian: building and checking the Debian packages.
 packages=(cmake make g++ pkg-config libhiredis-dev libjsoncpp-dev libace-dev
-          libgtest-dev googletest clang-format)
+          libgtest-dev googletest clang-format dpkg-dev file lintian)
 if [[ "${1:-}" == "--arm" ]]; then
-  packages+=(g++-aarch64-linux-gnu qemu-user file)
+  packages+=(g++-aarch64-linux-gnu qemu-user)
 fi
 
 missing=()

@@ -1,8 +1,12 @@
 #!/usr/bin/env bash
 # Runs every test: installs missing dependencies, checks formatting, builds
-# the normal tree (build/) and the ASan+UBSan tree (build-asan/) and runs
-# the whole suite in both. With --arm it then cross-builds for aarch64
-# (build-arm64/) and runs the suite again under qemu.
+# the normal tree (build/) and runs the whole suite; builds the Debian
+# packages there (build/*.deb) and checks them (architecture, lintian,
+# exported symbols); builds and runs the example against the install tree,
+# pkg-config, add_subdirectory, FetchContent and the unpacked packages; then
+# builds the ASan+UBSan tree (build-asan/) and runs the suite there. With
+# --arm it then cross-builds for aarch64 (build-arm64/), runs the suite again
+# under qemu and builds and checks the arm64 packages.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -22,6 +26,12 @@ run_suite() {
 echo "== build: normal"
 scripts/build.sh build
 run_suite build
+
+echo "== build: Debian packages"
+scripts/package.sh build "$(dpkg --print-architecture)"
+
+echo "== build: the example application, built the ways other projects use vel"
+scripts/example.sh build
 
 echo "== build-asan: AddressSanitizer + UndefinedBehaviorSanitizer"
 scripts/build.sh build-asan -DVEL_SANITIZE=ON

@@ -2,9 +2,9 @@
 
 #include <string>
 
+#include "cli/cli.h"
 #include "support/run_process.h"
 #include "support/temp_dir.h"
-#include "vel/cli.h"
 
 namespace {
 

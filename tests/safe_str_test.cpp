@@ -3,7 +3,7 @@
 #include <cstring>
 #include <string>
 
-#include "vel/safe_str.h"
+#include "base/safe_str.h"
 
 namespace {
 

@@ -21,6 +21,7 @@
 #include <string>
 #include <utility>
 
+#include "vel/export.h"
 #include "vel/records.h"
 
 namespace VEL {
@@ -28,7 +29,7 @@ namespace VEL {
 class VELClientConfig;
 
 // Owns at most one VELFileInfo; deletes it when destroyed or given another.
-class VELFileInfoWrap {
+class VEL_API VELFileInfoWrap {
  public:
   VELFileInfoWrap() = default;
   explicit VELFileInfoWrap(VELFileInfo* info) : info_(info) {}
@@ -58,7 +59,7 @@ class VELFileInfoWrap {
 // Records already known to a caller, by service path (not owned by the map).
 using VELFileInfoMap = std::map<std::string, VELFileInfo*>;
 
-class VELClient {
+class VEL_API VELClient {
  public:
   VELClient() = default;
   VELClient(const VELClient&) = delete;
@@ -130,7 +131,7 @@ class VELClient {
 };
 
 // The 19 module directories created under the mirror root, in order.
-extern const char* const kModuleDirs[19];
+extern VEL_API const char* const kModuleDirs[19];
 
 }  // namespace VEL
 

@@ -13,15 +13,17 @@
 #include <map>
 #include <string>
 
+#include "vel/export.h"
+
 namespace VEL {
 
-extern const std::string kDefaultVelRoot;     // "/opt/backup/vel"
-extern const std::string kDefaultClientType;  // "Tavora"
+extern VEL_API const std::string kDefaultVelRoot;     // "/opt/backup/vel"
+extern VEL_API const std::string kDefaultClientType;  // "Tavora"
 
 // The accepted client types, in their numbered order 0..3.
-extern const char* const kClientTypes[4];  // "Local", "Tavora", "TavoraEx", "RawSocket"
+extern VEL_API const char* const kClientTypes[4];  // "Local", "Tavora", "TavoraEx", "RawSocket"
 
-class VELClientConfig {
+class VEL_API VELClientConfig {
  public:
   // Defaults, then "TARN_ROOT_DIR" and "TARN_TIME_OUT" from the environment.
   VELClientConfig();

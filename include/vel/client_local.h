@@ -6,10 +6,11 @@
 #define VEL_CLIENT_LOCAL_H_
 
 #include "vel/client.h"
+#include "vel/export.h"
 
 namespace VEL {
 
-class VELClientLocal : public VELClient {
+class VEL_API VELClientLocal : public VELClient {
  public:
   int32_t start() override { return 0; }
   int32_t stop() override { return 0; }

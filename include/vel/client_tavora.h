@@ -33,12 +33,13 @@
 #include <ace/Thread_Mutex.h>
 
 #include "vel/client.h"
+#include "vel/export.h"
 
 namespace VEL {
 
 class TarnClient;
 
-class VELClientTavora : public VELClient {
+class VEL_API VELClientTavora : public VELClient {
  public:
   VELClientTavora() = default;
   ~VELClientTavora() override;

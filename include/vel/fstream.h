@@ -29,13 +29,15 @@
 #include <memory>
 #include <string>
 
+#include "vel/export.h"
+
 namespace VEL {
 
 // What a stream remembers between open() and close(): the cleaned
 // application path it was last asked to open (empty when detached), the
 // open-mode bits handed to the hooks, including the bit the class adds, and
 // whether the file buffer opened the mirror file.
-class VelFStreamImpl {
+class VEL_API VelFStreamImpl {
  public:
   VelFStreamImpl() = default;
   VelFStreamImpl(const VelFStreamImpl&) = delete;
@@ -64,7 +66,7 @@ class VelFStreamImpl {
   bool opened_ = false;
 };
 
-class fstream : public std::basic_fstream<char> {
+class VEL_API fstream : public std::basic_fstream<char> {
  public:
   fstream();
   explicit fstream(const char* path,
@@ -85,7 +87,7 @@ class fstream : public std::basic_fstream<char> {
   std::unique_ptr<VelFStreamImpl> impl_;
 };
 
-class ifstream : public std::basic_ifstream<char> {
+class VEL_API ifstream : public std::basic_ifstream<char> {
  public:
   ifstream();
   explicit ifstream(const char* path, std::ios_base::openmode mode = std::ios_base::in);
@@ -103,7 +105,7 @@ class ifstream : public std::basic_ifstream<char> {
   std::unique_ptr<VelFStreamImpl> impl_;
 };
 
-class ofstream : public std::basic_ofstream<char> {
+class VEL_API ofstream : public std::basic_ofstream<char> {
  public:
   ofstream();
   explicit ofstream(const char* path, std::ios_base::openmode mode = std::ios_base::out);

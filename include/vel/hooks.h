@@ -11,31 +11,33 @@
 #include <cstdio>
 #include <string>
 
+#include "vel/export.h"
+
 namespace VEL {
 
-int32_t beforeRead(const char* path);
-int32_t beforeWrite(const char* path);
-int32_t afterRead(const char* path);
-int32_t afterWrite(const char* path);
-int32_t beforeOpenStream(const char* path, int32_t mode);
-int32_t beforeOpenFile(const char* path, const char* mode);
-int32_t afterCloseStream(const char* path, int32_t mode);
-int32_t afterCloseFile(const char* path, const char* mode);
+VEL_API int32_t beforeRead(const char* path);
+VEL_API int32_t beforeWrite(const char* path);
+VEL_API int32_t afterRead(const char* path);
+VEL_API int32_t afterWrite(const char* path);
+VEL_API int32_t beforeOpenStream(const char* path, int32_t mode);
+VEL_API int32_t beforeOpenFile(const char* path, const char* mode);
+VEL_API int32_t afterCloseStream(const char* path, int32_t mode);
+VEL_API int32_t afterCloseFile(const char* path, const char* mode);
 
 // Opens the mirror copy of `path` after the before-open hook.
-FILE* fopen(const char* path, const char* mode, const char* coding = "UTF-8");
+VEL_API FILE* fopen(const char* path, const char* mode, const char* coding = "UTF-8");
 // Runs the after-close hook for a stream from fopen() and forgets the
 // stream, then closes it. A stream fopen() did not open (or null) is only
 // closed: nothing is sent to the service for it.
-int fclose(FILE* stream);
+VEL_API int fclose(FILE* stream);
 
 // Pulls the node (and with withTree the whole tree, at most
 // "VEL_MAX_TREE_DEPTH" levels deep, default 128) from the service.
-int32_t syncFromServer(const std::string& path, bool withTree);
+VEL_API int32_t syncFromServer(const std::string& path, bool withTree);
 // Pushes the mirror node (and with recursive its tree, breadth-first, at
 // most "VEL_MAX_TREE_DEPTH" levels deep) to the service; symbolic links are
 // skipped, never followed. Returns the last entry's result.
-int32_t syncToServer(const std::string& path, bool recursive);
+VEL_API int32_t syncToServer(const std::string& path, bool recursive);
 
 }  // namespace VEL
 

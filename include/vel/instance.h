@@ -14,16 +14,17 @@
 
 #include "vel/client.h"
 #include "vel/client_config.h"
+#include "vel/export.h"
 
 namespace VEL {
 
 using ConfigParams = std::map<std::string, std::string>;
 
-VELClient* getInstance(const ConfigParams* params = nullptr, bool* created = nullptr);
-int init(const ConfigParams& params);
-void finish();
+VEL_API VELClient* getInstance(const ConfigParams* params = nullptr, bool* created = nullptr);
+VEL_API int init(const ConfigParams& params);
+VEL_API void finish();
 // The factory: "Local" -> VELClientLocal, "Tavora" -> VELClientTavora, else null.
-VELClient* createClient(VELClientConfig* config);
+VEL_API VELClient* createClient(VELClientConfig* config);
 
 }  // namespace VEL
 

@@ -18,12 +18,14 @@
 #include <map>
 #include <string>
 
+#include "vel/export.h"
+
 namespace VEL {
 
 class VELFileLoc;
 class VELFileInfo;
 
-class VELJsonObjIF {
+class VEL_API VELJsonObjIF {
  public:
   VELJsonObjIF() = default;
   VELJsonObjIF(const VELJsonObjIF&) = delete;
@@ -40,22 +42,22 @@ class VELJsonObjIF {
 };
 
 // Typed readers. `value` is the member already looked up (null when absent).
-int32_t GetDataFromJson(const Json::Value& value, int32_t& out);   // "long"
-int32_t GetDataFromJson(const Json::Value& value, uint32_t& out);  // "unsigned long"
-int32_t GetDataFromJson(const Json::Value& value, int64_t& out);   // "long long"
-int32_t GetDataFromJson(const Json::Value& value, bool& out);
-int32_t GetDataFromJson(const Json::Value& value, std::string& out);  // null: "" and 0
+VEL_API int32_t GetDataFromJson(const Json::Value& value, int32_t& out);   // "long"
+VEL_API int32_t GetDataFromJson(const Json::Value& value, uint32_t& out);  // "unsigned long"
+VEL_API int32_t GetDataFromJson(const Json::Value& value, int64_t& out);   // "long long"
+VEL_API int32_t GetDataFromJson(const Json::Value& value, bool& out);
+VEL_API int32_t GetDataFromJson(const Json::Value& value, std::string& out);  // null: "" and 0
 // Arrays of records: null leaves the list unchanged; elements are appended.
-int32_t GetDataFromJson(const Json::Value& value, std::list<VELFileLoc*>& out);
-int32_t GetDataFromJson(const Json::Value& value, std::list<VELFileInfo*>& out);
+VEL_API int32_t GetDataFromJson(const Json::Value& value, std::list<VELFileLoc*>& out);
+VEL_API int32_t GetDataFromJson(const Json::Value& value, std::list<VELFileInfo*>& out);
 // Object of strings: null leaves the map unchanged; non-string members skipped.
-int32_t GetDataFromJson(const Json::Value& value, std::map<std::string, std::string>& out);
+VEL_API int32_t GetDataFromJson(const Json::Value& value, std::map<std::string, std::string>& out);
 
 // Writers: append each non-null element's JSON to `target` (making it an
 // array); assign each map entry as a string member of `target`.
-int32_t SetDataToJson(Json::Value& target, const std::list<VELFileLoc*>& list);
-int32_t SetDataToJson(Json::Value& target, const std::list<VELFileInfo*>& list);
-int32_t SetDataToJson(Json::Value& target, const std::map<std::string, std::string>& map);
+VEL_API int32_t SetDataToJson(Json::Value& target, const std::list<VELFileLoc*>& list);
+VEL_API int32_t SetDataToJson(Json::Value& target, const std::list<VELFileInfo*>& list);
+VEL_API int32_t SetDataToJson(Json::Value& target, const std::map<std::string, std::string>& map);
 
 }  // namespace VEL
 

@@ -11,6 +11,8 @@
 #include <list>
 #include <string>
 
+#include "vel/export.h"
+
 namespace VEL {
 
 struct VEL_DIR {
@@ -20,19 +22,20 @@ struct VEL_DIR {
 };
 
 // A new handle, or null (errno from opendir in local mode).
-VEL_DIR* opendir(const char* path, const char* coding = "UTF-8");
+VEL_API VEL_DIR* opendir(const char* path, const char* coding = "UTF-8");
 // 0 with *result set; -1 at the end and on every error (*result null).
-int readdir_r(VEL_DIR* dir, struct dirent* entry, struct dirent** result,
-              const char* coding = "UTF-8");
-void closedir(VEL_DIR* dir);
+VEL_API int readdir_r(VEL_DIR* dir, struct dirent* entry, struct dirent** result,
+                      const char* coding = "UTF-8");
+VEL_API void closedir(VEL_DIR* dir);
 // Number of entries, 0 when none (null *namelist), -1 on error. Release
 // each record and the array with ACE_OS::free (or free).
-int scandir(const char* path, struct dirent*** namelist, int (*selector)(const struct dirent*),
-            int (*compar)(const struct dirent**, const struct dirent**),
-            const char* coding = "UTF-8");
+VEL_API int scandir(const char* path, struct dirent*** namelist,
+                    int (*selector)(const struct dirent*),
+                    int (*compar)(const struct dirent**, const struct dirent**),
+                    const char* coding = "UTF-8");
 // 1 on success; remote mode 0 on failure. Entry names are appended.
-int readDir(const std::string& path, std::list<std::string>& entries, bool fullPath, bool recursive,
-            const char* coding = "UTF-8");
+VEL_API int readDir(const std::string& path, std::list<std::string>& entries, bool fullPath,
+                    bool recursive, const char* coding = "UTF-8");
 // Reads a mirror directory (no "." / ".."), appending in the reader's
 // order; 1 on success, 0 when the directory cannot be opened.
 // - Both flags clear: the bare names of the directory's own entries; no
@@ -42,8 +45,8 @@ int readDir(const std::string& path, std::list<std::string>& entries, bool fullP
 //   directory is read each entry whose stat lacks the regular-file bit
 //   (symbolic links excepted) is read the same way, its entries appended
 //   after this directory's (paths stay composed from `mirrorPath`).
-int readLocalDir(const std::string& mirrorPath, std::list<std::string>& entries, bool fullPath,
-                 bool recursive, const char* coding = "UTF-8");
+VEL_API int readLocalDir(const std::string& mirrorPath, std::list<std::string>& entries,
+                         bool fullPath, bool recursive, const char* coding = "UTF-8");
 
 }  // namespace VEL
 

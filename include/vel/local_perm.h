@@ -10,15 +10,17 @@
 #include <cstdint>
 #include <string>
 
+#include "vel/export.h"
+
 namespace VEL {
 
-int32_t safeRemoveLocalObj(const std::string& path);
+VEL_API int32_t safeRemoveLocalObj(const std::string& path);
 // st_mode & 0777, or -1.
-int32_t getLocalPermission(const std::string& path);
+VEL_API int32_t getLocalPermission(const std::string& path);
 // 0 or -1.
-int32_t setLocalPermission(const std::string& path, uint32_t mode);
+VEL_API int32_t setLocalPermission(const std::string& path, uint32_t mode);
 // 0 when the bits already match, else setLocalPermission's result.
-int32_t updateLocalPermission(const std::string& path, uint32_t mode);
+VEL_API int32_t updateLocalPermission(const std::string& path, uint32_t mode);
 
 }  // namespace VEL
 

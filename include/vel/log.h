@@ -21,6 +21,8 @@
 
 #include <cstdint>
 
+#include "vel/export.h"
+
 namespace VEL {
 
 enum LogLevel : uint32_t {
@@ -38,7 +40,7 @@ constexpr int kLogMaxMessage = 4095;
 
 struct LogFileState;
 
-class LogInterface {
+class VEL_API LogInterface {
  public:
   LogInterface();
   LogInterface(const LogInterface&) = delete;
@@ -60,9 +62,9 @@ class LogInterface {
 
 // Returns the process-wide logger, creating it on first use; null only when
 // the creation lock cannot be taken.
-LogInterface* getLogger();
+VEL_API LogInterface* getLogger();
 // Destroys the process-wide logger; the next getLogger() opens a fresh one.
-void releaseLogger();
+VEL_API void releaseLogger();
 
 }  // namespace VEL
 

@@ -10,17 +10,19 @@
 
 #include <string>
 
+#include "vel/export.h"
+
 namespace VEL {
 
 // Placeholder written instead of the mirror root in placeholder form.
-extern const std::string kVelRootPlaceholder;  // "${VEL_ROOT}"
+extern VEL_API const std::string kVelRootPlaceholder;  // "${VEL_ROOT}"
 
 // Cleans a path: skips leading blanks, splits at "/" and "\", trims blanks
 // around components, drops empty and "." components, lets ".." remove the
 // component before it (a leading ".." is dropped) and joins with `sep`.
 // With keepRelative false a leading separator is kept as one `sep`.
 // A null path yields "".
-std::string normalizePath(const char* path, bool keepRelative = true, char sep = '/');
+VEL_API std::string normalizePath(const char* path, bool keepRelative = true, char sep = '/');
 inline std::string normalizePath(const std::string& path, bool keepRelative = true,
                                  char sep = '/') {
   return normalizePath(path.c_str(), keepRelative, sep);
@@ -29,31 +31,31 @@ inline std::string normalizePath(const std::string& path, bool keepRelative = tr
 // The configured mirror root, as configured (not cleaned). Reaching it may
 // create the client instance; when no back-end can be created the default
 // root "/opt/backup/vel" is returned.
-std::string getRootPath();
+VEL_API std::string getRootPath();
 // root + "/" + cleaned path; the root alone when the cleaned path is empty.
-std::string getMirrorPath(const std::string& path);
+VEL_API std::string getMirrorPath(const std::string& path);
 // root + "/" + cleaned path up to its last "/"; the root when it has none.
-std::string getMirrorParentPath(const std::string& path);
+VEL_API std::string getMirrorParentPath(const std::string& path);
 // "${VEL_ROOT}" + "/" + cleaned path; "${VEL_ROOT}" when it is empty.
-std::string getPlaceholderPath(const std::string& path);
+VEL_API std::string getPlaceholderPath(const std::string& path);
 // The non-null components joined with "/" and cleaned (no leading "/").
-std::string joinPath(const char* p1, const char* p2 = nullptr, const char* p3 = nullptr,
-                     const char* p4 = nullptr, const char* p5 = nullptr);
+VEL_API std::string joinPath(const char* p1, const char* p2 = nullptr, const char* p3 = nullptr,
+                             const char* p4 = nullptr, const char* p5 = nullptr);
 // The cleaned path up to its last "/"; "" when it has none.
-std::string getParentPath(const std::string& path);
+VEL_API std::string getParentPath(const std::string& path);
 // The cleaned path after its last "/"; the whole cleaned path when none.
-std::string getBaseName(const std::string& path);
+VEL_API std::string getBaseName(const std::string& path);
 // Replaces every "\" of `path` by "/" in place, then returns the part after
 // the last "/" (the whole string when it has none).
-std::string getFileName(std::string& path);
+VEL_API std::string getFileName(std::string& path);
 // True when the path, cleaned with its leading separator kept, starts with "/".
-bool isAbsolutePath(const std::string& path);
+VEL_API bool isAbsolutePath(const std::string& path);
 // Makes `path` relative to the mirror root: stores the relative form in
 // `out` and returns out.c_str(); returns null (out empty) when the path is
 // not the root or below it.
-const char* toRelativePath(const std::string& path, std::string& out);
+VEL_API const char* toRelativePath(const std::string& path, std::string& out);
 // True when toRelativePath() succeeds.
-bool isInRoot(const std::string& path);
+VEL_API bool isInRoot(const std::string& path);
 
 }  // namespace VEL
 

@@ -13,12 +13,13 @@
 #include <map>
 #include <string>
 
+#include "vel/export.h"
 #include "vel/json_obj.h"
 
 namespace VEL {
 
 // One module of the service: "httpBaseUrl", "process", "moduleType", "area".
-class VELModuleInfo : public VELJsonObjIF {
+class VEL_API VELModuleInfo : public VELJsonObjIF {
  public:
   VELJsonObjIF* newInstance() const override;
   std::string getClassName() const override;
@@ -32,7 +33,7 @@ class VELModuleInfo : public VELJsonObjIF {
 };
 
 // One location of a file: "httpBaseUrl", "process", "moduleType".
-class VELFileLoc : public VELJsonObjIF {
+class VEL_API VELFileLoc : public VELJsonObjIF {
  public:
   VELJsonObjIF* newInstance() const override;
   std::string getClassName() const override;
@@ -45,7 +46,7 @@ class VELFileLoc : public VELJsonObjIF {
 };
 
 // One file or directory node.
-class VELFileInfo : public VELJsonObjIF {
+class VEL_API VELFileInfo : public VELJsonObjIF {
  public:
   VELFileInfo() = default;
   ~VELFileInfo() override;
@@ -69,7 +70,7 @@ class VELFileInfo : public VELJsonObjIF {
 };
 
 // A request or batch of changes: "action", "body" (owned VELFileInfo list).
-class VELAction : public VELJsonObjIF {
+class VEL_API VELAction : public VELJsonObjIF {
  public:
   VELAction() = default;
   ~VELAction() override;
@@ -85,7 +86,7 @@ class VELAction : public VELJsonObjIF {
 
 // The metadata reply of the file agent. "Size" is read only when "Kind" is
 // exactly "file".
-class TarnMetaData : public VELJsonObjIF {
+class VEL_API TarnMetaData : public VELJsonObjIF {
  public:
   VELJsonObjIF* newInstance() const override;
   std::string getClassName() const override;
@@ -100,11 +101,11 @@ class TarnMetaData : public VELJsonObjIF {
 };
 
 // Shared empty instance of each record, alive for the whole process.
-const VELModuleInfo& emptyModuleInfo();
-const VELFileLoc& emptyFileLoc();
-const VELFileInfo& emptyFileInfo();
-const VELAction& emptyAction();
-const TarnMetaData& emptyTarnMetaData();
+VEL_API const VELModuleInfo& emptyModuleInfo();
+VEL_API const VELFileLoc& emptyFileLoc();
+VEL_API const VELFileInfo& emptyFileInfo();
+VEL_API const VELAction& emptyAction();
+VEL_API const TarnMetaData& emptyTarnMetaData();
 
 }  // namespace VEL
 

@@ -29,6 +29,8 @@
 
 struct redisContext;
 
+#include "vel/export.h"
+
 namespace VEL {
 
 class TarnMetaData;
@@ -46,7 +48,7 @@ struct TarnConnOptions {
   int32_t commandTimeoutMs = 0;
 };
 
-class TarnClient {
+class VEL_API TarnClient {
  public:
   TarnClient(const TarnConnOptions& options, const std::string& socketPath);
   ~TarnClient();

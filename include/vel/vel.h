@@ -24,7 +24,6 @@
 #include "vel/paths.h"
 #include "vel/query.h"
 #include "vel/records.h"
-#include "vel/safe_str.h"
 #include "vel/tarn_client.h"
 
 #endif  // VEL_VEL_H_

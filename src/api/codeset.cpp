@@ -23,11 +23,11 @@
 #include <ace/Thread_Mutex.h>
 
 #include "base/dir_mode.h"
+#include "base/safe_str.h"
 #include "vel/client.h"
 #include "vel/instance.h"
 #include "vel/log.h"
 #include "vel/paths.h"
-#include "vel/safe_str.h"
 
 namespace VEL {
 

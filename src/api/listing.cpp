@@ -14,13 +14,13 @@
 #include <ace/OS_Memory.h>
 
 #include "api/back_end.h"
+#include "base/safe_str.h"
 #include "vel/client.h"
 #include "vel/codeset.h"
 #include "vel/instance.h"
 #include "vel/log.h"
 #include "vel/mutations.h"
 #include "vel/paths.h"
-#include "vel/safe_str.h"
 
 namespace VEL {
 

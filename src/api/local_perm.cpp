@@ -9,8 +9,8 @@
 #include <string>
 
 #include "api/local_perm_internal.h"
+#include "base/safe_str.h"
 #include "vel/log.h"
-#include "vel/safe_str.h"
 
 namespace VEL {
 

@@ -1,4 +1,4 @@
-#include "vel/safe_str.h"
+#include "base/safe_str.h"
 
 #include <cstdio>
 #include <cstring>

@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "vel/cli.h"
+#include "cli/cli.h"
 #include "vel/instance.h"
 #include "vel/paths.h"
 #include "vel/query.h"

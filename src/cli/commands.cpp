@@ -2,7 +2,7 @@
 #include <list>
 #include <string>
 
-#include "vel/cli.h"
+#include "cli/cli.h"
 #include "vel/hooks.h"
 #include "vel/listing.h"
 #include "vel/mutations.h"

@@ -1,4 +1,4 @@
-// Entry point of the maintenance tool; see vel/cli.h.
-#include "vel/cli.h"
+// Entry point of the maintenance tool; see cli/cli.h.
+#include "cli/cli.h"
 
 int main(int argc, char** argv) { return VEL::runTool(argc, argv); }

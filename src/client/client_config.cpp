@@ -3,9 +3,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/safe_str.h"
 #include "vel/log.h"
 #include "vel/paths.h"
-#include "vel/safe_str.h"
 
 namespace VEL {
 

@@ -17,8 +17,8 @@
 
 #include <ace/Thread_Mutex.h>
 
+#include "base/safe_str.h"
 #include "base/static_lock.h"
-#include "vel/safe_str.h"
 
 namespace VEL {
 

@@ -12,8 +12,11 @@
 // characters (or `destMax` - 1, whichever is smaller) followed by a NUL.
 //
 // Thread safety: all functions are reentrant.
-#ifndef VEL_SAFE_STR_H_
-#define VEL_SAFE_STR_H_
+//
+// Internal to the library (global names, not in VEL): libvel.so.0 does not
+// export them, and the header is not installed.
+#ifndef VEL_BASE_SAFE_STR_H_
+#define VEL_BASE_SAFE_STR_H_
 
 #include <cstdarg>
 #include <cstddef>
@@ -26,4 +29,4 @@ int snprintf_s(char* dest, size_t destMax, size_t count, const char* format, ...
 int vsnprintf_s(char* dest, size_t destMax, size_t count, const char* format, va_list args)
     __attribute__((format(printf, 4, 0)));
 
-#endif  // VEL_SAFE_STR_H_
+#endif  // VEL_BASE_SAFE_STR_H_

@@ -4,8 +4,8 @@
 // matched exactly and case-sensitively. Each path must exist (checked
 // through the public API) before any command runs. Output goes to standard
 // output, one flushed line at a time.
-#ifndef VEL_CLI_H_
-#define VEL_CLI_H_
+#ifndef VEL_CLI_CLI_H_
+#define VEL_CLI_CLI_H_
 
 #include <cstdint>
 #include <string>
@@ -100,4 +100,4 @@ int runTool(int argc, const char* const* argv);
 
 }  // namespace VEL
 
-#endif  // VEL_CLI_H_
+#endif  // VEL_CLI_CLI_H_
