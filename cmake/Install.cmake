@@ -66,24 +66,20 @@ endfunction()
 set(VEL_GZIPPED "")
 
 if(VEL_BUILD_TOOLS)
-  # Manual pages and the unit are picked up when they appear: adding a file
-  # to these folders reruns the configuration.
-  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/man
-                                                               ${PROJECT_SOURCE_DIR}/tools/fileagent)
   install(TARGETS vel_tool velfileagent RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
           COMPONENT tools)
   foreach(page vel.1 velfileagent.1)
-    if(EXISTS ${PROJECT_SOURCE_DIR}/man/${page})
-      vel_gzip(${PROJECT_SOURCE_DIR}/man/${page} ${PROJECT_BINARY_DIR}/man/${page}.gz)
-      list(APPEND VEL_GZIPPED ${PROJECT_BINARY_DIR}/man/${page}.gz)
-      install(FILES ${PROJECT_BINARY_DIR}/man/${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
-              COMPONENT tools)
-    endif()
+    vel_gzip(${PROJECT_SOURCE_DIR}/man/${page} ${PROJECT_BINARY_DIR}/man/${page}.gz)
+    list(APPEND VEL_GZIPPED ${PROJECT_BINARY_DIR}/man/${page}.gz)
+    install(FILES ${PROJECT_BINARY_DIR}/man/${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+            COMPONENT tools)
   endforeach()
-  if(EXISTS ${PROJECT_SOURCE_DIR}/tools/fileagent/velfileagent.service)
-    install(FILES ${PROJECT_SOURCE_DIR}/tools/fileagent/velfileagent.service
-            DESTINATION lib/systemd/system COMPONENT tools)
-  endif()
+  # The unit reads /etc/velfileagent/velfileagent.env; the example of that
+  # file goes with the package's documentation.
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/fileagent/velfileagent.service
+          DESTINATION lib/systemd/system COMPONENT tools)
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/fileagent/velfileagent.env
+          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/vel-tools/examples COMPONENT tools)
 endif()
 if(VEL_GZIPPED)
   add_custom_target(vel_manual_pages ALL DEPENDS ${VEL_GZIPPED})
