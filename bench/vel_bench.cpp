@@ -38,6 +38,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "vel/hooks.h"
@@ -62,12 +63,17 @@ struct Options {
 };
 
 struct Row {
+  Row(std::string what_, std::string floor_, double target_)
+      : what(std::move(what_)), floor(std::move(floor_)), target(target_) {}
+
   std::string what;
   std::string floor;  // what the floor does
-  double vel = 0;     // seconds per operation (medians)
+  double target;
+  double vel = 0;  // seconds per operation (medians)
   double base = 0;
   double ratio = 0;  // median of the per-round ratios
-  double target = 0;
+  double low = 0;    // their first and third quartiles
+  double high = 0;
   int rounds = 0;
   std::string note;  // instead of figures
 };
@@ -79,11 +85,16 @@ double seconds(Clock::time_point since) {
   return std::chrono::duration<double>(Clock::now() - since).count();
 }
 
-double median(std::vector<double> values) {
+// The value below which `share` of the values lie (linear between ranks).
+double quantile(std::vector<double> values, double share) {
   std::sort(values.begin(), values.end());
-  const size_t n = values.size();
-  return n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+  const double rank = share * static_cast<double>(values.size() - 1);
+  const size_t below = static_cast<size_t>(rank);
+  const size_t above = std::min(below + 1, values.size() - 1);
+  return values[below] + (values[above] - values[below]) * (rank - static_cast<double>(below));
 }
+
+double median(const std::vector<double>& values) { return quantile(values, 0.5); }
 
 [[noreturn]] void fail(const std::string& what) {
   std::fprintf(stderr, "vel_bench: %s\n", what.c_str());
@@ -213,6 +224,8 @@ void measure(Row row, int rounds, const std::function<double()>& floorRound,
   row.base = median(base);
   row.vel = median(vel);
   row.ratio = median(ratios);
+  row.low = quantile(ratios, 0.25);
+  row.high = quantile(ratios, 0.75);
   row.rounds = rounds;
   g_rows.push_back(row);
 }
@@ -359,18 +372,18 @@ void remoteRows(const Options& options, const Agent& agent) {
     fail("remote exists does not find " + path);
   }
   measure(
-      {"remote exists", "connect + tarn.metadata + close", 0, 0, 0, 1.1, 0, ""}, rounds,
+      {"remote exists", "connect + tarn.metadata + close", 1.1}, rounds,
       [&] { return perOp(n, bare); },
       [&] { return perOp(n, [&](int) { VEL::exists(path.c_str()); }); });
   struct stat st;
   measure(
-      {"remote stat", "connect + tarn.metadata + close", 0, 0, 0, 1.1, 0, ""}, rounds,
+      {"remote stat", "connect + tarn.metadata + close", 1.1}, rounds,
       [&] { return perOp(n, bare); },
       [&] { return perOp(n, [&](int) { VEL::stat(path.c_str(), &st); }); });
 }
 
 void treeRows(const Options& options, const std::string& dir, const Agent& agent) {
-  const int rounds = options.quick ? 3 : 7;
+  const int rounds = options.quick ? 3 : 11;
   const std::string mirrorTree = dir + "/mirror/tree";
   const std::string storeUp = dir + "/store/up";
   const size_t files = static_cast<size_t>(kFolders * kFilesPerFolder);
@@ -383,7 +396,7 @@ void treeRows(const Options& options, const std::string& dir, const Agent& agent
   }
   const auto pulls = agent.requestsSince(mark);
   measure(
-      {"tree update (syncFromServer)", "journal replay + mkdir", 0, 0, 0, 1.1, 0, ""}, rounds,
+      {"tree update (syncFromServer)", "journal replay + mkdir", 1.1}, rounds,
       [&] {
         removeTree(mirrorTree);
         const Clock::time_point start = Clock::now();
@@ -410,7 +423,7 @@ void treeRows(const Options& options, const std::string& dir, const Agent& agent
   }
   const auto pushes = agent.requestsSince(mark);
   measure(
-      {"tree commit (syncToServer)", "journal replay", 0, 0, 0, 1.1, 0, ""}, rounds,
+      {"tree commit (syncToServer)", "journal replay", 1.1}, rounds,
       [&] {
         removeTree(storeUp);
         return replay(agent.socket(), pushes);
@@ -432,7 +445,7 @@ void largeRows(const Options& options, const std::string& dir, size_t mib) {
   const std::string up = dir + "/store/bigup";
   const std::string what = std::to_string(mib) + " MiB ";
   measure(
-      {what + "download", "cp + fsync", 0, 0, 0, 1.2, 0, ""}, rounds,
+      {what + "download", "cp + fsync", 1.2}, rounds,
       [&] { return copyAndFlush(dir + "/store/big", copy); },
       [&] {
         ::unlink(down.c_str());
@@ -443,7 +456,7 @@ void largeRows(const Options& options, const std::string& dir, size_t mib) {
         return seconds(start);
       });
   measure(
-      {what + "upload", "cp + fsync", 0, 0, 0, 1.2, 0, ""}, rounds,
+      {what + "upload", "cp + fsync", 1.2}, rounds,
       [&] { return copyAndFlush(dir + "/mirror/bigup", copy); },
       [&] {
         ::unlink(up.c_str());
@@ -466,7 +479,7 @@ void logRow(const Options& options, const std::string& dir) {
   }
   VEL::LogInterface* logger = VEL::getLogger();
   measure(
-      {"log line", "stat + format + write(O_APPEND)", 0, 0, 0, 1.2, 0, ""}, rounds,
+      {"log line", "stat + format + write(O_APPEND)", 1.2}, rounds,
       [&] {
         return perOp(n, [&](int i) {
           struct stat st;
@@ -502,15 +515,15 @@ void localRows(const Options& options, const std::string& dir) {
   const std::string mirrorFile = dir + "/mirror/" + file;
   struct stat st;
   measure(
-      {"local stat", "stat", 0, 0, 0, 1.1, 0, ""}, rounds,
+      {"local stat", "stat", 1.1}, rounds,
       [&] { return perOp(n, [&](int) { ::stat(mirrorFile.c_str(), &st); }); },
       [&] { return perOp(n, [&](int) { VEL::stat(file.c_str(), &st); }); });
   measure(
-      {"local exists", "access(F_OK)", 0, 0, 0, 1.1, 0, ""}, rounds,
+      {"local exists", "access(F_OK)", 1.1}, rounds,
       [&] { return perOp(n, [&](int) { ::access(mirrorFile.c_str(), F_OK); }); },
       [&] { return perOp(n, [&](int) { VEL::exists(file.c_str()); }); });
   measure(
-      {"local fopen+fclose", "fopen + fclose", 0, 0, 0, 1.1, 0, ""}, rounds,
+      {"local fopen+fclose", "fopen + fclose", 1.1}, rounds,
       [&] {
         return perOp(n, [&](int) {
           FILE* f = std::fopen(mirrorFile.c_str(), "r");
@@ -533,7 +546,7 @@ void localRows(const Options& options, const std::string& dir) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
   measure(
-      {"local opendir+readdir_r", "opendir + readdir_r + closedir", 0, 0, 0, 1.1, 0, ""}, rounds,
+      {"local opendir+readdir_r", "opendir + readdir_r + closedir", 1.1}, rounds,
       [&] {
         return perOp(n, [&](int) {
           DIR* d = ::opendir(mirrorFolder.c_str());
@@ -611,25 +624,25 @@ void printTable(const std::string& loadBefore) {
   std::fprintf(g_out, "vel benchmark: %s\n", machine().c_str());
   std::fprintf(g_out,
                "load average before %s, after %s; vel and floor: medians of interleaved "
-               "rounds, ratio: median of the per-round ratios\n\n",
+               "rounds; ratio: median of the per-round ratios, with their quartiles\n\n",
                loadBefore.c_str(), loadAverage().c_str());
-  std::fprintf(g_out, "| %-28s | %10s | %10s | %-31s | %6s | %6s | %3s | %6s |\n", "what", "vel",
-               "floor", "floor is", "ratio", "target", "met", "rounds");
-  std::fprintf(g_out, "|%s|%s|%s|%s|%s|%s|%s|%s|\n", std::string(30, '-').c_str(),
+  std::fprintf(g_out, "| %-28s | %10s | %10s | %-31s | %5s | %-9s | %6s | %3s | %6s |\n", "what",
+               "vel", "floor", "floor is", "ratio", "quartiles", "target", "met", "rounds");
+  std::fprintf(g_out, "|%s|%s|%s|%s|%s|%s|%s|%s|%s|\n", std::string(30, '-').c_str(),
                std::string(12, '-').c_str(), std::string(12, '-').c_str(),
-               std::string(33, '-').c_str(), std::string(8, '-').c_str(),
-               std::string(8, '-').c_str(), std::string(5, '-').c_str(),
-               std::string(8, '-').c_str());
+               std::string(33, '-').c_str(), std::string(7, '-').c_str(),
+               std::string(11, '-').c_str(), std::string(8, '-').c_str(),
+               std::string(5, '-').c_str(), std::string(8, '-').c_str());
   for (const Row& row : g_rows) {
     if (!row.note.empty()) {
       std::fprintf(g_out, "| %-28s | %s |\n", row.what.c_str(), row.note.c_str());
       continue;
     }
-    const double ratio = row.ratio;
-    std::fprintf(g_out, "| %-28s | %10s | %10s | %-31s | %6.2f | %6.2f | %3s | %6d |\n",
+    std::fprintf(g_out,
+                 "| %-28s | %10s | %10s | %-31s | %5.2f | %4.2f-%4.2f | %6.2f | %3s | %6d |\n",
                  row.what.c_str(), showTime(row.vel).c_str(), showTime(row.base).c_str(),
-                 row.floor.c_str(), ratio, row.target, ratio <= row.target ? "yes" : "no",
-                 row.rounds);
+                 row.floor.c_str(), row.ratio, row.low, row.high, row.target,
+                 row.ratio <= row.target ? "yes" : "no", row.rounds);
   }
   std::fflush(g_out);
 }
@@ -714,8 +727,7 @@ int main(int argc, char** argv) {
       largeRows(options, dir, mib);
     }
     if (wanted("webdav")) {
-      Row row;
-      row.what = "WebDAV update";
+      Row row("WebDAV update", "", 1.5);
       row.note = agentHasWebdav(options.agent) ? "WebDAV store present; row not measured yet"
                                                : "no WebDAV store in this build";
       g_rows.push_back(row);
