@@ -177,9 +177,9 @@ WebDavServer::WebDavServer(const std::string& docroot, const std::string& workDi
     return;
   }
   if (options_.https &&
-      !runQuiet({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2",
-                 "-subj", "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1",
-                 "-keyout", work_ + "/key.pem", "-out", certificate()})) {
+      !runQuiet({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
+                 "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1", "-keyout",
+                 work_ + "/key.pem", "-out", certificate()})) {
     error_ = "openssl could not make a certificate";
     return;
   }
@@ -193,8 +193,8 @@ WebDavServer::WebDavServer(const std::string& docroot, const std::string& workDi
 WebDavServer::~WebDavServer() { stop(); }
 
 std::string WebDavServer::url() const {
-  return std::string(options_.https ? "https" : "http") + "://127.0.0.1:" +
-         std::to_string(port_) + "/dav/";
+  return std::string(options_.https ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_) +
+         "/dav/";
 }
 
 std::string WebDavServer::certificate() const { return work_ + "/cert.pem"; }
@@ -208,10 +208,13 @@ std::string WebDavServer::writeConfig() const {
     << "DefaultRuntimeDir \"" << work_ << "/run\"\n"
     << "Mutex file:" << work_ << "/run default\n"
     << "ErrorLog \"" << work_ << "/error.log\"\n"
-    << "LogLevel warn\n";
+    << "LogLevel warn\n"
+    // Per request: how many came before it on the same connection.
+    << "LogFormat \"%k %m %>s %U\" reuse\n"
+    << "CustomLog \"" << work_ << "/access.log\" reuse\n";
   for (const char* module :
-       {"mpm_event", "authz_core", "authn_core", "auth_basic", "authn_file", "authz_user",
-        "alias", "dav", "dav_fs", "env", "filter", "ratelimit", "ssl", "socache_shmcb"}) {
+       {"mpm_event", "authz_core", "authn_core", "auth_basic", "authn_file", "authz_user", "alias",
+        "dav", "dav_fs", "env", "filter", "ratelimit", "ssl", "socache_shmcb"}) {
     c << "LoadModule " << module << "_module " << kModules << "/mod_" << module << ".so\n";
   }
   if (asRoot()) {
@@ -359,8 +362,8 @@ bool WebDavServer::setMode(const std::string& rel, unsigned mode) const {
 
 int WebDavServer::mode(const std::string& rel) const {
   std::string answer;
-  long code = exchange(url() + velagent::encodePath(rel), "PROPFIND", "0",
-                       velagent::propfindBody(), options_, certificate(), answer);
+  long code = exchange(url() + velagent::encodePath(rel), "PROPFIND", "0", velagent::propfindBody(),
+                       options_, certificate(), answer);
   std::vector<velagent::DavNode> nodes;
   std::string error;
   if (code != 207 || !velagent::parseMultistatus(answer, nodes, error) || nodes.size() != 1) {

@@ -49,6 +49,9 @@ class WebDavServer {
   // The certificate an HTTPS server presents (PEM), to trust with --ca-file.
   std::string certificate() const;
   const std::string& docroot() const { return docroot_; }
+  // One line per request: "<requests before it on its connection> <method>
+  // <status> <path>".
+  std::string accessLog() const { return work_ + "/access.log"; }
 
   // Stops it (SIGTERM: connections are cut at once); idempotent.
   void stop();

@@ -74,7 +74,8 @@ std::string trimmed(const char* text) {
 
 // A decimal number of at most 18 digits.
 bool parseNumber(const std::string& text, long long& out) {
-  if (text.empty() || text.size() > 18 || text.find_first_not_of("0123456789") != std::string::npos) {
+  if (text.empty() || text.size() > 18 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
     return false;
   }
   out = std::atoll(text.c_str());
@@ -163,8 +164,7 @@ bool parseMultistatus(const std::string& xml, std::vector<DavNode>& out, std::st
   if (!parseDocument(xml, doc, root, error)) {
     return false;
   }
-  for (pugi::xml_node response = root.first_child(); response;
-       response = response.next_sibling()) {
+  for (pugi::xml_node response = root.first_child(); response; response = response.next_sibling()) {
     if (!is(response, kDav, "response")) {
       continue;
     }

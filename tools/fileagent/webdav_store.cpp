@@ -39,8 +39,8 @@ struct WebDavStore::Request {
   std::vector<std::string> headers;
   bool hasBody = false;  // `body` is sent, even when empty
   std::string body;
-  int source = -1;  // a PUT streamed from this descriptor ...
-  long long sourceSize = 0;  // ... of this many bytes
+  int source = -1;               // a PUT streamed from this descriptor ...
+  long long sourceSize = 0;      // ... of this many bytes
   AtomicFile* target = nullptr;  // a GET's body when the status is 200
 };
 
@@ -139,8 +139,8 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
 
 size_t onRead(char* buffer, size_t size, size_t count, void* user) {
   Transfer& t = *static_cast<Transfer*>(user);
-  size_t want = static_cast<size_t>(std::min<long long>(
-      static_cast<long long>(size * count), t.sourceSize - t.sent));
+  size_t want = static_cast<size_t>(
+      std::min<long long>(static_cast<long long>(size * count), t.sourceSize - t.sent));
   if (want == 0) {
     return 0;
   }
@@ -251,8 +251,8 @@ WebDavStore::Response WebDavStore::perform(const Request& request) {
   }
   // No "Expect: 100-continue" round trip before a body.
   headers = curl_slist_append(headers, "Expect:");
-  std::unique_ptr<struct curl_slist, void (*)(struct curl_slist*)> headerGuard(
-      headers, curl_slist_free_all);
+  std::unique_ptr<struct curl_slist, void (*)(struct curl_slist*)> headerGuard(headers,
+                                                                               curl_slist_free_all);
 
   curl_easy_setopt(curl, CURLOPT_URL, request.url.c_str());
   curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -279,8 +279,7 @@ WebDavStore::Response WebDavStore::perform(const Request& request) {
     curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
     curl_easy_setopt(curl, CURLOPT_READFUNCTION, onRead);
     curl_easy_setopt(curl, CURLOPT_READDATA, &transfer);
-    curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE,
-                     static_cast<curl_off_t>(request.sourceSize));
+    curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(request.sourceSize));
   } else if (request.hasBody) {
     curl_easy_setopt(curl, CURLOPT_POSTFIELDS, request.body.data());
     curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE,
@@ -319,9 +318,8 @@ Status failureOf(const WebDavStore::Response& r) {
   if (r.failed) {
     return Status::error(Status::Code::kServiceError, "webdav: " + r.error);
   }
-  return Status::error(Status::Code::kServiceError,
-                       "webdav: " + std::to_string(r.code) + (r.reason.empty() ? "" : " ") +
-                           r.reason);
+  return Status::error(Status::Code::kServiceError, "webdav: " + std::to_string(r.code) +
+                                                        (r.reason.empty() ? "" : " ") + r.reason);
 }
 
 bool answered(const WebDavStore::Response& r, long code) { return !r.failed && r.code == code; }
@@ -355,6 +353,15 @@ Status WebDavStore::propfind(const std::string& path, const char* depth,
   Response response = perform(request);
   if (answered(response, 404)) {
     return Status::error(Status::Code::kNotFound);
+  }
+  if ((answered(response, 400) || answered(response, 409)) && !path.empty()) {
+    // Servers refuse a path through a file ("extraneous path components")
+    // instead of saying it is not there.
+    StoreStat parent;
+    Status above = stat(parentOf(path), true, parent);
+    if (above.code() == Status::Code::kNotFound || (above.isOk() && !parent.isDir)) {
+      return Status::error(Status::Code::kNotFound);
+    }
   }
   if (!answered(response, 207)) {
     return failureOf(response);
@@ -510,8 +517,9 @@ Status WebDavStore::makeDirs(const std::string& path) {
   request.method = "MKCOL";
   request.url = urlOf(path, true);
   Response response = perform(request);
-  if (answered(response, 409)) {
-    // A level above is missing: made first, then this one again.
+  if (answered(response, 409) || answered(response, 400)) {
+    // A level above is missing (409), or a file (400 from some servers):
+    // made first, then this one again.
     status = makeDirs(parentOf(path));
     if (!status.isOk()) {
       return status;
