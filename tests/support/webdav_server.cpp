@@ -158,14 +158,19 @@ WebDavServer::WebDavServer(const std::string& docroot, const std::string& workDi
   ::mkdir((work_ + "/lock").c_str(), 0755);
   ::mkdir(docroot_.c_str(), 0755);
   if (asRoot()) {
-    // The folders above must let the server's user through.
-    for (std::string dir = docroot_; dir.size() > 1; dir = dir.substr(0, dir.rfind('/'))) {
-      struct stat st;
-      if (::stat(dir.c_str(), &st) == 0 && (st.st_mode & 0001) == 0) {
-        ::chmod(dir.c_str(), (st.st_mode & 07777) | 0011);
-      }
-      if (dir.rfind('/') == 0) {
-        break;
+    // The server's user must get through to the document root: the folder
+    // that holds it (the caller's temporary folder) is opened for passing
+    // through; a folder above that is not is the caller's to fix.
+    std::string parent = docroot_.substr(0, docroot_.rfind('/'));
+    struct stat st;
+    if (::stat(parent.c_str(), &st) == 0 && (st.st_mode & 0001) == 0) {
+      ::chmod(parent.c_str(), (st.st_mode & 07777) | 0011);
+    }
+    for (std::string dir = parent; dir.rfind('/') > 0; dir = dir.substr(0, dir.rfind('/'))) {
+      std::string above = dir.substr(0, dir.rfind('/'));
+      if (::stat(above.c_str(), &st) == 0 && (st.st_mode & 0001) == 0) {
+        error_ = above + " does not let " + kServerUser + " through to the document root";
+        return;
       }
     }
     struct passwd* server = ::getpwnam(kServerUser);
