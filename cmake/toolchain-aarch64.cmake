@@ -1,11 +1,12 @@
 # Cross build for 64-bit Arm Linux with Debian's aarch64-linux-gnu compilers.
 #
 # libc and libstdc++ are the cross toolchain's own (/usr/aarch64-linux-gnu);
-# hiredis, jsoncpp, ACE, GoogleTest, libcurl and pugixml are found in VEL_ARM64_SYSROOT, a
-# folder holding Debian's arm64 packages unpacked (scripts/arm64-sysroot.sh),
-# by default <build dir>/sysroot. Programs built here run under qemu-aarch64,
-# which is what CTest, test discovery and the tests' child processes use. Executables carry the sysroot's
-# library folder as their run path, so no library path has to be set.
+# hiredis, jsoncpp, ACE, GoogleTest, libcurl and pugixml are found in
+# VEL_ARM64_SYSROOT, a folder holding Debian's arm64 packages unpacked
+# (scripts/arm64-sysroot.sh), by default <build dir>/sysroot. Programs built
+# here run under qemu-aarch64, which is what CTest, test discovery and the
+# tests' child processes use; the emulator is given the sysroot's library
+# folders (below), so no library path has to be set by hand.
 #
 #   scripts/arm64-sysroot.sh build-arm64/sysroot
 #   cmake -S . -B build-arm64 -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-aarch64.cmake
