@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,10 @@
 #include "vel/log.h"
 
 enum class StoreKind { kFolder, kWebDav };
+
+inline void PrintTo(StoreKind kind, std::ostream* out) {
+  *out << (kind == StoreKind::kFolder ? "folder store" : "WebDAV store");
+}
 
 inline std::string storeKindName(const ::testing::TestParamInfo<StoreKind>& info) {
   return info.param == StoreKind::kFolder ? "Folder" : "WebDav";
