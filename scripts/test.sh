@@ -6,7 +6,10 @@
 # pkg-config, add_subdirectory, FetchContent and the unpacked packages; then
 # builds the ASan+UBSan tree (build-asan/) and runs the suite there. With
 # --arm it then cross-builds for aarch64 (build-arm64/), runs the suite again
-# under qemu and builds and checks the arm64 packages.
+# under qemu and builds and checks the arm64 packages. The end-to-end suites
+# run against both kinds of store; for the WebDAV one the tests start an
+# Apache httpd of their own (installed by scripts/deps.sh, never as a system
+# service), which the emulated agent reaches as well.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
