@@ -12,12 +12,17 @@
 //  - large download/upload: cp(1) of the same file, then fsync of the copy;
 //  - a log line: stat of the path, the time stamp and the line formatted,
 //    one write on an O_APPEND descriptor;
-//  - local mode: the system calls on the same mirror paths.
+//  - local mode: the system calls on the same mirror paths;
+//  - with the agent's WebDAV store and Apache at hand, the tree update
+//    through an agent serving the tests' Apache WebDAV server: a PROPFIND
+//    (Depth 0) and a GET of each file over one kept-alive connection to the
+//    same server.
 //
 // Usage: vel_bench [--quick] [--only GROUP[,GROUP...]] [--agent PATH]
 //   groups: remote, tree, large, log, local, webdav
 // The table goes to standard output, progress to standard error. Files go
 // below $TMPDIR (else /tmp); on a tmpfs the tree rows leave out the disk.
+#include <curl/curl.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <hiredis/hiredis.h>
@@ -43,11 +48,13 @@
 #include <utility>
 #include <vector>
 
+#include "support/webdav_server.h"
 #include "vel/hooks.h"
 #include "vel/instance.h"
 #include "vel/listing.h"
 #include "vel/log.h"
 #include "vel/query.h"
+#include "webdav_protocol.h"
 
 namespace {
 
@@ -243,11 +250,20 @@ double perOp(int n, F&& op) {
 
 class Agent {
  public:
-  Agent(const std::string& binary, const std::string& dir) : socket_(dir + "/uds/velfileagent") {
-    makeDir(dir + "/uds");
+  // An agent whose socket is `uds`/velfileagent/velfileagent.sock, with
+  // `storeArgs` naming what it serves, the mirror below `dir` and, when
+  // `journal`, a journal of its requests.
+  Agent(const std::string& binary, const std::string& dir, const std::string& uds,
+        const std::vector<std::string>& storeArgs, bool journal)
+      : socket_(uds + "/velfileagent"), journal_(uds + "/journal") {
+    makeDir(uds);
     makeDir(socket_);
     socket_ += "/velfileagent.sock";
-    journal_ = dir + "/journal";
+    std::vector<std::string> argv = {binary, "--mirror", dir + "/mirror", "--socket", socket_};
+    if (journal) {
+      argv.insert(argv.end(), {"--journal", journal_});
+    }
+    argv.insert(argv.end(), storeArgs.begin(), storeArgs.end());
     int ready[2];
     if (::pipe(ready) != 0) {
       fail("pipe");
@@ -257,9 +273,12 @@ class Agent {
       ::dup2(ready[1], STDOUT_FILENO);
       int null = ::open("/dev/null", O_WRONLY);
       ::dup2(null, STDERR_FILENO);
-      ::execl(binary.c_str(), binary.c_str(), "--store", (dir + "/store").c_str(), "--mirror",
-              (dir + "/mirror").c_str(), "--socket", socket_.c_str(), "--journal", journal_.c_str(),
-              static_cast<char*>(nullptr));
+      std::vector<char*> args;
+      for (const std::string& arg : argv) {
+        args.push_back(const_cast<char*>(arg.c_str()));
+      }
+      args.push_back(nullptr);
+      ::execv(args[0], args.data());
       ::_exit(127);
     }
     ::close(ready[1]);
@@ -595,6 +614,102 @@ bool agentHasWebdav(const std::string& agent) {
   return text.find("--webdav") != std::string::npos;
 }
 
+size_t countBytes(char*, size_t size, size_t n, void* user) {
+  *static_cast<size_t*>(user) += size * n;
+  return size * n;
+}
+
+// PROPFIND (Depth 0) and GET of every file over one kept-alive connection:
+// the least a client asks the server for to bring the tree.
+double rawDavLoop(CURL* curl, const std::string& base, const std::vector<std::string>& files) {
+  const Clock::time_point start = Clock::now();
+  const std::string body = velagent::propfindBody();
+  struct curl_slist* headers = curl_slist_append(nullptr, "Depth: 0");
+  headers = curl_slist_append(headers, "Content-Type: application/xml; charset=utf-8");
+  for (const std::string& file : files) {
+    const std::string url = base + velagent::encodePath(file);
+    size_t got = 0;
+    long code = 0;
+    curl_easy_reset(curl);
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, countBytes);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &got);
+    curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, "PROPFIND");
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
+    if (curl_easy_perform(curl) != CURLE_OK ||
+        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code) != CURLE_OK || code != 207) {
+      fail("PROPFIND of " + file + " failed");
+    }
+    got = 0;
+    curl_easy_reset(curl);
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, countBytes);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &got);
+    if (curl_easy_perform(curl) != CURLE_OK || got != kSmallFile) {
+      fail("GET of " + file + " failed");
+    }
+  }
+  curl_slist_free_all(headers);
+  return seconds(start);
+}
+
+// The tree update through an agent serving the tests' Apache WebDAV server.
+void webdavRow(const Options& options, const std::string& dir) {
+  Row row("WebDAV update", "keep-alive PROPFIND + GET loop", 1.5);
+  std::string why;
+  if (!agentHasWebdav(options.agent)) {
+    row.note = "no WebDAV store in this build";
+  } else if (!veltest::WebDavServer::available(why)) {
+    row.note = "no WebDAV server here: " + why;
+  }
+  if (!row.note.empty()) {
+    g_rows.push_back(row);
+    return;
+  }
+  const std::string docroot = dir + "/webdav";
+  makeDir(docroot);
+  makeTree(docroot + "/wtree", 500000);
+  std::vector<std::string> files;
+  for (int d = 0; d < kFolders; ++d) {
+    for (int f = 0; f < kFilesPerFolder; ++f) {
+      char name[32];
+      std::snprintf(name, sizeof name, "wtree/%s/f%04d", folderName(d).c_str(),
+                    d * kFilesPerFolder + f);
+      files.push_back(name);
+    }
+  }
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  {
+    veltest::WebDavServer server(docroot, dir + "/httpd");
+    if (!server.ready()) {
+      fail("the WebDAV server did not start: " + server.error());
+    }
+    Agent agent(options.agent, dir, dir + "/uds-webdav", {"--webdav", server.url()}, false);
+    const std::string folderUds = ::getenv("UDS_ROOT_OSSUSER");
+    ::setenv("UDS_ROOT_OSSUSER", (dir + "/uds-webdav").c_str(), 1);
+    const std::string mirrorTree = dir + "/mirror/wtree";
+    auto update = [&] {
+      removeTree(mirrorTree);
+      const Clock::time_point start = Clock::now();
+      if (VEL::syncFromServer("wtree", true) != 0) {
+        fail("WebDAV tree update failed");
+      }
+      return seconds(start);
+    };
+    update();
+    if (countFiles(mirrorTree) != files.size()) {
+      fail("the WebDAV tree update did not bring every file");
+    }
+    CURL* curl = curl_easy_init();
+    measure(
+        row, options.quick ? 3 : 7, [&] { return rawDavLoop(curl, server.url(), files); }, update);
+    curl_easy_cleanup(curl);
+    ::setenv("UDS_ROOT_OSSUSER", folderUds.c_str(), 1);
+  }
+  curl_global_cleanup();
+}
+
 std::string showTime(double secondsPerOp) {
   char text[32];
   if (secondsPerOp >= 1) {
@@ -717,7 +832,7 @@ int main(int argc, char** argv) {
   }
 
   {
-    Agent agent(options.agent, dir);
+    Agent agent(options.agent, dir, dir + "/uds", {"--store", dir + "/store"}, true);
     VEL::init({{"clientType", "Tavora"}});
     if (wanted("remote")) {
       remoteRows(options, agent);
@@ -729,10 +844,7 @@ int main(int argc, char** argv) {
       largeRows(options, dir, mib);
     }
     if (wanted("webdav")) {
-      Row row("WebDAV update", "", 1.5);
-      row.note = agentHasWebdav(options.agent) ? "WebDAV store present; row not measured yet"
-                                               : "no WebDAV store in this build";
-      g_rows.push_back(row);
+      webdavRow(options, dir);
     }
   }
   if (wanted("log")) {
