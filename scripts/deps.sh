@@ -4,9 +4,10 @@
 # Usage: scripts/deps.sh [--arm]   (--arm adds the aarch64 cross tools)
 set -euo pipefail
 
-# dpkg-dev, file and lintian: building and checking the Debian packages.
+# dpkg-dev, file and lintian: building and checking the Debian packages;
+# clang and libclang-rt-dev (libFuzzer): the fuzz targets.
 packages=(cmake make g++ pkg-config libhiredis-dev libjsoncpp-dev libace-dev
-          libgtest-dev googletest clang-format dpkg-dev file lintian)
+          libgtest-dev googletest clang-format dpkg-dev file lintian clang libclang-rt-dev)
 if [[ "${1:-}" == "--arm" ]]; then
   packages+=(g++-aarch64-linux-gnu qemu-user)
 fi
