@@ -4,9 +4,12 @@
 # packages there (build/*.deb) and checks them (architecture, lintian,
 # exported symbols); builds and runs the example against the install tree,
 # pkg-config, add_subdirectory, FetchContent and the unpacked packages; then
-# builds the ASan+UBSan tree (build-asan/) and runs the suite there. With
-# --arm it then cross-builds for aarch64 (build-arm64/), runs the suite again
-# under qemu and builds and checks the arm64 packages.
+# builds the ASan+UBSan tree (build-asan/) and the ThreadSanitizer tree
+# (build-tsan/) and runs the suite in both (the stress test and the fault
+# matrix are part of it); then runs every fuzz target for 30 s
+# (scripts/fuzz.sh, build-fuzz/). With --arm it then cross-builds for aarch64
+# (build-arm64/), runs the suite again under qemu and builds and checks the
+# arm64 packages.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -37,6 +40,13 @@ echo "== build-asan: AddressSanitizer + UndefinedBehaviorSanitizer"
 scripts/build.sh build-asan -DVEL_SANITIZE=ON
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build-asan
+
+echo "== build-tsan: ThreadSanitizer"
+scripts/build.sh build-tsan -DVEL_TSAN=ON
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" run_suite build-tsan
+
+echo "== build-fuzz: every fuzz target for 30 s"
+scripts/fuzz.sh 30
 
 if ((arm)); then
   scripts/arm64.sh
