@@ -153,7 +153,7 @@ class StressTest : public ::testing::Test {
         break;
       }
       case 5: {
-        VEL_DIR* handle = VEL::opendir(pass % 2 == 0 ? "s" : dir.c_str());
+        VEL::VEL_DIR* handle = VEL::opendir(pass % 2 == 0 ? "s" : dir.c_str());
         if (handle == nullptr) {
           break;  // a directory that another thread removed
         }
@@ -217,8 +217,9 @@ class StressTest : public ::testing::Test {
   // thread logged is there exactly once.
   void checkLog(const std::string& path) {
     std::istringstream lines(veltest::readFile(path));
-    static const std::regex kLine("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} "
-                                  "(ASSERT|ERROR|CALL|DEBUG|INFO|UNKNOWN) .*");
+    static const std::regex kLine(
+        "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} "
+        "(ASSERT|ERROR|CALL|DEBUG|INFO|UNKNOWN) .*");
     static const std::regex kOwn(".* ERROR \\[VEL\\] stress thread ([0-7]) pass ([0-9]{3})");
     std::vector<std::vector<int>> seen(kThreads, std::vector<int>(kIterations, 0));
     std::string line;
