@@ -22,6 +22,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -165,6 +166,21 @@ std::multiset<std::string> contents(const Tree& tree) {
   return ::testing::AssertionSuccess();
 }
 
+// Every file and link of the mirror is still there with its bytes and mode,
+// and every directory is still a directory; new nodes may have come.
+::testing::AssertionResult mirrorKept(const Tree& before, const Tree& got) {
+  for (const auto& entry : before) {
+    const std::string& path = entry.first;
+    const bool isDir = entry.second.type == 'd';
+    auto it = got.find(path);
+    if (it == got.end() || (isDir ? it->second.type != 'd' : !same(got, before, path, true))) {
+      return ::testing::AssertionFailure() << "mirror " << path << " is " << describe(got, path)
+                                           << ", was " << describe(before, path);
+    }
+  }
+  return ::testing::AssertionSuccess();
+}
+
 // ---- the table ----
 
 struct Kind {
@@ -182,13 +198,30 @@ const Kind kKinds[] = {
     {"stall past the time-out", R"("reply": ["status", "OK"], "delay_ms": 2000)"},
 };
 
+// The n-th of `count` agent calls, and that call as a clean run makes it
+// (its arguments joined by blanks).
+struct Call {
+  int n;
+  int count;
+  std::string request;
+};
+
+// What a cell must show besides the path-by-path and no-loss checks.
+enum class Verdict {
+  kFailure,            // a failure status, and every mirror file kept
+  kSuccess,            // 0: the contract only logs this call's failure
+  kSuccessMirrorKept,  // 0, and every mirror file kept
+};
+
 struct Operation {
   const char* name;
   std::function<int32_t()> run;  // the status the caller sees
-  // Cells in which the contract reports success although the n-th of
-  // `count` calls failed; empty when it never does.
-  std::function<bool(int n, int count)> reportsSuccess;
-  const char* why;  // the contract's reason for those cells
+  // The verdict of each cell; empty: always kFailure.
+  std::function<Verdict(const Call&)> verdict;
+  const char* why;  // the contract's reason for the cells that report 0
+  // A directory rename moves the tree in the mirror before it uploads it:
+  // once it has, a failure leaves the files at the destination, not in place.
+  bool movesMirrorFirst = false;
 };
 
 int32_t readWithFopen() {
@@ -242,42 +275,64 @@ int32_t updateWithFstream() {
   return io.fail() ? -1 : 0;
 }
 
-bool always(int, int) { return true; }
-bool firstCall(int n, int) { return n == 1; }
-bool lastCall(int n, int count) { return n == count; }
-bool beforeLastCall(int n, int count) { return n < count; }
-bool afterFirstCall(int n, int) { return n > 1; }
+// newDir looks the directory up before creating it, only to tell whether it
+// was there already.
+bool lookupBeforeCreating(const Call& call, const std::string& dir) {
+  return call.request == "tarn.metadata TestService " + dir;
+}
 
 const Operation kOperations[] = {
-    {"update of a tree", [] { return VEL::syncFromServer("t", true); }, afterFirstCall,
-     "the tree walk logs a failure below the top and reports 0"},
-    {"commit of a tree", [] { return VEL::syncToServer("t", true); }, beforeLastCall,
+    {"update of a tree", [] { return VEL::syncFromServer("t", true); },
+     [](const Call& call) { return call.n > 1 ? Verdict::kSuccess : Verdict::kFailure; },
+     "after the top node, the tree walk only logs a failure and reports 0"},
+    {"commit of a tree", [] { return VEL::syncToServer("t", true); },
+     [](const Call& call) {
+       return call.n < call.count ? Verdict::kSuccessMirrorKept : Verdict::kFailure;
+     },
      "syncToServer reports the last entry's result; the last call sends the last entry"},
-    {"fopen for reading", readWithFopen, always,
+    {"fopen for reading", readWithFopen, [](const Call&) { return Verdict::kSuccessMirrorKept; },
      "fopen opens the mirror copy when the pull fails; the failure is only logged"},
-    {"fopen for writing", writeWithFopen, always,
+    {"fopen for writing", writeWithFopen, [](const Call&) { return Verdict::kSuccess; },
      "the parent pull's result is ignored and fclose returns the system fclose's result"},
     {"ifstream", readWithIfstream, nullptr, ""},
-    {"ofstream", writeWithOfstream, always,
+    {"ofstream", writeWithOfstream, [](const Call&) { return Verdict::kSuccess; },
      "the parent pull's result is ignored and a failed upload on close is only logged"},
-    {"fstream", updateWithFstream, lastCall,
+    {"fstream", updateWithFstream,
+     [](const Call& call) { return call.n == call.count ? Verdict::kSuccess : Verdict::kFailure; },
      "once the file is open, a failed upload on close is only logged"},
-    {"rename of a file", [] { return VEL::rename("t/a", "t/a2"); }, firstCall,
+    {"rename of a file", [] { return VEL::rename("t/a", "t/a2"); },
+     [](const Call& call) { return call.n == 1 ? Verdict::kSuccess : Verdict::kFailure; },
      "a failed lookup leaves the path taken for a file, and the file move succeeds"},
-    {"rename of a directory", [] { return VEL::rename("t/sub", "t/sub2"); }, firstCall,
-     "a failed lookup takes the directory for a file: service and mirror move it whole"},
+    {"rename of a directory", [] { return VEL::rename("t/sub", "t/sub2"); },
+     [](const Call& call) {
+       return call.n == 1 || lookupBeforeCreating(call, "t/sub2") ? Verdict::kSuccess
+                                                                  : Verdict::kFailure;
+     },
+     "a failed first lookup takes the directory for a file (service and mirror move it "
+     "whole); the lookup before creating t/sub2 only tells whether it was there",
+     true},
     {"chmod", [] { return VEL::chmod("t/a", 0600); }, nullptr, ""},
-    {"rmdir", [] { return VEL::rmdir("t/empty"); }, always,
+    {"rmdir", [] { return VEL::rmdir("t/empty"); },
+     [](const Call&) { return Verdict::kSuccessMirrorKept; },
      "rmdir reports 0 when the service refuses, and keeps the mirror directory"},
     {"unlink", [] { return VEL::unlink("t/a"); }, nullptr, ""},
     {"delTree", [] { return VEL::delTree("t"); }, nullptr, ""},
-    {"mkdir_all", [] { return VEL::mkdir_all("t/n1/n2", 0750); }, firstCall,
+    {"mkdir_all", [] { return VEL::mkdir_all("t/n1/n2", 0750); },
+     [](const Call& call) {
+       return lookupBeforeCreating(call, "t/n1/n2") ? Verdict::kSuccess : Verdict::kFailure;
+     },
      "the lookup before the creation only tells whether the directory was there"},
 };
 
+// Names the operation in failure messages.
+void PrintTo(const Operation& op, std::ostream* out) { *out << op.name; }
+
 // ---- the fixture ----
 
-class FaultMatrix : public ::testing::TestWithParam<Operation> {
+// One agent for all cells of an operation: the store and the mirror are
+// set up again for every cell. The command time-out is short, so that a
+// stalled call costs little.
+class FaultMatrixBase : public ::testing::Test {
  protected:
   void SetUp() override {
     agent_.reset(new veltest::AgentFixture());
@@ -336,9 +391,9 @@ class FaultMatrix : public ::testing::TestWithParam<Operation> {
     ::chmod(path.c_str(), mode);
   }
 
-  // The operation once without faults: its number of agent calls and what
-  // it leaves in the mirror and the store.
-  int cleanRun(const Operation& op, Tree& mirrorAfter, Tree& storeAfter) {
+  // The operation once without faults: its agent calls and what it leaves
+  // in the mirror and the store.
+  std::vector<std::string> cleanRun(const Operation& op, Tree& mirrorAfter, Tree& storeAfter) {
     reset();
     agent_->setRules("");
     agent_->clearJournal();
@@ -346,11 +401,39 @@ class FaultMatrix : public ::testing::TestWithParam<Operation> {
     EXPECT_EQ(status, 0) << op.name << " fails without faults";
     mirrorAfter = snapshot(agent_->mirror());
     storeAfter = snapshot(agent_->store());
-    return static_cast<int>(agent_->journal().size());
+    std::vector<std::string> calls;
+    for (const std::vector<std::string>& request : agent_->journal()) {
+      std::string line;
+      for (const std::string& arg : request) {
+        line += (line.empty() ? "" : " ") + arg;
+      }
+      calls.push_back(line);
+    }
+    return calls;
   }
 
   std::unique_ptr<veltest::AgentFixture> agent_;
 };
+
+class FaultMatrix : public FaultMatrixBase, public ::testing::WithParamInterface<Operation> {};
+using FaultMatrixSize = FaultMatrixBase;
+
+constexpr int kKindCount = static_cast<int>(sizeof kKinds / sizeof kKinds[0]);
+
+// The size of the whole matrix: operations x kinds x calls.
+TEST_F(FaultMatrixSize, OperationsKindsAndCalls) {
+  int calls = 0;
+  for (const Operation& op : kOperations) {
+    Tree mirror;
+    Tree store;
+    const int count = static_cast<int>(cleanRun(op, mirror, store).size());
+    EXPECT_GT(count, 0) << op.name;
+    calls += count;
+  }
+  const int operations = static_cast<int>(sizeof kOperations / sizeof kOperations[0]);
+  std::printf("fault matrix: %d operations, %d kinds, %d agent calls in all: %d cells\n",
+              operations, kKindCount, calls, kKindCount * calls);
+}
 
 TEST_P(FaultMatrix, EveryFailedAgentCallKeepsEveryByte) {
   const Operation& op = GetParam();
@@ -359,28 +442,34 @@ TEST_P(FaultMatrix, EveryFailedAgentCallKeepsEveryByte) {
   const Tree storeBefore = snapshot(agent_->store());
   Tree mirrorAfter;
   Tree storeAfter;
-  const int count = cleanRun(op, mirrorAfter, storeAfter);
+  const std::vector<std::string> calls = cleanRun(op, mirrorAfter, storeAfter);
+  const int count = static_cast<int>(calls.size());
   ASSERT_GT(count, 0) << op.name << " sends no agent call";
-  const int kinds = static_cast<int>(sizeof kKinds / sizeof kKinds[0]);
-  std::printf("fault matrix, %s: %d kinds x %d agent calls = %d cells\n", op.name, kinds, count,
-              kinds * count);
+  std::printf("fault matrix, %s: %d kinds x %d agent calls = %d cells\n", op.name, kKindCount,
+              count, kKindCount * count);
 
   for (const Kind& kind : kKinds) {
     for (int n = 1; n <= count; ++n) {
+      const Call call{n, count, calls[n - 1]};
       SCOPED_TRACE(std::string(op.name) + ", " + kind.name + " at call " + std::to_string(n) +
-                   " of " + std::to_string(count));
+                   " of " + std::to_string(count) + " (" + call.request + ")");
       reset();
       agent_->setRules(R"([{"match": [], "skip": )" + std::to_string(n - 1) + R"(, "times": 1, )" +
                        kind.rule + "}]");
       const int32_t status = op.run();
       agent_->setRules("");
-      if (op.reportsSuccess && op.reportsSuccess(n, count)) {
-        EXPECT_EQ(status, 0) << op.why;
-      } else {
-        EXPECT_NE(status, 0);
-      }
+      const Verdict verdict = op.verdict ? op.verdict(call) : Verdict::kFailure;
       const Tree mirror = snapshot(agent_->mirror());
       const Tree store = snapshot(agent_->store());
+      if (verdict == Verdict::kFailure) {
+        EXPECT_NE(status, 0);
+      } else {
+        EXPECT_EQ(status, 0) << op.why;
+      }
+      if (verdict == Verdict::kSuccessMirrorKept ||
+          (verdict == Verdict::kFailure && !op.movesMirrorFirst)) {
+        EXPECT_TRUE(mirrorKept(mirrorBefore, mirror));
+      }
       EXPECT_TRUE(beforeOrAfter("mirror", mirrorBefore, mirrorAfter, mirror, true));
       EXPECT_TRUE(beforeOrAfter("service", storeBefore, storeAfter, store, false));
       EXPECT_TRUE(nothingLost("mirror", mirrorBefore, mirrorAfter, mirror));
