@@ -17,9 +17,14 @@
 
 namespace {
 
+// Strings may hold any bytes (the reader takes them as they come): they are
+// written as they are, so that the text keeps them. By default jsoncpp
+// would replace a byte that is not UTF-8 by U+FFFD, a change of the text's
+// own making.
 std::string textOf(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
+  builder["emitUTF8"] = true;
   return Json::writeString(builder, value);
 }
 
