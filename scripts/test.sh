@@ -43,7 +43,20 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:ha
 
 echo "== build-tsan: ThreadSanitizer"
 scripts/build.sh build-tsan -DVEL_TSAN=ON
-TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" run_suite build-tsan
+# Every process writes its reports to build-tsan/tsan-reports/ (the tests,
+# and the agent and the tool they start, whose exit not every test checks):
+# any report there fails the run.
+reports="$root/build-tsan/tsan-reports"
+rm -rf "$reports" && mkdir -p "$reports"
+tsan_status=0
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 log_path=$reports/report" \
+  run_suite build-tsan || tsan_status=$?
+if compgen -G "$reports/report*" > /dev/null; then
+  cat "$reports"/report*
+  echo "!! ThreadSanitizer reported the races above"
+  tsan_status=1
+fi
+((tsan_status == 0)) || exit "$tsan_status"
 
 echo "== build-fuzz: every fuzz target for 30 s"
 scripts/fuzz.sh 30
