@@ -7,10 +7,12 @@
 // Each cell starts from the same store and mirror. Afterwards every mirror
 // path holds what it held before or what the operation leaves there when
 // nothing fails (type, mode and bytes), every service path likewise (type
-// and bytes), no file content that both states hold is lost from the mirror
-// or from the service, and the operation reports a failure, except in the
-// cells where its contract reports success on purpose (each such exception
-// is in the table with its reason).
+// and bytes), and no file content that both states hold is lost from the
+// mirror or from the service. The operation reports a failure and keeps
+// every mirror file as it was, except in the cells where its contract
+// reports success on purpose (each such exception is in the table with its
+// reason) and where a directory rename has already moved the tree in the
+// mirror.
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -18,14 +20,12 @@
 
 #include <cctype>
 #include <cstdio>
-#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
 #include <ostream>
 #include <regex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
