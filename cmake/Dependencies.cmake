@@ -19,3 +19,9 @@ vel_import(ace ace/ACE.h ACE)
 find_package(Threads REQUIRED)
 set_property(TARGET vel_deps::ace APPEND PROPERTY INTERFACE_LINK_LIBRARIES
              Threads::Threads ${CMAKE_DL_LIBS} rt)
+
+# The agent's WebDAV store: libcurl for HTTP, pugixml for the answers.
+if(VEL_BUILD_TOOLS)
+  vel_import(curl curl/curl.h curl)
+  vel_import(pugixml pugixml.hpp pugixml)
+endif()

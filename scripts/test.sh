@@ -9,7 +9,10 @@
 # matrix are part of it); then runs every fuzz target for 30 s
 # (scripts/fuzz.sh, build-fuzz/). With --arm it then cross-builds for aarch64
 # (build-arm64/), runs the suite again under qemu and builds and checks the
-# arm64 packages.
+# arm64 packages. The end-to-end suites run against both kinds of store; for
+# the WebDAV one the tests start an Apache httpd of their own (installed by
+# scripts/deps.sh, never as a system service), which the emulated agent
+# reaches as well.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"

@@ -27,7 +27,7 @@ using veltest::readFile;
 
 using RemoteApiTest = RemoteFixture;
 
-TEST_F(RemoteApiTest, PullMakesParentsMovesConflictsAsideAndKeepsLocalOnlyFiles) {
+TEST_P(RemoteApiTest, PullMakesParentsMovesConflictsAsideAndKeepsLocalOnlyFiles) {
   storeDir("a", 0751);
   storeDir("a/b", 0705);
   storeFile("a/b/f", "service bytes", 0604);
@@ -64,14 +64,14 @@ TEST_F(RemoteApiTest, PullMakesParentsMovesConflictsAsideAndKeepsLocalOnlyFiles)
   EXPECT_EQ(readFile(mirror("solo")), "unsent solo");
 }
 
-TEST_F(RemoteApiTest, PushMakesDirectoriesBeforeTheirChildrenAndReportsTheLastEntry) {
+TEST_P(RemoteApiTest, PushMakesDirectoriesBeforeTheirChildrenAndReportsTheLastEntry) {
   makeDirs(mirror("t/s"), 0750);
   ::chmod(mirror("t/s").c_str(), 0705);
   mirrorFile("t/a.txt", "alpha");
   mirrorFile("t/s/z.txt", "zulu");  // the walk is breadth-first: always last
   EXPECT_EQ(VEL::syncToServer("t", true), 0);
   EXPECT_EQ(readFile(store("t/a.txt")), "alpha");
-  EXPECT_EQ(permissionsOf(store("t/s")), 0705);
+  EXPECT_EQ(storeMode("t/s"), 0705);
   EXPECT_TRUE(
       inOrder({"tarn.createinfo TestService t dir", "tarn.uploadlocal TestService t/a.txt"}));
   EXPECT_TRUE(inOrder({"tarn.createinfo TestService t dir", "tarn.createinfo TestService t/s dir",
@@ -86,7 +86,7 @@ TEST_F(RemoteApiTest, PushMakesDirectoriesBeforeTheirChildrenAndReportsTheLastEn
   EXPECT_EQ(VEL::syncToServer("t", true), -6);
 }
 
-TEST_F(RemoteApiTest, QueriesAreAnsweredByTheServiceWithDecimalMasks) {
+TEST_P(RemoteApiTest, QueriesAreAnsweredByTheServiceWithDecimalMasks) {
   storeDir("q", 0751);
   storeFile("q/f", "12345", 0644);  // 0x1A4
   storeFile("q/g", "", 0030);       // 0x18
@@ -113,7 +113,7 @@ TEST_F(RemoteApiTest, QueriesAreAnsweredByTheServiceWithDecimalMasks) {
 
 // The service's time carries its UTC offset; the client's own time zone
 // plays no part, whatever it is.
-TEST_F(RemoteApiTest, ModificationTimesFollowTheServicesUtcOffset) {
+TEST_P(RemoteApiTest, ModificationTimesFollowTheServicesUtcOffset) {
   agent_->setRules(
       R"([{"match": ["tarn.metadata"], "reply": ["bulk", "{\"Name\":\"t\",\"Kind\":\"file\",)"
       R"(\"Size\":1,\"LastModifiedTime\":\"2024-01-01T02:00:00+0200\",\"AccessAllowRoles\":\"\"}"]}])");
@@ -134,7 +134,7 @@ TEST_F(RemoteApiTest, ModificationTimesFollowTheServicesUtcOffset) {
   ::tzset();
 }
 
-TEST_F(RemoteApiTest, ListingsComeFromTheServiceWithoutDownloads) {
+TEST_P(RemoteApiTest, ListingsComeFromTheServiceWithoutDownloads) {
   storeFile("L/a", "1");
   storeDir("L/b", 0750);
   storeFile("L/b/c", "2");
@@ -169,9 +169,9 @@ TEST_F(RemoteApiTest, ListingsComeFromTheServiceWithoutDownloads) {
   EXPECT_FALSE(pathExists(mirror("L/a")));
 }
 
-TEST_F(RemoteApiTest, MkdirRmdirAndChmodGoToTheServiceFirst) {
+TEST_P(RemoteApiTest, MkdirRmdirAndChmodGoToTheServiceFirst) {
   EXPECT_EQ(VEL::mkdir("nd", 0705), 0);
-  EXPECT_EQ(permissionsOf(store("nd")), 0705);
+  EXPECT_EQ(storeMode("nd"), 0705);
   EXPECT_EQ(permissionsOf(mirror("nd")), 0705);
   EXPECT_EQ(VEL::mkdir("nd", 0705), -1);
 
@@ -191,7 +191,7 @@ TEST_F(RemoteApiTest, MkdirRmdirAndChmodGoToTheServiceFirst) {
   EXPECT_FALSE(pathExists(mirror("c/only")));
 }
 
-TEST_F(RemoteApiTest, RenamesOfFilesAndDirectories) {
+TEST_P(RemoteApiTest, RenamesOfFilesAndDirectories) {
   storeFile("f", "content");
   mirrorFile("f", "content");
   EXPECT_EQ(VEL::rename("f", "g"), 0);
@@ -224,7 +224,7 @@ TEST_F(RemoteApiTest, RenamesOfFilesAndDirectories) {
 
 // The source leaves the service only when all of the tree reached the
 // mirror and all of it the service under the new name.
-TEST_F(RemoteApiTest, DirectoryRenameKeepsTheSourceUntilTheWholeTreeMoved) {
+TEST_P(RemoteApiTest, DirectoryRenameKeepsTheSourceUntilTheWholeTreeMoved) {
   storeFile("S/x", "x");
   storeFile("S/y", "y");
   storeFile("S/sub/z", "z");
@@ -263,7 +263,7 @@ TEST_F(RemoteApiTest, DirectoryRenameKeepsTheSourceUntilTheWholeTreeMoved) {
 
 // Set-user-ID, set-group-ID and sticky bits of the service stay out of the
 // mirror; the queries still report what the service said.
-TEST_F(RemoteApiTest, ServiceModesReachTheMirrorAsPermissionBitsOnly) {
+TEST_P(RemoteApiTest, ServiceModesReachTheMirrorAsPermissionBitsOnly) {
   storeDir("m", 01751);
   storeDir("m/s", 06705);
   EXPECT_EQ(VEL::syncFromServer("m/s", false), 0);
@@ -287,7 +287,7 @@ TEST_F(RemoteApiTest, ServiceModesReachTheMirrorAsPermissionBitsOnly) {
 
 // The push walk sends what lies in the mirror tree and nothing a link
 // leads to, and goes no deeper than the bound.
-TEST_F(RemoteApiTest, PushSkipsSymbolicLinksAndStopsAtTheDepthBound) {
+TEST_P(RemoteApiTest, PushSkipsSymbolicLinksAndStopsAtTheDepthBound) {
   veltest::TempDir outside;
   veltest::writeFile(outside.sub("secret"), "not for the service");
   mirrorFile("t/file", "mine");
@@ -317,7 +317,7 @@ TEST_F(RemoteApiTest, PushSkipsSymbolicLinksAndStopsAtTheDepthBound) {
 
 // Within the depth bound a listing may still branch: a walk visits a bounded
 // number of entries, pulling and pushing alike.
-TEST_F(RemoteApiTest, TreeWalksStopAtTheEntryBound) {
+TEST_P(RemoteApiTest, TreeWalksStopAtTheEntryBound) {
   for (int a = 0; a < 4; ++a) {
     for (int b = 0; b < 4; ++b) {
       storeFile("wide/" + std::to_string(a) + "/" + std::to_string(b) + "/f", "x");
@@ -340,5 +340,7 @@ TEST_F(RemoteApiTest, TreeWalksStopAtTheEntryBound) {
   EXPECT_TRUE(logged("ERROR [VEL] syncToServer() Stopped at the entry bound 10, not sent: " +
                      mirror("up/")));  // which one depends on the mirror's directory order
 }
+
+INSTANTIATE_TEST_SUITE_P(Stores, RemoteApiTest, bothStores(), storeKindName);
 
 }  // namespace

@@ -40,7 +40,7 @@ class RemoteFailureTest : public RemoteFixture {
   }
 };
 
-TEST_F(RemoteFailureTest, WithoutAgentEveryCallFailsAndKeepsTheMirror) {
+TEST_P(RemoteFailureTest, WithoutAgentEveryCallFailsAndKeepsTheMirror) {
   agent_->stop();
   EXPECT_EQ(VEL::syncFromServer("w", true), -18);
   EXPECT_EQ(VEL::syncToServer("w", true), -18);
@@ -65,7 +65,7 @@ TEST_F(RemoteFailureTest, WithoutAgentEveryCallFailsAndKeepsTheMirror) {
 
 // The lookups succeed; every command that would change something is
 // refused, answered with an error or cut off by a closed connection.
-TEST_F(RemoteFailureTest, RefusedAndDroppedRepliesKeepTheMirror) {
+TEST_P(RemoteFailureTest, RefusedAndDroppedRepliesKeepTheMirror) {
   for (const char* reply :
        {R"(["status", "NO"])", R"(["error", "ERR quota"])", R"(["close", ""])"}) {
     SCOPED_TRACE(reply);
@@ -107,7 +107,7 @@ TEST_F(RemoteFailureTest, RefusedAndDroppedRepliesKeepTheMirror) {
 
 // A reply that never comes is cut off by the configured command time-out
 // ("TARN_TIME_OUT", milliseconds) instead of hanging the caller.
-TEST_F(RemoteFailureTest, StalledAgentIsCutOffByTheCommandTimeOut) {
+TEST_P(RemoteFailureTest, StalledAgentIsCutOffByTheCommandTimeOut) {
   VEL::finish();
   {
     veltest::ScopedEnv timeout("TARN_TIME_OUT", "400");
@@ -124,7 +124,7 @@ TEST_F(RemoteFailureTest, StalledAgentIsCutOffByTheCommandTimeOut) {
 
 // An agent that lists a directory inside itself must not keep a tree walk
 // going forever: every directory is walked once.
-TEST_F(RemoteFailureTest, SelfListingDirectoryIsWalkedOnce) {
+TEST_P(RemoteFailureTest, SelfListingDirectoryIsWalkedOnce) {
   storeFile("a/f", "f bytes");
   agent_->setRules(R"([{"match": ["tarn.dir"], "reply": ["array", ["a/", "a/f"]]}])");
   EXPECT_EQ(VEL::syncFromServer("a", true), 0);
@@ -144,7 +144,7 @@ const char kAnyDirectory[] =
 // Each directory t, t/x/, t/x/x/, ... lists one more level below itself,
 // 40 times: the walks must stop at the depth bound, not at the end
 // of the rules.
-TEST_F(RemoteFailureTest, SelfSimilarListingStopsAtTheDepthBound) {
+TEST_P(RemoteFailureTest, SelfSimilarListingStopsAtTheDepthBound) {
   std::string rules = "[";
   std::string dir = "t";
   for (int level = 0; level < 40; ++level) {
@@ -172,7 +172,7 @@ TEST_F(RemoteFailureTest, SelfSimilarListingStopsAtTheDepthBound) {
 
 // Entries that are not a name directly below the listed directory would be
 // cleaned into the mirror somewhere else: they are skipped and logged.
-TEST_F(RemoteFailureTest, ListedEntriesOutsideTheListedDirectoryAreSkipped) {
+TEST_P(RemoteFailureTest, ListedEntriesOutsideTheListedDirectoryAreSkipped) {
   agent_->setRules(R"([{"match": ["tarn.dir", "TestService", "h"], "reply": ["array", ["h/ok/", )"
                    R"("h/../../evil/", "/abs/", "h/a/b/", "h/./", "h/../", "other/x/", "h/ sp/", )"
                    R"("h/c\\..\\..\\bs/", "h/"]]},)" +
@@ -191,5 +191,7 @@ TEST_F(RemoteFailureTest, ListedEntriesOutsideTheListedDirectoryAreSkipped) {
   EXPECT_EQ(VEL::readDir("h", names, false, false), 1);
   EXPECT_EQ(names, std::list<std::string>{"ok"});
 }
+
+INSTANTIATE_TEST_SUITE_P(Stores, RemoteFailureTest, bothStores(), storeKindName);
 
 }  // namespace

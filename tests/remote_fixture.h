@@ -2,6 +2,12 @@
 // with a fresh store, mirror, socket folder and log folder, points the
 // environment at them and initialises the client as "Tavora"; at the end the
 // client is finished and the agent stopped.
+//
+// Each suite runs twice, once per kind of store: the agent serves the store
+// folder itself (Folder), or a WebDAV server serves it and the agent talks
+// to that server (WebDav). The store helpers work for both: what they write
+// into the folder is handed to the server, and modes go into the server's
+// mode property.
 #ifndef VEL_TESTS_REMOTE_FIXTURE_H_
 #define VEL_TESTS_REMOTE_FIXTURE_H_
 
@@ -11,6 +17,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -20,10 +27,35 @@
 #include "vel/instance.h"
 #include "vel/log.h"
 
-class RemoteFixture : public ::testing::Test {
+enum class StoreKind { kFolder, kWebDav };
+
+inline void PrintTo(StoreKind kind, std::ostream* out) {
+  *out << (kind == StoreKind::kFolder ? "folder store" : "WebDAV store");
+}
+
+inline std::string storeKindName(const ::testing::TestParamInfo<StoreKind>& info) {
+  return info.param == StoreKind::kFolder ? "Folder" : "WebDav";
+}
+
+// Both kinds: INSTANTIATE_TEST_SUITE_P(Stores, Suite, bothStores(), storeKindName).
+inline auto bothStores() { return ::testing::Values(StoreKind::kFolder, StoreKind::kWebDav); }
+
+// True (with the reason) for a WebDAV case on a machine where no server can
+// run (no Apache): the case is skipped, saying why.
+inline bool webDavServerMissing(StoreKind kind, std::string& why) {
+  return kind == StoreKind::kWebDav && !veltest::WebDavServer::available(why);
+}
+
+class RemoteFixture : public ::testing::TestWithParam<StoreKind> {
  protected:
   void SetUp() override {
-    agent_.reset(new veltest::AgentFixture());
+    std::string why;
+    if (webDavServerMissing(GetParam(), why)) {
+      GTEST_SKIP() << "no WebDAV server here: " << why;
+    }
+    veltest::AgentOptions options;
+    options.webdav = webdav();
+    agent_.reset(new veltest::AgentFixture(options));
     ASSERT_TRUE(agent_->ready());
     agent_->exportEnv();
     VEL::releaseLogger();
@@ -38,17 +70,26 @@ class RemoteFixture : public ::testing::Test {
     agent_.reset();
   }
 
+  bool webdav() const { return GetParam() == StoreKind::kWebDav; }
+
   std::string store(const std::string& rel) const { return agent_->store() + "/" + rel; }
   std::string mirror(const std::string& rel) const { return agent_->mirror() + "/" + rel; }
 
   void storeDir(const std::string& rel, mode_t mode) {
     veltest::makeDirs(store(rel), 0755);
     ::chmod(store(rel).c_str(), mode);
+    handOver(rel, mode);
   }
   void storeFile(const std::string& rel, const std::string& content, mode_t mode = 0644) {
     veltest::makeDirs(store(rel).substr(0, store(rel).rfind('/')), 0755);
     veltest::writeFile(store(rel), content);
     ::chmod(store(rel).c_str(), mode);
+    handOver(rel, mode);
+  }
+  // The mode the service has for `rel`: the file's with a folder store,
+  // the mode property with WebDAV; -1 when there is none.
+  int storeMode(const std::string& rel) const {
+    return webdav() ? agent_->server()->mode(rel) : veltest::permissionsOf(store(rel));
   }
   void mirrorFile(const std::string& rel, const std::string& content) {
     veltest::makeDirs(mirror(rel).substr(0, mirror(rel).rfind('/')), 0750);
@@ -108,6 +149,16 @@ class RemoteFixture : public ::testing::Test {
   }
 
   std::unique_ptr<veltest::AgentFixture> agent_;
+
+ private:
+  // With WebDAV, what was written into the store folder goes to the
+  // server's user, and the mode into its property.
+  void handOver(const std::string& rel, mode_t mode) {
+    if (webdav()) {
+      agent_->server()->adopt();
+      EXPECT_TRUE(agent_->server()->setMode(rel, mode)) << rel;
+    }
+  }
 };
 
 #endif  // VEL_TESTS_REMOTE_FIXTURE_H_

@@ -22,7 +22,7 @@ using veltest::readFile;
 
 using RemoteHooksTest = RemoteFixture;
 
-TEST_F(RemoteHooksTest, FopenSynchronisesByMode) {
+TEST_P(RemoteHooksTest, FopenSynchronisesByMode) {
   // "w": only the directory is brought; the file is uploaded on close.
   storeDir("w", 0751);
   FILE* f = VEL::fopen("w/new", "w");
@@ -61,7 +61,7 @@ TEST_F(RemoteHooksTest, FopenSynchronisesByMode) {
   EXPECT_EQ(readFile(store("w/both")), "xy23");
 }
 
-TEST_F(RemoteHooksTest, RootPathFailsAndForeignStreamsAreStillClosed) {
+TEST_P(RemoteHooksTest, RootPathFailsAndForeignStreamsAreStillClosed) {
   EXPECT_EQ(VEL::fopen("/", "r"), nullptr);
   EXPECT_TRUE(logged("ERROR [VEL] fopen(), bad parameter: null vel path:/\n"));
 
@@ -76,7 +76,7 @@ TEST_F(RemoteHooksTest, RootPathFailsAndForeignStreamsAreStillClosed) {
   EXPECT_TRUE(requests().empty());
 }
 
-TEST_F(RemoteHooksTest, StreamsWriteToAndReadFromTheService) {
+TEST_P(RemoteHooksTest, StreamsWriteToAndReadFromTheService) {
   storeDir("o", 0755);
   std::string printed = stdoutOf([] {
     VEL::ofstream out("o/f.txt");
@@ -104,7 +104,7 @@ TEST_F(RemoteHooksTest, StreamsWriteToAndReadFromTheService) {
 
 // A stream that never opened has written nothing: closing it must not send
 // the mirror's stale copy over the service's newer one.
-TEST_F(RemoteHooksTest, StreamThatNeverOpenedSendsNothingOnClose) {
+TEST_P(RemoteHooksTest, StreamThatNeverOpenedSendsNothingOnClose) {
   storeFile("h/f", "newer service copy");
   mirrorFile("h/f", "stale mirror copy");
   agent_->setRules(R"([{"match": ["tarn.downloadlocal"], "reply": ["error", "ERR io"]}])");
@@ -134,7 +134,7 @@ TEST_F(RemoteHooksTest, StreamThatNeverOpenedSendsNothingOnClose) {
 
 // A closed stream is forgotten: another stream that the allocator puts at
 // the same address and that fopen never saw is not taken for it.
-TEST_F(RemoteHooksTest, FcloseForgetsTheStreamSoItsAddressCanBeReused) {
+TEST_P(RemoteHooksTest, FcloseForgetsTheStreamSoItsAddressCanBeReused) {
   storeDir("r", 0755);
   FILE* mine = VEL::fopen("r/mine", "w");
   ASSERT_NE(mine, nullptr);
@@ -161,5 +161,7 @@ TEST_F(RemoteHooksTest, FcloseForgetsTheStreamSoItsAddressCanBeReused) {
   std::string mode;
   EXPECT_FALSE(VEL::getInstance()->getFileOpenMode(reinterpret_cast<FILE*>(closed), path, mode));
 }
+
+INSTANTIATE_TEST_SUITE_P(Stores, RemoteHooksTest, bothStores(), storeKindName);
 
 }  // namespace

@@ -37,7 +37,7 @@ long long millisLeft(std::chrono::steady_clock::time_point deadline) {
 }  // namespace
 
 AgentFixture::AgentFixture(const std::string& rulesJson)
-    : AgentFixture(AgentOptions{rulesJson, {}, -1, false}) {}
+    : AgentFixture(AgentOptions{rulesJson, {}, -1, false, false, {}}) {}
 
 AgentFixture::AgentFixture(const AgentOptions& options) : options_(options) {
   makeDirs(store());
@@ -45,13 +45,26 @@ AgentFixture::AgentFixture(const AgentOptions& options) : options_(options) {
   makeDirs(udsRoot());
   makeDirs(logDir());
   writeFile(rulesPath(), options_.rules);
+  if (options_.webdav) {
+    server_.reset(new WebDavServer(store(), dir_.sub("httpd"), options_.server));
+    if (!server_->ready()) {
+      ADD_FAILURE() << "the WebDAV server did not start: " << server_->error();
+      return;
+    }
+    if (!options_.server.user.empty()) {
+      writeFile(dir_.sub("password"), options_.server.password + "\n");
+    }
+  }
   ready_ = start();
   if (!ready_) {
     ADD_FAILURE() << "the file agent " << VEL_AGENT_BIN << " did not start";
   }
 }
 
-AgentFixture::~AgentFixture() { stop(); }
+AgentFixture::~AgentFixture() {
+  stop();
+  server_.reset();
+}
 
 std::string AgentFixture::root() const { return dir_.path(); }
 std::string AgentFixture::store() const { return dir_.sub("store"); }
@@ -71,9 +84,21 @@ bool AgentFixture::start() {
   if (::pipe2(fds, O_CLOEXEC) != 0) {
     return false;
   }
-  std::vector<std::string> args = {VEL_AGENT_BIN, "--store",  store(),      "--mirror",
-                                   mirror(),      "--socket", socketPath(), "--journal",
-                                   journalPath(), "--rules",  rulesPath()};
+  std::vector<std::string> args = {VEL_AGENT_BIN, "--mirror",   mirror(),
+                                   "--socket",    socketPath(), "--journal",
+                                   journalPath(), "--rules",    rulesPath()};
+  if (server_) {
+    args.insert(args.end(), {"--webdav", server_->url()});
+    if (!options_.server.user.empty()) {
+      args.insert(args.end(), {"--webdav-user", options_.server.user, "--webdav-password-file",
+                               dir_.sub("password")});
+    }
+    if (options_.server.https) {
+      args.insert(args.end(), {"--ca-file", server_->certificate()});
+    }
+  } else {
+    args.insert(args.end(), {"--store", store()});
+  }
   args.insert(args.end(), options_.args.begin(), options_.args.end());
   std::vector<char*> argv;
   for (std::string& arg : args) {

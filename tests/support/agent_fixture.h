@@ -7,10 +7,12 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "support/temp_dir.h"
+#include "support/webdav_server.h"
 
 namespace veltest {
 
@@ -21,11 +23,17 @@ struct AgentOptions {
   long long fileSizeLimit = -1;   // the agent's RLIMIT_FSIZE in bytes (-1: unchanged),
                                   // a full disk for the files it writes
   bool captureLog = false;        // its standard error to agentLogPath()
+  // Serve store/ through a WebDAV server (webdav_server.h) started for the
+  // agent, with --webdav (and its login and certificate) instead of --store.
+  bool webdav = false;
+  WebDavServerOptions server;  // that server's login and HTTPS
 };
 
 // Starts the agent (VEL_AGENT_BIN) in a fresh temporary directory with
 // store/, mirror/, uds/ and log/; socket uds/velfileagent/velfileagent.sock.
 // Waits for "ready". The destructor stops it (SIGTERM, waits) and removes the directory.
+// With AgentOptions::webdav a WebDAV server serves store/ (its files in
+// httpd/) and the agent talks to it.
 class AgentFixture {
  public:
   explicit AgentFixture(const std::string& rulesJson = "");
@@ -53,6 +61,8 @@ class AgentFixture {
   bool restart();
   std::string agentLogPath() const;  // with captureLog
   std::string agentLog() const;
+  // The WebDAV server behind the agent; null for a folder store.
+  WebDavServer* server() const { return server_.get(); }
 
   // True once the agent printed "ready"; false when it could not start.
   bool ready() const { return ready_; }
@@ -66,6 +76,7 @@ class AgentFixture {
 
   TempDir dir_;
   AgentOptions options_;
+  std::unique_ptr<WebDavServer> server_;
   pid_t pid_ = -1;
   int outFd_ = -1;
   bool ready_ = false;

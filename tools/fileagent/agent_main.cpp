@@ -1,5 +1,7 @@
-// velfileagent: a file agent that serves a store directory as the remote
-// file service over the agent protocol on a Unix-domain socket.
+// velfileagent: a file agent that serves a store (a folder, or a WebDAV
+// server) as the remote file service over the agent protocol on a
+// Unix-domain socket.
+#include <curl/curl.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -11,6 +13,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <memory>
 #include <string>
 
 #include "agent_log.h"
@@ -20,16 +24,20 @@
 #include "control.h"
 #include "folder_store.h"
 #include "request.h"
+#include "webdav_store.h"
 
 namespace {
 
 const char kUsage[] =
-    "Usage: velfileagent --store DIR [--mirror DIR] [--socket PATH] [--journal FILE]\n"
+    "Usage: velfileagent (--store DIR | --webdav URL [--webdav-user NAME]\n"
+    "                    [--webdav-password-file FILE] [--ca-file FILE])\n"
+    "                    [--mirror DIR] [--socket PATH] [--journal FILE]\n"
     "                    [--rules FILE] [--max-request-args N] [--max-request-bytes N]\n"
     "                    [--max-reply-bytes N] [--no-openat2]\n"
     "\n"
-    "Serves the folder given by --store as the remote file service on a Unix-domain\n"
-    "socket, for the service name \"TestService\". Prints \"ready\" once it listens;\n"
+    "Serves the folder given by --store, or the WebDAV collection given by\n"
+    "--webdav, as the remote file service on a Unix-domain socket, for the\n"
+    "service name \"TestService\". Prints \"ready\" once it listens;\n"
     "SIGTERM or SIGINT stops it and removes the socket. Start, stop and every\n"
     "refused request are logged on standard error, one line each.\n"
     "\n"
@@ -40,7 +48,19 @@ const char kUsage[] =
     "to the target and rename it into place, so a copy is whole or absent.\n"
     "\n"
     "Options:\n"
-    "  --store DIR     folder that holds the service's files (required)\n"
+    "  --store DIR     folder that holds the service's files\n"
+    "  --webdav URL    http:// or https:// URL of a WebDAV collection that holds\n"
+    "                  them instead (one of --store and --webdav is required);\n"
+    "                  a file's mode is kept in the property <mode> of the\n"
+    "                  namespace \"urn:x-vel:props\" (decimal; 0640 for a file\n"
+    "                  and 0750 for a folder without it); tarn.create and the\n"
+    "                  other handle commands are not supported there\n"
+    "  --webdav-user NAME\n"
+    "                  log in with basic authentication as NAME\n"
+    "  --webdav-password-file FILE\n"
+    "                  the password: the first line of FILE (never logged)\n"
+    "  --ca-file FILE  certificates (PEM) to trust for an https:// server, for a\n"
+    "                  server whose certificate the system does not know\n"
     "  --mirror DIR    mirror root that downloads write to and uploads read from\n"
     "                  (default: $TARN_ROOT_DIR, else /opt/backup/vel); it must be\n"
     "                  neither the store nor inside it, nor hold it (exit status 2)\n"
@@ -171,10 +191,27 @@ bool parseCap(const std::string& text, unsigned long long least, size_t& out) {
   return true;
 }
 
+// The first line of `path`, without its line end. False with errno.
+bool readPassword(const std::string& path, std::string& out) {
+  std::ifstream in(path);
+  if (!in) {
+    return false;
+  }
+  std::getline(in, out);
+  if (!out.empty() && out.back() == '\r') {
+    out.pop_back();
+  }
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   std::string store;
+  std::string webdavUrl;
+  std::string webdavUser;
+  std::string passwordFile;
+  std::string caFile;
   std::string mirror;
   std::string socketPath;
   std::string journalPath;
@@ -197,6 +234,14 @@ int main(int argc, char** argv) {
     unsigned long long least = 0;
     if (option == "--store") {
       target = &store;
+    } else if (option == "--webdav") {
+      target = &webdavUrl;
+    } else if (option == "--webdav-user") {
+      target = &webdavUser;
+    } else if (option == "--webdav-password-file") {
+      target = &passwordFile;
+    } else if (option == "--ca-file") {
+      target = &caFile;
     } else if (option == "--mirror") {
       target = &mirror;
       mirrorSet = true;
@@ -233,11 +278,43 @@ int main(int argc, char** argv) {
       return 2;
     }
   }
-  if (store.empty()) {
-    std::fprintf(stderr, "velfileagent: --store is required\n\n%s", kUsage);
+  const bool webdav = !webdavUrl.empty();
+  if (store.empty() == !webdav) {
+    std::fprintf(stderr, "velfileagent: give either --store or --webdav\n\n%s", kUsage);
     return 2;
   }
-  if (!isDirectory(store)) {
+  if (!webdav && (!webdavUser.empty() || !passwordFile.empty() || !caFile.empty())) {
+    std::fprintf(stderr,
+                 "velfileagent: --webdav-user, --webdav-password-file and --ca-file go with "
+                 "--webdav\n");
+    return 2;
+  }
+  velagent::WebDavOptions davOptions;
+  if (webdav) {
+    std::string error;
+    if (!velagent::WebDavStore::checkUrl(webdavUrl, error)) {
+      // The URL itself is not repeated: it may hold what must not be logged.
+      std::fprintf(stderr, "velfileagent: %s\n", error.c_str());
+      return 2;
+    }
+    if (!passwordFile.empty() && !readPassword(passwordFile, davOptions.password)) {
+      std::fprintf(stderr, "velfileagent: cannot read the password file %s: %s\n",
+                   passwordFile.c_str(), std::strerror(errno));
+      return 2;
+    }
+    if (!passwordFile.empty() && webdavUser.empty()) {
+      std::fprintf(stderr, "velfileagent: --webdav-password-file needs --webdav-user\n");
+      return 2;
+    }
+    if (!caFile.empty() && ::access(caFile.c_str(), R_OK) != 0) {
+      std::fprintf(stderr, "velfileagent: cannot read the certificate file %s: %s\n",
+                   caFile.c_str(), std::strerror(errno));
+      return 2;
+    }
+    davOptions.url = webdavUrl;
+    davOptions.user = webdavUser;
+    davOptions.caFile = caFile;
+  } else if (!isDirectory(store)) {
     std::fprintf(stderr, "velfileagent: store folder %s does not exist\n", store.c_str());
     return 2;
   }
@@ -255,7 +332,7 @@ int main(int argc, char** argv) {
   while (store.size() > 1 && store.back() == '/') {
     store.pop_back();
   }
-  std::string overlap = overlapOf(store, mirror);
+  std::string overlap = webdav ? "" : overlapOf(store, mirror);
   if (!overlap.empty()) {
     std::fprintf(stderr,
                  "velfileagent: the store %s and the mirror %s %s; every copy would destroy "
@@ -290,17 +367,38 @@ int main(int argc, char** argv) {
                  std::strerror(errno));
     return 1;
   }
-  bool openat2 = velagent::Root::probeOpenat2(store);
+  bool openat2 = velagent::Root::probeOpenat2(webdav ? mirror : store);
   velagent::Rules rules(rulesPath);
-  velagent::FolderStore folder(store);
+  // Cleans libcurl up after the store's handles are gone (declared first,
+  // destroyed last).
+  struct CurlLibrary {
+    bool started = false;
+    ~CurlLibrary() {
+      if (started) curl_global_cleanup();
+    }
+  } curlLibrary;
+  std::unique_ptr<velagent::Store> backing;
+  std::string storeText = store;
+  if (webdav) {
+    curlLibrary.started = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+    auto dav = std::make_unique<velagent::WebDavStore>(davOptions);
+    // A server that cannot answer yet is no reason not to start: requests
+    // get its error until it does. The log says so at once.
+    velagent::Status probe = dav->probe();
+    storeText = "WebDAV " + webdavUrl + (webdavUser.empty() ? "" : " as " + webdavUser) +
+                (probe.isOk() ? "" : " (not answering now: " + probe.message() + ")");
+    backing = std::move(dav);
+  } else {
+    backing = std::make_unique<velagent::FolderStore>(store);
+  }
   // A read answered from memory must fit the reply cap with room to spare.
-  velagent::Commands commands(folder, mirror,
+  velagent::Commands commands(*backing, mirror,
                               std::min<size_t>(1u << 20, limits.maxUnsentReply / 2));
   velagent::Server server(commands, journal, rules, limits);
   if (!server.listenOn(socketPath)) {
     return 1;
   }
-  velagent::logLine("started, pid " + std::to_string(::getpid()) + ", store " + store +
+  velagent::logLine("started, pid " + std::to_string(::getpid()) + ", store " + storeText +
                     ", mirror " + mirror + ", socket " + socketPath + ", paths resolved by " +
                     (openat2 ? "openat2" : "a walk of one name at a time") + ", caps " +
                     std::to_string(limits.maxArgs) + " arguments and " +

@@ -24,9 +24,16 @@ std::string errnoText(const std::string& what, int err) {
   return "ERR " + what + ": " + std::strerror(err);
 }
 
+// A failure of the service behind the store is told as it is, whatever the
+// command was.
 std::string failureText(const std::string& what, const Status& status) {
+  if (status.code() == Status::Code::kServiceError) {
+    return "ERR " + status.message();
+  }
   return "ERR " + what + ": " + status.message();
 }
+
+Reply serviceError(const Status& status) { return Reply::error("ERR " + status.message()); }
 
 std::string under(const std::string& base, const std::string& relative) {
   return relative.empty() ? base : base + "/" + relative;
@@ -198,6 +205,9 @@ Reply Commands::metadata(const std::string& path) {
   if (status.code() == Status::Code::kRefused) {
     return refused(path);
   }
+  if (status.code() == Status::Code::kServiceError) {
+    return serviceError(status);
+  }
   if (!status.isOk()) {
     return Reply::bulk(kNotFound);
   }
@@ -260,6 +270,9 @@ Reply Commands::download(const std::string& path) {
   if (status.code() == Status::Code::kRefused) {
     return refused(path);
   }
+  if (status.code() == Status::Code::kServiceError) {
+    return serviceError(status);
+  }
   if (!status.isOk()) {
     return Reply::bulk(kNotFound);
   }
@@ -305,7 +318,7 @@ Reply Commands::download(const std::string& path) {
   if (err != 0) {
     return Reply::error(errnoText("download failed", err));
   }
-  StoreStat copied;
+  StoreStat copied = st;
   status = store_.download(clean, target, copied);
   if (status.code() == Status::Code::kRefused) {
     return refused(path);
@@ -413,6 +426,9 @@ Reply Commands::move(const std::string& from, const std::string& to) {
   Status status = store_.stat(fromClean, false, st);
   if (status.code() == Status::Code::kRefused) {
     return refused(from);
+  }
+  if (status.code() == Status::Code::kServiceError) {
+    return serviceError(status);
   }
   if (!status.isOk()) {
     return Reply::error("ERR file not found");

@@ -9,7 +9,8 @@
 //
 // Thread safety: every method may be called from several threads at once.
 // The command layer serialises changes to one path (path_locks.h); a store
-// needs no lock of its own for that. No method throws.
+// needs no lock of its own for that. No method throws. Any method may
+// answer kServiceError when the service behind the store fails.
 #ifndef VEL_TOOLS_FILEAGENT_STORE_H_
 #define VEL_TOOLS_FILEAGENT_STORE_H_
 
@@ -34,6 +35,10 @@ class Status {
     kNotEmpty,      // a folder to remove still holds something
     kRefused,       // the path leaves the store (a link pointing outside)
     kFailed,        // anything else; message() says what
+    // The service behind the store did not answer as it should (not
+    // reached, credentials refused, an unexpected status): message() is the
+    // whole error text, passed to the client as it is.
+    kServiceError,
   };
 
   static Status ok() { return Status(Code::kOk, ""); }
@@ -104,7 +109,9 @@ class Store {
   virtual Status list(const std::string& path, std::vector<StoreEntry>& out) = 0;
   // Writes the whole content of the file `path` into `target` (begun, not
   // committed: the caller commits) and describes what it copied in
-  // `copied`. kNotFound, kRefused, kFailed.
+  // `copied`, which comes in holding what stat() said of `path` just
+  // before (a store that learns less while copying keeps the rest).
+  // kNotFound, kRefused, kFailed.
   virtual Status download(const std::string& path, AtomicFile& target, StoreStat& copied) = 0;
   // Replaces the file `path` with everything readable from `source`, with
   // permission bits `mode`: atomically, so a failure at any point leaves

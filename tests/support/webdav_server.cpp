@@ -1,0 +1,380 @@
+#include "support/webdav_server.h"
+
+#include <arpa/inet.h>
+#include <curl/curl.h>
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "webdav_protocol.h"
+
+namespace veltest {
+
+namespace {
+
+const char kApache[] = "/usr/sbin/apache2";
+const char kModules[] = "/usr/lib/apache2/modules";
+const char kServerUser[] = "www-data";
+constexpr int kStartSeconds = 30;
+constexpr int kStopSeconds = 15;
+
+using Clock = std::chrono::steady_clock;
+
+// Runs a program quietly; true when it exits with 0.
+bool runQuiet(const std::vector<std::string>& argv) {
+  pid_t pid = ::fork();
+  if (pid < 0) {
+    return false;
+  }
+  if (pid == 0) {
+    int null = ::open("/dev/null", O_RDWR);
+    ::dup2(null, STDIN_FILENO);
+    ::dup2(null, STDOUT_FILENO);
+    ::dup2(null, STDERR_FILENO);
+    std::vector<char*> args;
+    for (const std::string& arg : argv) {
+      args.push_back(const_cast<char*>(arg.c_str()));
+    }
+    args.push_back(nullptr);
+    ::execvp(args[0], args.data());
+    ::_exit(127);
+  }
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+int freePort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  struct sockaddr_in addr;
+  std::memset(&addr, 0, sizeof addr);
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof addr;
+  int port = 0;
+  if (::bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) == 0 &&
+      ::getsockname(fd, reinterpret_cast<struct sockaddr*>(&addr), &size) == 0) {
+    port = ntohs(addr.sin_port);
+  }
+  ::close(fd);
+  return port;
+}
+
+bool accepts(int port) {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  struct sockaddr_in addr;
+  std::memset(&addr, 0, sizeof addr);
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  bool ok = ::connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) == 0;
+  ::close(fd);
+  return ok;
+}
+
+std::string tailOf(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream all;
+  all << in.rdbuf();
+  std::string text = all.str();
+  return text.size() > 2000 ? text.substr(text.size() - 2000) : text;
+}
+
+bool asRoot() { return ::geteuid() == 0; }
+
+// Gives `path` and everything below it to `uid`, never following a link.
+void chownTree(const std::string& path, uid_t uid, gid_t gid) {
+  struct stat st;
+  if (::lstat(path.c_str(), &st) != 0) {
+    return;
+  }
+  if (::lchown(path.c_str(), uid, gid) != 0) {
+    return;
+  }
+  if (!S_ISDIR(st.st_mode)) {
+    return;
+  }
+  std::vector<std::string> names;
+  if (DIR* dir = ::opendir(path.c_str())) {
+    while (struct dirent* entry = ::readdir(dir)) {
+      std::string name = entry->d_name;
+      if (name != "." && name != "..") {
+        names.push_back(name);
+      }
+    }
+    ::closedir(dir);
+  }
+  for (const std::string& name : names) {
+    chownTree(path + "/" + name, uid, gid);
+  }
+}
+
+size_t collect(char* data, size_t size, size_t count, void* user) {
+  static_cast<std::string*>(user)->append(data, size * count);
+  return size * count;
+}
+
+}  // namespace
+
+bool WebDavServer::available(std::string& why) {
+  if (::access(kApache, X_OK) != 0) {
+    why = std::string(kApache) + " is not installed (scripts/deps.sh installs it)";
+    return false;
+  }
+  if (asRoot() && ::getpwnam(kServerUser) == nullptr) {
+    why = std::string("there is no user ") + kServerUser + " for the server to work as";
+    return false;
+  }
+  return true;
+}
+
+WebDavServer::WebDavServer(const std::string& docroot, const std::string& workDir,
+                           const WebDavServerOptions& options)
+    : docroot_(docroot), work_(workDir), options_(options) {
+  std::string why;
+  if (!available(why)) {
+    error_ = why;
+    return;
+  }
+  ::mkdir(work_.c_str(), 0755);
+  ::mkdir((work_ + "/run").c_str(), 0755);
+  ::mkdir((work_ + "/lock").c_str(), 0755);
+  ::mkdir(docroot_.c_str(), 0755);
+  if (asRoot()) {
+    // The server's user must get through to the document root: the folder
+    // that holds it (the caller's temporary folder) is opened for passing
+    // through; a folder above that is not is the caller's to fix.
+    std::string parent = docroot_.substr(0, docroot_.rfind('/'));
+    struct stat st;
+    if (::stat(parent.c_str(), &st) == 0 && (st.st_mode & 0001) == 0) {
+      ::chmod(parent.c_str(), (st.st_mode & 07777) | 0011);
+    }
+    for (std::string dir = parent; dir.rfind('/') > 0; dir = dir.substr(0, dir.rfind('/'))) {
+      std::string above = dir.substr(0, dir.rfind('/'));
+      if (::stat(above.c_str(), &st) == 0 && (st.st_mode & 0001) == 0) {
+        error_ = above + " does not let " + kServerUser + " through to the document root";
+        return;
+      }
+    }
+    struct passwd* server = ::getpwnam(kServerUser);
+    chownTree(work_ + "/lock", server->pw_uid, server->pw_gid);
+  }
+  if (!options_.user.empty() &&
+      !runQuiet({"htpasswd", "-bc", work_ + "/htpasswd", options_.user, options_.password})) {
+    error_ = "htpasswd failed";
+    return;
+  }
+  if (options_.https &&
+      !runQuiet({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
+                 "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1", "-keyout",
+                 work_ + "/key.pem", "-out", certificate()})) {
+    error_ = "openssl could not make a certificate";
+    return;
+  }
+  adopt();
+  for (int attempt = 0; attempt < 5 && pid_ <= 0; ++attempt) {
+    port_ = freePort();
+    launch();  // another process may take the port in between: a new one then
+  }
+}
+
+WebDavServer::~WebDavServer() { stop(); }
+
+std::string WebDavServer::url() const {
+  return std::string(options_.https ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_) +
+         "/dav/";
+}
+
+std::string WebDavServer::certificate() const { return work_ + "/cert.pem"; }
+
+std::string WebDavServer::writeConfig() const {
+  std::ostringstream c;
+  c << "ServerRoot \"" << work_ << "\"\n"
+    << "ServerName 127.0.0.1\n"
+    << "Listen 127.0.0.1:" << port_ << "\n"
+    << "PidFile \"" << work_ << "/run/httpd.pid\"\n"
+    << "DefaultRuntimeDir \"" << work_ << "/run\"\n"
+    << "Mutex file:" << work_ << "/run default\n"
+    << "ErrorLog \"" << work_ << "/error.log\"\n"
+    << "LogLevel warn\n"
+    // Per request: how many came before it on the same connection.
+    << "LogFormat \"%k %m %>s %U\" reuse\n"
+    << "CustomLog \"" << work_ << "/access.log\" reuse\n";
+  for (const char* module :
+       {"mpm_event", "authz_core", "authn_core", "auth_basic", "authn_file", "authz_user", "alias",
+        "dav", "dav_fs", "env", "filter", "ratelimit", "ssl", "socache_shmcb"}) {
+    c << "LoadModule " << module << "_module " << kModules << "/mod_" << module << ".so\n";
+  }
+  if (asRoot()) {
+    c << "User " << kServerUser << "\nGroup " << kServerUser << "\n";
+  }
+  c << "StartServers 1\nServerLimit 2\nThreadsPerChild 32\nMaxRequestWorkers 64\n"
+    << "MinSpareThreads 8\nMaxSpareThreads 64\n"
+    << "KeepAlive On\nMaxKeepAliveRequests 0\nKeepAliveTimeout 30\nTimeout 60\n"
+    << "DavLockDB \"" << work_ << "/lock/DavLock\"\n"
+    << "Alias /dav \"" << docroot_ << "\"\n"
+    << "<Directory />\n  Require all denied\n  AllowOverride None\n</Directory>\n"
+    << "<Directory \"" << docroot_ << "\">\n"
+    << "  Dav On\n  Options None\n  AllowOverride None\n";
+  if (options_.user.empty()) {
+    c << "  Require all granted\n";
+  } else {
+    c << "  AuthType Basic\n  AuthName \"vel tests\"\n  AuthBasicProvider file\n"
+      << "  AuthUserFile \"" << work_ << "/htpasswd\"\n  Require valid-user\n";
+  }
+  c << "  <FilesMatch \"^ratelimited-\">\n    SetOutputFilter RATE_LIMIT\n"
+    << "    SetEnv rate-limit 64\n  </FilesMatch>\n</Directory>\n";
+  if (options_.https) {
+    c << "SSLEngine on\nSSLCertificateFile \"" << certificate() << "\"\n"
+      << "SSLCertificateKeyFile \"" << work_ << "/key.pem\"\n"
+      << "SSLSessionCache none\n";
+  }
+  std::string path = work_ + "/httpd.conf";
+  std::ofstream(path) << c.str();
+  return path;
+}
+
+bool WebDavServer::launch() {
+  std::string config = writeConfig();
+  ::unlink((work_ + "/error.log").c_str());
+  pid_t pid = ::fork();
+  if (pid < 0) {
+    error_ = std::string("fork: ") + std::strerror(errno);
+    return false;
+  }
+  if (pid == 0) {
+    // The server must not outlive a test process that aborts.
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+    int null = ::open("/dev/null", O_RDWR);
+    ::dup2(null, STDIN_FILENO);
+    ::dup2(null, STDOUT_FILENO);
+    ::execl(kApache, kApache, "-f", config.c_str(), "-DFOREGROUND", static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  auto deadline = Clock::now() + std::chrono::seconds(kStartSeconds);
+  while (Clock::now() < deadline) {
+    int status = 0;
+    if (::waitpid(pid, &status, WNOHANG) == pid) {
+      error_ = "apache2 ended at start: " + tailOf(work_ + "/error.log");
+      return false;
+    }
+    if (accepts(port_)) {
+      pid_ = pid;
+      error_.clear();
+      return true;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  ::kill(pid, SIGKILL);
+  ::waitpid(pid, nullptr, 0);
+  error_ = "apache2 did not accept connections in time";
+  return false;
+}
+
+bool WebDavServer::start() { return pid_ > 0 || launch(); }
+
+void WebDavServer::stop() {
+  if (pid_ <= 0) {
+    return;
+  }
+  ::kill(pid_, SIGTERM);
+  auto deadline = Clock::now() + std::chrono::seconds(kStopSeconds);
+  int status = 0;
+  pid_t done = 0;
+  while ((done = ::waitpid(pid_, &status, WNOHANG)) == 0 && Clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  if (done != pid_) {
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+  }
+  pid_ = -1;
+}
+
+void WebDavServer::adopt() const {
+  if (!asRoot()) {
+    return;
+  }
+  struct passwd* server = ::getpwnam(kServerUser);
+  if (server != nullptr) {
+    chownTree(docroot_, server->pw_uid, server->pw_gid);
+  }
+}
+
+namespace {
+
+// One request to the server; the status, or 0 when it failed.
+long exchange(const std::string& url, const char* method, const char* depth,
+              const std::string& body, const WebDavServerOptions& options,
+              const std::string& caFile, std::string& answer) {
+  CURL* curl = curl_easy_init();
+  if (curl == nullptr) {
+    return 0;
+  }
+  struct curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/xml");
+  if (depth != nullptr) {
+    headers = curl_slist_append(headers, (std::string("Depth: ") + depth).c_str());
+  }
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, method);
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+  curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer);
+  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  if (!options.user.empty()) {
+    curl_easy_setopt(curl, CURLOPT_USERNAME, options.user.c_str());
+    curl_easy_setopt(curl, CURLOPT_PASSWORD, options.password.c_str());
+  }
+  if (options.https) {
+    curl_easy_setopt(curl, CURLOPT_CAINFO, caFile.c_str());
+  }
+  long code = 0;
+  if (curl_easy_perform(curl) == CURLE_OK) {
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code);
+  }
+  curl_slist_free_all(headers);
+  curl_easy_cleanup(curl);
+  return code;
+}
+
+}  // namespace
+
+bool WebDavServer::setMode(const std::string& rel, unsigned mode) const {
+  std::string answer;
+  long code = exchange(url() + velagent::encodePath(rel), "PROPPATCH", nullptr,
+                       velagent::modeUpdateBody(mode), options_, certificate(), answer);
+  std::string error;
+  return code == 207 && velagent::proppatchSucceeded(answer, error);
+}
+
+int WebDavServer::mode(const std::string& rel) const {
+  std::string answer;
+  long code = exchange(url() + velagent::encodePath(rel), "PROPFIND", "0", velagent::propfindBody(),
+                       options_, certificate(), answer);
+  std::vector<velagent::DavNode> nodes;
+  std::string error;
+  if (code != 207 || !velagent::parseMultistatus(answer, nodes, error) || nodes.size() != 1) {
+    return -1;
+  }
+  return static_cast<int>(nodes[0].mode);
+}
+
+}  // namespace veltest

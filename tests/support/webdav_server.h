@@ -1,0 +1,84 @@
+// A real WebDAV server for tests and benchmarks: Debian's Apache httpd with
+// mod_dav and mod_dav_fs, started in the foreground from a configuration
+// generated in a folder of its own, on a free loopback port, serving one
+// local folder (the document root) at /dav/. No system service or system
+// configuration is touched. Optionally with basic authentication and with
+// HTTPS on a self-signed certificate made for it.
+//
+// Started as root, Apache serves as www-data: adopt() gives it what the
+// caller wrote into the document root. Files whose names begin with
+// "ratelimited-" are sent at 64 KiB/s, so that a transfer can be cut in
+// the middle.
+//
+// Free of GoogleTest, so that the benchmarks use it as well. Not
+// thread-safe.
+#ifndef VEL_TESTS_SUPPORT_WEBDAV_SERVER_H_
+#define VEL_TESTS_SUPPORT_WEBDAV_SERVER_H_
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace veltest {
+
+struct WebDavServerOptions {
+  std::string user;  // basic authentication when not empty
+  std::string password;
+  bool https = false;
+};
+
+class WebDavServer {
+ public:
+  // Prepares `workDir` (configuration, logs, certificate) and starts the
+  // server on `docroot`; see ready() and error().
+  WebDavServer(const std::string& docroot, const std::string& workDir,
+               const WebDavServerOptions& options = {});
+  ~WebDavServer();
+  WebDavServer(const WebDavServer&) = delete;
+  WebDavServer& operator=(const WebDavServer&) = delete;
+
+  // True for a machine where the server can run (apache2 is installed and
+  // can run here); otherwise false with the reason.
+  static bool available(std::string& why);
+
+  bool ready() const { return pid_ > 0; }
+  // Why it did not start (with the end of its error log).
+  const std::string& error() const { return error_; }
+  // The URL of the document root, "http(s)://127.0.0.1:PORT/dav/".
+  std::string url() const;
+  // The certificate an HTTPS server presents (PEM), to trust with --ca-file.
+  std::string certificate() const;
+  const std::string& docroot() const { return docroot_; }
+  // One line per request: "<requests before it on its connection> <method>
+  // <status> <path>".
+  std::string accessLog() const { return work_ + "/access.log"; }
+
+  // Stops it (SIGTERM: connections are cut at once); idempotent.
+  void stop();
+  // Starts it again on the same port; true once it accepts connections.
+  bool start();
+
+  // Gives everything in the document root to the user the server works
+  // as, so that it can change what the caller wrote there.
+  void adopt() const;
+  // Sets the mode property of `rel` through the server (false when that
+  // fails), or reads the mode the agent sees there: the property, or the
+  // default of its kind without it (-1 when the request fails).
+  bool setMode(const std::string& rel, unsigned mode) const;
+  int mode(const std::string& rel) const;
+
+ private:
+  bool launch();
+  std::string writeConfig() const;
+
+  std::string docroot_;
+  std::string work_;
+  WebDavServerOptions options_;
+  int port_ = 0;
+  pid_t pid_ = -1;
+  std::string error_;
+};
+
+}  // namespace veltest
+
+#endif  // VEL_TESTS_SUPPORT_WEBDAV_SERVER_H_

@@ -1,0 +1,295 @@
+// The agent's WebDAV store against a real server (Apache with mod_dav, see
+// support/webdav_server.h), through the agent's socket: logins, HTTPS with
+// a certificate of the test's own, names that need encoding, a server that
+// goes away in the middle of a download, and how HTTP answers map onto the
+// agent's replies.
+#include <glob.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/agent_fixture.h"
+#include "support/temp_dir.h"
+#include "support/webdav_server.h"
+
+namespace {
+
+using veltest::AgentConnection;
+using veltest::AgentFixture;
+using veltest::AgentOptions;
+using veltest::makeDirs;
+using veltest::pathExists;
+using veltest::readFile;
+using veltest::writeFile;
+
+class WebDavStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string why;
+    if (!veltest::WebDavServer::available(why)) {
+      GTEST_SKIP() << "no WebDAV server here: " << why;
+    }
+  }
+
+  static AgentOptions webdav(const veltest::WebDavServerOptions& server = {}) {
+    AgentOptions options;
+    options.webdav = true;
+    options.server = server;
+    options.captureLog = true;
+    return options;
+  }
+
+  // Writes a file into the store folder and hands it to the server.
+  static void storeFile(const AgentFixture& agent, const std::string& rel,
+                        const std::string& content) {
+    std::string path = agent.store() + "/" + rel;
+    makeDirs(path.substr(0, path.rfind('/')));
+    writeFile(path, content);
+    if (agent.server() != nullptr) {
+      agent.server()->adopt();
+    }
+  }
+
+  static std::vector<std::string> partials(const std::string& folder) {
+    glob_t found{};
+    std::vector<std::string> names;
+    if (::glob((folder + "/.*.velpart.*").c_str(), 0, nullptr, &found) == 0) {
+      names.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
+    }
+    ::globfree(&found);
+    return names;
+  }
+};
+
+bool startsWith(const std::string& text, const std::string& prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+TEST_F(WebDavStoreTest, WrongPasswordGivesAClearErrorAndNoCredentialIsShown) {
+  const veltest::WebDavServerOptions login{"vel", "right horse battery", false};
+  AgentFixture good(webdav(login));
+  ASSERT_TRUE(good.ready());
+  storeFile(good, "f", "data");
+  AgentConnection ok(good.socketPath());
+  EXPECT_NE(ok.ask({"tarn.metadata", "TestService", "f"}).find("\"Kind\":\"file\""),
+            std::string::npos);
+
+  veltest::TempDir secrets;
+  writeFile(secrets.sub("wrong"), "wrong staple\n");
+  AgentOptions options = webdav(login);
+  options.args = {"--webdav-password-file", secrets.sub("wrong")};
+  AgentFixture bad(options);
+  ASSERT_TRUE(bad.ready());
+  storeFile(bad, "f", "data");
+  AgentConnection c(bad.socketPath());
+  const std::string unauthorized = "-ERR webdav: 401 Unauthorized";
+  EXPECT_EQ(c.ask({"tarn.metadata", "TestService", "f"}), unauthorized);
+  EXPECT_EQ(c.ask({"tarn.dir", "TestService", "", "x"}), unauthorized);  // never an empty list
+  EXPECT_EQ(c.ask({"tarn.downloadlocal", "TestService", "f"}), unauthorized);
+  EXPECT_FALSE(pathExists(bad.mirror() + "/f"));
+  writeFile(bad.mirror() + "/up", "local");
+  EXPECT_EQ(c.ask({"tarn.uploadlocal", "TestService", "up"}), unauthorized);
+  EXPECT_FALSE(pathExists(bad.store() + "/up"));
+  EXPECT_EQ(c.ask({"tarn.remove", "TestService", "f", "true"}), unauthorized);
+  EXPECT_EQ(readFile(bad.store() + "/f"), "data");
+
+  // The start line says the server refuses; neither password is anywhere.
+  EXPECT_NE(bad.agentLog().find("not answering now: webdav: 401 Unauthorized"), std::string::npos)
+      << bad.agentLog();
+  for (const AgentFixture* agent : {&good, &bad}) {
+    for (const std::string& text : {agent->agentLog(), readFile(agent->journalPath())}) {
+      EXPECT_EQ(text.find("horse"), std::string::npos) << text;
+      EXPECT_EQ(text.find("staple"), std::string::npos) << text;
+    }
+  }
+}
+
+TEST_F(WebDavStoreTest, HttpsWorksWithTheGivenCertificateOnly) {
+  veltest::WebDavServerOptions tls;
+  tls.https = true;
+  AgentFixture trusted(webdav(tls));
+  ASSERT_TRUE(trusted.ready());
+  ASSERT_TRUE(startsWith(trusted.server()->url(), "https://"));
+  storeFile(trusted, "s/f", "over TLS");
+  AgentConnection c(trusted.socketPath());
+  EXPECT_EQ(c.ask({"tarn.downloadlocal", "TestService", "s"}), "+OK");
+  EXPECT_EQ(c.ask({"tarn.downloadlocal", "TestService", "s/f"}), "+OK");
+  EXPECT_EQ(readFile(trusted.mirror() + "/s/f"), "over TLS");
+
+  // Another server's certificate does not vouch for this one.
+  AgentOptions options = webdav(tls);
+  options.args = {"--ca-file", trusted.server()->certificate()};
+  AgentFixture untrusted(options);
+  ASSERT_TRUE(untrusted.ready());
+  AgentConnection u(untrusted.socketPath());
+  std::string reply = u.ask({"tarn.metadata", "TestService", ""});
+  EXPECT_TRUE(startsWith(reply, "-ERR webdav: ")) << reply;
+  EXPECT_NE(reply.find("certificate"), std::string::npos) << reply;
+}
+
+// The same tree in a folder store and behind WebDAV lists and describes
+// the same; downloads, uploads, moves and removals keep every byte of the
+// names.
+TEST_F(WebDavStoreTest, NamesThatNeedEncodingMatchTheFolderStore) {
+  const std::vector<std::string> files = {"a b/c d.txt",    "100%/x%41y",   "h#sh/#1",
+                                          "q?/why?",        "ü/日本語.txt", "mix ?#%/ä b/%2F",
+                                          "plain/+&=;,@$'!"};
+  AgentFixture dav(webdav());
+  AgentFixture folder;
+  ASSERT_TRUE(dav.ready());
+  ASSERT_TRUE(folder.ready());
+  for (const std::string& rel : files) {
+    storeFile(dav, rel, "bytes of " + rel);
+    storeFile(folder, rel, "bytes of " + rel);
+  }
+  AgentConnection d(dav.socketPath());
+  AgentConnection f(folder.socketPath());
+  std::vector<std::string> folders = {"",  "a b",     "100%",        "h#sh", "q?",
+                                      "ü", "mix ?#%", "mix ?#%/ä b", "plain"};
+  for (const std::string& dir : folders) {
+    EXPECT_EQ(d.ask({"tarn.dir", "TestService", dir, "x"}),
+              f.ask({"tarn.dir", "TestService", dir, "x"}))
+        << dir;
+  }
+  // Equal but for the time, which the two copies need not share.
+  const auto timeless = [](std::string meta) {
+    size_t at = meta.find("\"LastModifiedTime\"");
+    return at == std::string::npos ? meta : meta.erase(at, meta.find(',', at) + 1 - at);
+  };
+  for (const std::string& rel : files) {
+    ::chmod((folder.store() + "/" + rel).c_str(), 0640);  // the WebDAV default
+    EXPECT_EQ(timeless(d.ask({"tarn.metadata", "TestService", rel})),
+              timeless(f.ask({"tarn.metadata", "TestService", rel})));
+    for (size_t slash = rel.find('/'); slash != std::string::npos;
+         slash = rel.find('/', slash + 1)) {
+      EXPECT_EQ(d.ask({"tarn.downloadlocal", "TestService", rel.substr(0, slash)}), "+OK");
+    }
+    EXPECT_EQ(d.ask({"tarn.downloadlocal", "TestService", rel}), "+OK") << rel;
+    EXPECT_EQ(readFile(dav.mirror() + "/" + rel), "bytes of " + rel);
+  }
+
+  makeDirs(dav.mirror() + "/new ä/#?%");
+  writeFile(dav.mirror() + "/new ä/#?%/ö 1%.txt", "sent");
+  EXPECT_EQ(d.ask({"tarn.uploadlocal", "TestService", "new ä/#?%/ö 1%.txt"}), "+OK");
+  EXPECT_EQ(readFile(dav.store() + "/new ä/#?%/ö 1%.txt"), "sent");
+  EXPECT_EQ(d.ask({"tarn.move", "TestService", "a b/c d.txt", "h#sh/moved ?.txt"}), "+OK");
+  EXPECT_EQ(readFile(dav.store() + "/h#sh/moved ?.txt"), "bytes of a b/c d.txt");
+  EXPECT_EQ(d.ask({"tarn.move", "TestService", "100%", "ü/100% moved"}), "+OK");
+  EXPECT_EQ(readFile(dav.store() + "/ü/100% moved/x%41y"), "bytes of 100%/x%41y");
+  EXPECT_EQ(d.ask({"tarn.remove", "TestService", "mix ?#%", "true"}), "+OK");
+  EXPECT_FALSE(pathExists(dav.store() + "/mix ?#%"));
+  EXPECT_EQ(d.ask({"tarn.dir", "TestService", "", "x"}), "*\na b/\nh#sh/\nnew ä/\nplain/\nq?/\nü/");
+}
+
+// The server goes away while it sends a file: the mirror keeps its old
+// copy whole, no temporary file is left, and the next download after the
+// server is back brings the new copy whole.
+TEST_F(WebDavStoreTest, ServerStoppingMidDownloadLeavesTheOldCopy) {
+  AgentFixture agent(webdav());
+  ASSERT_TRUE(agent.ready());
+  const std::string fresh(160 * 1024, 'n');  // sent at 64 KiB/s: about 2.5 s
+  storeFile(agent, "ratelimited-doc", fresh);
+  writeFile(agent.mirror() + "/ratelimited-doc", "old copy");
+  AgentConnection c(agent.socketPath());
+  ASSERT_TRUE(c.send({"tarn.downloadlocal", "TestService", "ratelimited-doc"}));
+
+  // Stopped once the first bytes reached the temporary file.
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  bool started = false;
+  while (!started && std::chrono::steady_clock::now() < deadline) {
+    for (const std::string& partial : partials(agent.mirror())) {
+      started = started || !readFile(partial).empty();
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  ASSERT_TRUE(started);
+  agent.server()->stop();
+  std::string reply = c.reply(30000);
+  EXPECT_TRUE(startsWith(reply, "-ERR webdav: ")) << reply;
+  EXPECT_EQ(readFile(agent.mirror() + "/ratelimited-doc"), "old copy");
+  EXPECT_TRUE(partials(agent.mirror()).empty());
+
+  // Without a server every request says why.
+  AgentConnection down(agent.socketPath());
+  reply = down.ask({"tarn.metadata", "TestService", "ratelimited-doc"});
+  EXPECT_TRUE(startsWith(reply, "-ERR webdav: ")) << reply;
+
+  ASSERT_TRUE(agent.server()->start());
+  EXPECT_EQ(down.ask({"tarn.downloadlocal", "TestService", "ratelimited-doc"}, 30000), "+OK");
+  std::string copy = readFile(agent.mirror() + "/ratelimited-doc");
+  EXPECT_TRUE(copy == fresh) << copy.size() << " bytes";
+  EXPECT_TRUE(partials(agent.mirror()).empty());
+}
+
+// How the answers of the server become the agent's replies, and the
+// server connection that outlives each agent connection.
+TEST_F(WebDavStoreTest, AnswersMapOntoTheAgentRepliesOverOneKeptConnection) {
+  AgentFixture agent(webdav());
+  ASSERT_TRUE(agent.ready());
+  storeFile(agent, "a", "A");
+  storeFile(agent, "b", "B");
+  storeFile(agent, "full/x", "X");
+  AgentConnection c(agent.socketPath());
+  EXPECT_EQ(c.ask({"tarn.move", "TestService", "a", "b"}), "-ERR move failed: File exists");
+  EXPECT_EQ(readFile(agent.store() + "/a"), "A");
+  EXPECT_EQ(readFile(agent.store() + "/b"), "B");
+  EXPECT_EQ(c.ask({"tarn.move", "TestService", "a", "new/deeper/c"}), "+OK");
+  EXPECT_EQ(readFile(agent.store() + "/new/deeper/c"), "A");
+  EXPECT_EQ(c.ask({"tarn.createinfo", "TestService", "new", "dir"}), "+OK");
+  EXPECT_EQ(c.ask({"tarn.createinfo", "TestService", "made/one/two", "dir"}), "+OK");
+  EXPECT_TRUE(pathExists(agent.store() + "/made/one/two"));
+  EXPECT_EQ(c.ask({"tarn.createinfo", "TestService", "b/under", "dir"}),
+            "-ERR cannot create folder: Not a directory");
+  EXPECT_EQ(c.ask({"tarn.createinfo", "TestService", "made/empty", "file"}), "+OK");
+  EXPECT_EQ(readFile(agent.store() + "/made/empty"), "");
+  EXPECT_NE(c.ask({"tarn.metadata", "TestService", "made/empty"}).find("\"mode\":420"),
+            std::string::npos);  // 0644, as the folder store creates it
+
+  EXPECT_EQ(c.ask({"tarn.remove", "TestService", "full", "false"}), "-ERR directory not empty");
+  EXPECT_EQ(readFile(agent.store() + "/full/x"), "X");
+  EXPECT_EQ(c.ask({"tarn.remove", "TestService", "gone", "false"}), "+OK");
+  EXPECT_EQ(c.ask({"tarn.remove", "TestService", "made/one/two", "false"}), "+OK");
+  EXPECT_FALSE(pathExists(agent.store() + "/made/one/two"));
+  EXPECT_EQ(c.ask({"tarn.remove", "TestService", "full", "true"}), "+OK");
+  EXPECT_FALSE(pathExists(agent.store() + "/full"));
+
+  EXPECT_EQ(c.ask({"tarn.metadata", "TestService", "nothing"}), "$file not found");
+  EXPECT_EQ(c.ask({"tarn.chmod", "TestService", "420", "nothing"}), "-ERR file not found");
+  EXPECT_EQ(c.ask({"tarn.dir", "TestService", "b", "x"}), "-ERR not a directory");
+  EXPECT_EQ(c.ask({"tarn.dir", "TestService", "nothing", "x"}), "-ERR file not found");
+  EXPECT_EQ(c.ask({"tarn.downloadlocal", "TestService", "nothing"}), "$file not found");
+  EXPECT_EQ(c.ask({"tarn.create", "TestService", "b", "r"}),
+            "-ERR open failed: not supported by the WebDAV store");
+
+  // Without the property a file reads 0640 and a folder 0750; chmod sets it.
+  EXPECT_NE(c.ask({"tarn.metadata", "TestService", "b"}).find("\"mode\":416"), std::string::npos);
+  EXPECT_NE(c.ask({"tarn.metadata", "TestService", "new"}).find("\"mode\":488"), std::string::npos);
+  EXPECT_EQ(c.ask({"tarn.chmod", "TestService", "1517", "new"}), "+OK");  // 02755
+  EXPECT_EQ(agent.server()->mode("new"), 02755);
+
+  // Twenty clients one after the other, each on a connection of its own:
+  // the agent asks the server over one connection it keeps.
+  for (int i = 0; i < 20; ++i) {
+    AgentConnection once(agent.socketPath());
+    EXPECT_EQ(once.ask({"tarn.metadata", "TestService", "b"}).substr(0, 1), "$");
+  }
+  std::istringstream log(readFile(agent.server()->accessLog()));
+  int most = 0;
+  for (std::string line; std::getline(log, line);) {
+    most = std::max(most, std::atoi(line.c_str()));
+  }
+  EXPECT_GE(most, 20) << readFile(agent.server()->accessLog());
+
+  // It stops cleanly with its pooled connections (a sanitizer build also
+  // fails it here for anything left behind).
+  agent.stop();
+  EXPECT_EQ(agent.exitStatus(), 0) << agent.agentLog();
+}
+
+}  // namespace
