@@ -1,9 +1,10 @@
 // Set-up shared by the fuzz targets: the library's progress lines on
 // standard output and its log lines would cost more than the code under
-// test and flood the terminal, so standard output goes to /dev/null and the
-// log to a folder that does not exist (lines are then dropped). The mirror
-// root is a path in a fresh temporary folder, so that nothing a target does
-// lands in the default mirror. libFuzzer itself reports on standard error.
+// test and flood the terminal, so standard output goes to /dev/null, and
+// the log folder and the mirror root lie below /dev/null, where nothing can
+// ever be created: log lines are dropped, and nothing a target does lands in
+// the default mirror or stays behind. libFuzzer itself reports on standard
+// error.
 #ifndef VEL_FUZZ_FUZZ_SUPPORT_H_
 #define VEL_FUZZ_FUZZ_SUPPORT_H_
 
@@ -12,32 +13,13 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <string>
 
 namespace velfuzz {
 
-// The temporary folder of this process, removed at exit (it stays empty:
-// neither the log folder nor the mirror root below it is ever created).
-inline const std::string& scratch() {
-  static const std::string path = [] {
-    char pattern[] = "/tmp/velfuzz.XXXXXX";
-    const char* made = ::mkdtemp(pattern);
-    if (made == nullptr) {
-      std::perror("velfuzz: mkdtemp");
-      std::abort();
-    }
-    std::string dir = made;
-    static std::string removeAtExit = dir;
-    std::atexit([] { ::rmdir(removeAtExit.c_str()); });
-    return dir;
-  }();
-  return path;
-}
-
 // Silences the library; call once from LLVMFuzzerInitialize.
 inline void quietLibrary() {
-  ::setenv("_APP_LOG_DIR", (scratch() + "/no-log").c_str(), 1);
-  ::setenv("TARN_ROOT_DIR", (scratch() + "/mirror").c_str(), 1);
+  ::setenv("_APP_LOG_DIR", "/dev/null/velfuzz-log", 1);
+  ::setenv("TARN_ROOT_DIR", "/dev/null/velfuzz-mirror", 1);
   std::fflush(stdout);
   int null = ::open("/dev/null", O_WRONLY);
   if (null >= 0) {
