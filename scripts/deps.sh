@@ -7,10 +7,10 @@ set -euo pipefail
 # dpkg-dev, file and lintian: building and checking the Debian packages.
 # libcurl and pugixml: the agent's WebDAV store; apache2 and openssl: the
 # WebDAV server (plain and HTTPS) the tests and the demo start in a folder of
-# their own.
+# their own. clang and libclang-rt-dev (libFuzzer): the fuzz targets.
 packages=(cmake make g++ pkg-config libhiredis-dev libjsoncpp-dev libace-dev
           libgtest-dev googletest clang-format dpkg-dev file lintian
-          libcurl4-openssl-dev libpugixml-dev apache2 openssl)
+          libcurl4-openssl-dev libpugixml-dev apache2 openssl clang libclang-rt-dev)
 if [[ "${1:-}" == "--arm" ]]; then
   packages+=(g++-aarch64-linux-gnu qemu-user)
 fi

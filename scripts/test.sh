@@ -4,12 +4,15 @@
 # packages there (build/*.deb) and checks them (architecture, lintian,
 # exported symbols); builds and runs the example against the install tree,
 # pkg-config, add_subdirectory, FetchContent and the unpacked packages; then
-# builds the ASan+UBSan tree (build-asan/) and runs the suite there. With
-# --arm it then cross-builds for aarch64 (build-arm64/), runs the suite again
-# under qemu and builds and checks the arm64 packages. The end-to-end suites
-# run against both kinds of store; for the WebDAV one the tests start an
-# Apache httpd of their own (installed by scripts/deps.sh, never as a system
-# service), which the emulated agent reaches as well.
+# builds the ASan+UBSan tree (build-asan/) and the ThreadSanitizer tree
+# (build-tsan/) and runs the suite in both (the stress test and the fault
+# matrix are part of it); then runs every fuzz target for 30 s
+# (scripts/fuzz.sh, build-fuzz/). With --arm it then cross-builds for aarch64
+# (build-arm64/), runs the suite again under qemu and builds and checks the
+# arm64 packages. The end-to-end suites run against both kinds of store; for
+# the WebDAV one the tests start an Apache httpd of their own (installed by
+# scripts/deps.sh, never as a system service), which the emulated agent
+# reaches as well.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -40,6 +43,26 @@ echo "== build-asan: AddressSanitizer + UndefinedBehaviorSanitizer"
 scripts/build.sh build-asan -DVEL_SANITIZE=ON
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build-asan
+
+echo "== build-tsan: ThreadSanitizer"
+scripts/build.sh build-tsan -DVEL_TSAN=ON
+# Every process writes its reports to build-tsan/tsan-reports/ (the tests,
+# and the agent and the tool they start, whose exit not every test checks):
+# any report there fails the run.
+reports="$root/build-tsan/tsan-reports"
+rm -rf "$reports" && mkdir -p "$reports"
+tsan_status=0
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 log_path=$reports/report" \
+  run_suite build-tsan || tsan_status=$?
+if compgen -G "$reports/report*" > /dev/null; then
+  cat "$reports"/report*
+  echo "!! ThreadSanitizer reported the races above"
+  tsan_status=1
+fi
+((tsan_status == 0)) || exit "$tsan_status"
+
+echo "== build-fuzz: every fuzz target for 30 s"
+scripts/fuzz.sh 30
 
 if ((arm)); then
   scripts/arm64.sh

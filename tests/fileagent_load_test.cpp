@@ -35,6 +35,14 @@ constexpr bool kSanitized = true;
 #else
 constexpr bool kSanitized = false;
 #endif
+#if defined(__SANITIZE_THREAD__)
+// ThreadSanitizer's shadow costs several times every byte the agent touches:
+// its memory figures then say nothing about the agent's own, and only the
+// answers are checked.
+constexpr bool kMemoryMeasured = false;
+#else
+constexpr bool kMemoryMeasured = true;
+#endif
 
 // A field of /proc/<pid>/status in KiB ("VmRSS", "VmHWM"), or -1.
 long long statusKiB(pid_t pid, const std::string& field) {
@@ -141,7 +149,9 @@ TEST(AgentLoad, RequestsAboveTheCapsAreRefusedWithBoundedMemory) {
   const long long countHwm = statusKiB(pid, "VmHWM");
   std::printf("agent RSS %lld KiB; peak after 8 million-element requests %lld KiB\n", baseRss,
               countHwm);
-  EXPECT_LT(countHwm - baseRss, (kSanitized ? 96 : 32) * kMiB);
+  if (kMemoryMeasured) {
+    EXPECT_LT(countHwm - baseRss, (kSanitized ? 96 : 32) * kMiB);
+  }
 
   // 8 requests of 1 MiB arguments, each going past 64 MiB in all: every
   // one is refused at the argument that crosses the cap.
@@ -160,9 +170,11 @@ TEST(AgentLoad, RequestsAboveTheCapsAreRefusedWithBoundedMemory) {
   }
   const long long bytesHwm = statusKiB(pid, "VmHWM");
   std::printf("peak after 8 requests past 64 MiB %lld KiB\n", bytesHwm);
-  EXPECT_LT(bytesHwm - baseRss, (8 * 64 + (kSanitized ? 192 : 32)) * kMiB);
+  if (kMemoryMeasured) {
+    EXPECT_LT(bytesHwm - baseRss, (8 * 64 + (kSanitized ? 192 : 32)) * kMiB);
+  }
   // Freed memory goes back to the system once the requests are gone.
-  if (!kSanitized) {
+  if (!kSanitized && kMemoryMeasured) {
     for (auto until = Clock::now() + std::chrono::seconds(5);
          statusKiB(pid, "VmRSS") - baseRss > 32 * kMiB && Clock::now() < until;) {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -196,7 +208,9 @@ TEST(AgentLoad, ClientsThatDoNotReadLargeRepliesHoldLittleMemory) {
     peak = std::max(peak, statusKiB(pid, "VmRSS"));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
-  EXPECT_LT(peak - baseRss, (kSanitized ? 64 : 32) * kMiB);
+  if (kMemoryMeasured) {
+    EXPECT_LT(peak - baseRss, (kSanitized ? 64 : 32) * kMiB);
+  }
   std::printf("agent RSS %lld KiB; with 8 clients not reading 4 x 64 MiB %lld KiB\n", baseRss,
               peak);
   AgentConnection other(agent.socketPath());

@@ -196,6 +196,21 @@ TEST(FileAgent, RulesPickTheNthRequestAndShapeRawOrTricklingReplies) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(700));
 }
 
+// A number beyond its range makes the whole rules file invalid: it is
+// ignored with a message, and requests are served as if there were none.
+TEST(FileAgent, RulesWithANumberBeyondItsRangeAreIgnored) {
+  veltest::AgentOptions options;
+  options.rules = R"([{"match": ["tarn.metadata"], "reply": ["int", 15532559284365935304]}])";
+  options.captureLog = true;
+  AgentFixture agent(options);
+  ASSERT_TRUE(agent.ready());
+  EXPECT_EQ("$file not found", ask(open(agent.socketPath()), {"tarn.metadata", kSvc, "missing"}));
+  agent.setRules(
+      R"([{"match": ["tarn.metadata"], "skip": 18446744073709551615, "reply": ["int", 1]}])");
+  EXPECT_EQ("$file not found", ask(open(agent.socketPath()), {"tarn.metadata", kSvc, "missing"}));
+  EXPECT_NE(std::string::npos, agent.agentLog().find("ignoring rules file"));
+}
+
 TEST(FileAgent, StopSignalsEndItCleanlyAndRemoveTheSocket) {
   // A client waiting on a long delay does not hold up the stop.
   AgentFixture agent(R"([{"match": ["tarn.dir"], "delay_ms": 60000}])");

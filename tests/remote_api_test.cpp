@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <ctime>
 #include <list>
 #include <string>
 #include <vector>
@@ -108,6 +109,29 @@ TEST_P(RemoteApiTest, QueriesAreAnsweredByTheServiceWithDecimalMasks) {
   EXPECT_EQ(VEL::access("q/g", 1), -1);
   EXPECT_EQ(VEL::access("q/f", 1), 0);
   EXPECT_EQ(VEL::access("q/f", 6), -1);
+}
+
+// The service's time carries its UTC offset; the client's own time zone
+// plays no part, whatever it is.
+TEST_P(RemoteApiTest, ModificationTimesFollowTheServicesUtcOffset) {
+  agent_->setRules(
+      R"([{"match": ["tarn.metadata"], "reply": ["bulk", "{\"Name\":\"t\",\"Kind\":\"file\",)"
+      R"(\"Size\":1,\"LastModifiedTime\":\"2024-01-01T02:00:00+0200\",\"AccessAllowRoles\":\"\"}"]}])");
+  const char* oldZone = std::getenv("TZ");
+  const std::string kept = oldZone != nullptr ? oldZone : "";
+  for (const char* zone : {"UTC0", "EST5", "JST-9"}) {
+    ::setenv("TZ", zone, 1);
+    ::tzset();
+    struct stat st;
+    ASSERT_EQ(VEL::stat("t", &st), 0) << zone;
+    EXPECT_EQ(st.st_mtime, 1704067200) << zone;  // 2024-01-01T00:00:00Z
+  }
+  if (oldZone != nullptr) {
+    ::setenv("TZ", kept.c_str(), 1);
+  } else {
+    ::unsetenv("TZ");
+  }
+  ::tzset();
 }
 
 TEST_P(RemoteApiTest, ListingsComeFromTheServiceWithoutDownloads) {

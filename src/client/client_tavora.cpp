@@ -35,7 +35,11 @@ constexpr uint32_t kDefaultFileMode = 0640;
 constexpr int32_t kConnectTimeoutMs = 12000;
 const char* const kTimeFormat = "%Y-%m-%dT%H:%M:%S%z";
 
-// The service's time text as seconds; 0 when it cannot be read.
+// The service's time text as seconds; 0 when it cannot be read. The text
+// carries its UTC offset (strptime puts it in tm_gmtoff), so the time is
+// taken as UTC and the offset subtracted: the client's own time zone plays
+// no part, and no call reads it (mktime would run tzset, which rewrites
+// process-wide state on every call).
 int64_t parseServiceTime(const std::string& text) {
   struct tm parts;
   std::memset(&parts, 0, sizeof(parts));
@@ -43,9 +47,9 @@ int64_t parseServiceTime(const std::string& text) {
   if (end == nullptr) {
     return 0;
   }
-  parts.tm_isdst = -1;
-  time_t seconds = ::mktime(&parts);
-  return seconds == static_cast<time_t>(-1) ? 0 : static_cast<int64_t>(seconds);
+  const long offset = parts.tm_gmtoff;
+  time_t seconds = ::timegm(&parts);
+  return seconds == static_cast<time_t>(-1) ? 0 : static_cast<int64_t>(seconds) - offset;
 }
 
 }  // namespace

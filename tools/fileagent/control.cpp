@@ -65,7 +65,8 @@ bool parseReply(const Json::Value& rule, Reply& out, std::string& error) {
     return true;
   }
   if (kind == "int") {
-    if (value.isIntegral()) {
+    // isIntegral() also holds for unsigned values beyond what asInt64() takes.
+    if (value.isInt64()) {
       out = Reply::integer(value.asInt64());
       return true;
     }
@@ -170,7 +171,7 @@ bool Rules::parse(const std::string& text, std::vector<Rule>& out, std::string& 
       if (value.isNull()) {
         continue;
       }
-      if (!value.isIntegral() || value.asInt64() < 0 || value.asInt64() > count.limit) {
+      if (!value.isInt64() || value.asInt64() < 0 || value.asInt64() > count.limit) {
         error = std::string("\"") + count.key + "\" must be a non-negative integer";
         return false;
       }

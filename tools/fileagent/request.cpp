@@ -42,7 +42,10 @@ bool parseCount(const std::string& text, size_t limit, size_t& out, bool& over) 
 bool RequestReader::line(std::string& out, std::string& error) {
   size_t end = buffer_.find("\r\n", pos_);
   if (end == std::string::npos) {
-    if (buffer_.size() - pos_ > kMaxLine) {
+    // The line's CR may already be here without its LF: a line is too long
+    // only once more than the line and its CR wait, so that the answer does
+    // not depend on where the bytes were cut.
+    if (buffer_.size() - pos_ > kMaxLine + 1) {
       error = "Protocol error: header line too long";
     }
     return false;

@@ -1,0 +1,491 @@
+// Every remote operation against every way an agent call can fail, through
+// the agent's rules: an error reply, a reply of the wrong type, a lowercase
+// "ok", a closed connection and a reply that comes after the command
+// time-out, each injected at the n-th agent call for every n up to the
+// number of calls the operation makes when nothing fails.
+//
+// Each cell starts from the same store and mirror. Afterwards every mirror
+// path holds what it held before or what the operation leaves there when
+// nothing fails (type, mode and bytes), every service path likewise (type
+// and bytes), and no file content that both states hold is lost from the
+// mirror or from the service. The operation reports a failure and keeps
+// every mirror file as it was, except in the cells where its contract
+// reports success on purpose (each such exception is in the table with its
+// reason) and where a directory rename has already moved the tree in the
+// mirror.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <memory>
+#include <ostream>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "support/agent_fixture.h"
+#include "support/temp_dir.h"
+#include "vel/codeset.h"
+#include "vel/fstream.h"
+#include "vel/hooks.h"
+#include "vel/instance.h"
+#include "vel/log.h"
+#include "vel/mutations.h"
+
+namespace {
+
+using veltest::makeDirs;
+using veltest::readFile;
+using veltest::writeFile;
+
+// ---- snapshots of a folder ----
+
+struct Node {
+  char type = '?';      // 'f' file, 'd' directory, 'l' symbolic link
+  int mode = 0;         // permission bits
+  std::string content;  // a file's bytes, a link's target
+};
+using Tree = std::map<std::string, Node>;
+
+// Kept copies carry a random number: they are compared by their place.
+std::string keptNamesAlike(const std::string& path) {
+  static const std::regex kKept("\\.vel\\.keep\\.[0-9]+(_[0-9]+)?");
+  return std::regex_replace(path, kKept, ".vel.keep.*");
+}
+
+void walk(const std::string& root, const std::string& rel, Tree& tree) {
+  DIR* dir = ::opendir((root + "/" + rel).c_str());
+  if (dir == nullptr) {
+    return;
+  }
+  std::vector<std::string> names;
+  while (struct dirent* entry = ::readdir(dir)) {
+    std::string name = entry->d_name;
+    if (name != "." && name != "..") {
+      names.push_back(rel.empty() ? name : rel + "/" + name);
+    }
+  }
+  ::closedir(dir);
+  for (const std::string& path : names) {
+    const std::string full = root + "/" + path;
+    struct stat st;
+    if (::lstat(full.c_str(), &st) != 0) {
+      continue;
+    }
+    Node node;
+    node.mode = static_cast<int>(st.st_mode & 07777);
+    if (S_ISDIR(st.st_mode)) {
+      node.type = 'd';
+      walk(root, path, tree);
+    } else if (S_ISLNK(st.st_mode)) {
+      node.type = 'l';
+      char target[4096];
+      ssize_t n = ::readlink(full.c_str(), target, sizeof target);
+      node.content.assign(target, n > 0 ? static_cast<size_t>(n) : 0);
+    } else {
+      node.type = 'f';
+      node.content = readFile(full);
+    }
+    tree[keptNamesAlike(path)] = node;
+  }
+}
+
+Tree snapshot(const std::string& root) {
+  Tree tree;
+  walk(root, "", tree);
+  return tree;
+}
+
+std::string describe(const Tree& tree, const std::string& path) {
+  auto it = tree.find(path);
+  if (it == tree.end()) {
+    return "absent";
+  }
+  char mode[8];
+  std::snprintf(mode, sizeof mode, "%04o", it->second.mode);
+  return std::string(1, it->second.type) + " " + mode + " \"" + it->second.content + "\"";
+}
+
+bool same(const Tree& a, const Tree& b, const std::string& path, bool withModes) {
+  auto x = a.find(path);
+  auto y = b.find(path);
+  if (x == a.end() || y == b.end()) {
+    return x == a.end() && y == b.end();
+  }
+  return x->second.type == y->second.type && x->second.content == y->second.content &&
+         (!withModes || x->second.mode == y->second.mode);
+}
+
+// Every path holds what it held before or what the clean run left there.
+::testing::AssertionResult beforeOrAfter(const char* side, const Tree& before, const Tree& after,
+                                         const Tree& got, bool withModes) {
+  std::set<std::string> paths;
+  for (const Tree* tree : {&before, &after, &got}) {
+    for (const auto& entry : *tree) {
+      paths.insert(entry.first);
+    }
+  }
+  for (const std::string& path : paths) {
+    if (!same(got, before, path, withModes) && !same(got, after, path, withModes)) {
+      return ::testing::AssertionFailure()
+             << side << " " << path << " is " << describe(got, path) << ", neither "
+             << describe(before, path) << " (before) nor " << describe(after, path)
+             << " (after a clean run)";
+    }
+  }
+  return ::testing::AssertionSuccess();
+}
+
+std::multiset<std::string> contents(const Tree& tree) {
+  std::multiset<std::string> all;
+  for (const auto& entry : tree) {
+    if (entry.second.type == 'f') {
+      all.insert(entry.second.content);
+    }
+  }
+  return all;
+}
+
+// A content held before and kept by a clean run is still held somewhere:
+// a path that went back to its old state cannot hide a lost copy.
+::testing::AssertionResult nothingLost(const char* side, const Tree& before, const Tree& after,
+                                       const Tree& got) {
+  const std::multiset<std::string> kept = contents(after);
+  const std::multiset<std::string> held = contents(got);
+  for (const std::string& content : contents(before)) {
+    if (kept.count(content) > 0 && held.count(content) == 0) {
+      return ::testing::AssertionFailure() << side << " lost \"" << content << "\"";
+    }
+  }
+  return ::testing::AssertionSuccess();
+}
+
+// Every file and link of the mirror is still there with its bytes and mode,
+// and every directory is still a directory; new nodes may have come.
+::testing::AssertionResult mirrorKept(const Tree& before, const Tree& got) {
+  for (const auto& entry : before) {
+    const std::string& path = entry.first;
+    const bool isDir = entry.second.type == 'd';
+    auto it = got.find(path);
+    if (it == got.end() || (isDir ? it->second.type != 'd' : !same(got, before, path, true))) {
+      return ::testing::AssertionFailure() << "mirror " << path << " is " << describe(got, path)
+                                           << ", was " << describe(before, path);
+    }
+  }
+  return ::testing::AssertionSuccess();
+}
+
+// ---- the table ----
+
+struct Kind {
+  const char* name;
+  const char* rule;  // the reply part of the rule
+};
+
+// The command time-out of the matrix, and the stall well past it.
+constexpr const char* kTimeOutMs = "500";
+const Kind kKinds[] = {
+    {"error reply", R"("reply": ["error", "ERR injected"])"},
+    {"wrong reply type", R"("reply": ["int", 1])"},
+    {"lowercase ok", R"("reply": ["status", "ok"])"},
+    {"connection closed", R"("reply": ["close", ""])"},
+    {"stall past the time-out", R"("reply": ["status", "OK"], "delay_ms": 2000)"},
+};
+
+// The n-th of `count` agent calls, and that call as a clean run makes it
+// (its arguments joined by blanks).
+struct Call {
+  int n;
+  int count;
+  std::string request;
+};
+
+// What a cell must show besides the path-by-path and no-loss checks.
+enum class Verdict {
+  kFailure,            // a failure status, and every mirror file kept
+  kSuccess,            // 0: the contract only logs this call's failure
+  kSuccessMirrorKept,  // 0, and every mirror file kept
+};
+
+struct Operation {
+  const char* name;
+  std::function<int32_t()> run;  // the status the caller sees
+  // The verdict of each cell; empty: always kFailure.
+  std::function<Verdict(const Call&)> verdict;
+  const char* why;  // the contract's reason for the cells that report 0
+  // A directory rename moves the tree in the mirror before it uploads it:
+  // once it has, a failure leaves the files at the destination, not in place.
+  bool movesMirrorFirst = false;
+};
+
+int32_t readWithFopen() {
+  FILE* in = VEL::fopen("t/a", "r");
+  if (in == nullptr) {
+    return -1;
+  }
+  char buffer[64];
+  (void)std::fread(buffer, 1, sizeof buffer, in);
+  return VEL::fclose(in);
+}
+
+int32_t writeWithFopen() {
+  FILE* out = VEL::fopen("t/a", "w");
+  if (out == nullptr) {
+    return -1;
+  }
+  std::fputs("written by fopen", out);
+  std::fflush(out);  // the upload runs before the stream is closed
+  return VEL::fclose(out);
+}
+
+int32_t readWithIfstream() {
+  VEL::ifstream in("t/a");
+  if (!in.is_open()) {
+    return -1;
+  }
+  std::string text;
+  std::getline(in, text);
+  in.close();
+  return in.fail() ? -1 : 0;
+}
+
+int32_t writeWithOfstream() {
+  VEL::ofstream out("t/a");
+  if (!out.is_open()) {
+    return -1;
+  }
+  out << "written by ofstream";
+  out.close();
+  return out.fail() ? -1 : 0;
+}
+
+int32_t updateWithFstream() {
+  VEL::fstream io("t/a", std::ios::in | std::ios::out);
+  if (!io.is_open()) {
+    return -1;
+  }
+  io << "written by fstream";
+  io.close();
+  return io.fail() ? -1 : 0;
+}
+
+// newDir looks the directory up before creating it, only to tell whether it
+// was there already.
+bool lookupBeforeCreating(const Call& call, const std::string& dir) {
+  return call.request == "tarn.metadata TestService " + dir;
+}
+
+const Operation kOperations[] = {
+    {"update of a tree", [] { return VEL::syncFromServer("t", true); },
+     [](const Call& call) { return call.n > 1 ? Verdict::kSuccess : Verdict::kFailure; },
+     "after the top node, the tree walk only logs a failure and reports 0"},
+    {"commit of a tree", [] { return VEL::syncToServer("t", true); },
+     [](const Call& call) {
+       return call.n < call.count ? Verdict::kSuccessMirrorKept : Verdict::kFailure;
+     },
+     "syncToServer reports the last entry's result; the last call sends the last entry"},
+    {"fopen for reading", readWithFopen, [](const Call&) { return Verdict::kSuccessMirrorKept; },
+     "fopen opens the mirror copy when the pull fails; the failure is only logged"},
+    {"fopen for writing", writeWithFopen, [](const Call&) { return Verdict::kSuccess; },
+     "the parent pull's result is ignored and fclose returns the system fclose's result"},
+    {"ifstream", readWithIfstream, nullptr, ""},
+    {"ofstream", writeWithOfstream, [](const Call&) { return Verdict::kSuccess; },
+     "the parent pull's result is ignored and a failed upload on close is only logged"},
+    {"fstream", updateWithFstream,
+     [](const Call& call) { return call.n == call.count ? Verdict::kSuccess : Verdict::kFailure; },
+     "once the file is open, a failed upload on close is only logged"},
+    {"rename of a file", [] { return VEL::rename("t/a", "t/a2"); },
+     [](const Call& call) { return call.n == 1 ? Verdict::kSuccess : Verdict::kFailure; },
+     "a failed lookup leaves the path taken for a file, and the file move succeeds"},
+    {"rename of a directory", [] { return VEL::rename("t/sub", "t/sub2"); },
+     [](const Call& call) {
+       return call.n == 1 || lookupBeforeCreating(call, "t/sub2") ? Verdict::kSuccess
+                                                                  : Verdict::kFailure;
+     },
+     "a failed first lookup takes the directory for a file (service and mirror move it "
+     "whole); the lookup before creating t/sub2 only tells whether it was there",
+     true},
+    {"chmod", [] { return VEL::chmod("t/a", 0600); }, nullptr, ""},
+    {"rmdir", [] { return VEL::rmdir("t/empty"); },
+     [](const Call&) { return Verdict::kSuccessMirrorKept; },
+     "rmdir reports 0 when the service refuses, and keeps the mirror directory"},
+    {"unlink", [] { return VEL::unlink("t/a"); }, nullptr, ""},
+    {"delTree", [] { return VEL::delTree("t"); }, nullptr, ""},
+    {"mkdir_all", [] { return VEL::mkdir_all("t/n1/n2", 0750); },
+     [](const Call& call) {
+       return lookupBeforeCreating(call, "t/n1/n2") ? Verdict::kSuccess : Verdict::kFailure;
+     },
+     "the lookup before the creation only tells whether the directory was there"},
+};
+
+// Names the operation in failure messages.
+void PrintTo(const Operation& op, std::ostream* out) { *out << op.name; }
+
+// ---- the fixture ----
+
+// One agent for all cells of an operation: the store and the mirror are
+// set up again for every cell. The command time-out is short, so that a
+// stalled call costs little.
+class FaultMatrixBase : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    agent_.reset(new veltest::AgentFixture());
+    ASSERT_TRUE(agent_->ready());
+    agent_->exportEnv();
+    VEL::finish();
+    VEL::releaseLogger();
+    veltest::ScopedEnv timeOut("TARN_TIME_OUT", kTimeOutMs);
+    VEL::init({{"clientType", "Tavora"}});
+  }
+
+  void TearDown() override {
+    VEL::finish();
+    VEL::releaseLogger();
+    agent_.reset();
+  }
+
+  // The store holds t/a, t/b, t/sub/c and the empty t/empty; the mirror a
+  // local edit of t/a, t/sub/c as the service has it, t/empty and a file
+  // never sent, t/local.
+  void reset() {
+    struct dirent* entry = nullptr;
+    // The folders themselves stay: the agent serves them by their paths.
+    for (const std::string& root : {agent_->store(), agent_->mirror()}) {
+      DIR* dir = ::opendir(root.c_str());
+      std::vector<std::string> names;
+      while (dir != nullptr && (entry = ::readdir(dir)) != nullptr) {
+        if (std::string(entry->d_name) != "." && std::string(entry->d_name) != "..") {
+          names.push_back(root + "/" + entry->d_name);
+        }
+      }
+      if (dir != nullptr) {
+        ::closedir(dir);
+      }
+      for (const std::string& name : names) {
+        veltest::removeTree(name);
+      }
+    }
+    const std::string store = agent_->store();
+    const std::string mirror = agent_->mirror();
+    for (const std::string& root : {store, mirror}) {
+      makeDirs(root + "/t/sub");
+      makeDirs(root + "/t/empty");
+      ::chmod((root + "/t/sub").c_str(), 0750);
+    }
+    file(store + "/t/a", "service a", 0644);
+    file(store + "/t/b", "service b", 0640);
+    file(store + "/t/sub/c", "service c", 0600);
+    file(mirror + "/t/a", "local a", 0644);
+    file(mirror + "/t/sub/c", "service c", 0600);
+    file(mirror + "/t/local", "only in the mirror", 0644);
+  }
+
+  static void file(const std::string& path, const std::string& content, mode_t mode) {
+    writeFile(path, content);
+    ::chmod(path.c_str(), mode);
+  }
+
+  // The operation once without faults: its agent calls and what it leaves
+  // in the mirror and the store.
+  std::vector<std::string> cleanRun(const Operation& op, Tree& mirrorAfter, Tree& storeAfter) {
+    reset();
+    agent_->setRules("");
+    agent_->clearJournal();
+    const int32_t status = op.run();
+    EXPECT_EQ(status, 0) << op.name << " fails without faults";
+    mirrorAfter = snapshot(agent_->mirror());
+    storeAfter = snapshot(agent_->store());
+    std::vector<std::string> calls;
+    for (const std::vector<std::string>& request : agent_->journal()) {
+      std::string line;
+      for (const std::string& arg : request) {
+        line += (line.empty() ? "" : " ") + arg;
+      }
+      calls.push_back(line);
+    }
+    return calls;
+  }
+
+  std::unique_ptr<veltest::AgentFixture> agent_;
+};
+
+class FaultMatrix : public FaultMatrixBase, public ::testing::WithParamInterface<Operation> {};
+using FaultMatrixSize = FaultMatrixBase;
+
+constexpr int kKindCount = static_cast<int>(sizeof kKinds / sizeof kKinds[0]);
+
+// The size of the whole matrix: operations x kinds x calls.
+TEST_F(FaultMatrixSize, OperationsKindsAndCalls) {
+  int calls = 0;
+  for (const Operation& op : kOperations) {
+    Tree mirror;
+    Tree store;
+    const int count = static_cast<int>(cleanRun(op, mirror, store).size());
+    EXPECT_GT(count, 0) << op.name;
+    calls += count;
+  }
+  const int operations = static_cast<int>(sizeof kOperations / sizeof kOperations[0]);
+  std::printf("fault matrix: %d operations, %d kinds, %d agent calls in all: %d cells\n",
+              operations, kKindCount, calls, kKindCount * calls);
+}
+
+TEST_P(FaultMatrix, EveryFailedAgentCallKeepsEveryByte) {
+  const Operation& op = GetParam();
+  reset();
+  const Tree mirrorBefore = snapshot(agent_->mirror());
+  const Tree storeBefore = snapshot(agent_->store());
+  Tree mirrorAfter;
+  Tree storeAfter;
+  const std::vector<std::string> calls = cleanRun(op, mirrorAfter, storeAfter);
+  const int count = static_cast<int>(calls.size());
+  ASSERT_GT(count, 0) << op.name << " sends no agent call";
+  std::printf("fault matrix, %s: %d kinds x %d agent calls = %d cells\n", op.name, kKindCount,
+              count, kKindCount * count);
+
+  for (const Kind& kind : kKinds) {
+    for (int n = 1; n <= count; ++n) {
+      const Call call{n, count, calls[n - 1]};
+      SCOPED_TRACE(std::string(op.name) + ", " + kind.name + " at call " + std::to_string(n) +
+                   " of " + std::to_string(count) + " (" + call.request + ")");
+      reset();
+      agent_->setRules(R"([{"match": [], "skip": )" + std::to_string(n - 1) + R"(, "times": 1, )" +
+                       kind.rule + "}]");
+      const int32_t status = op.run();
+      agent_->setRules("");
+      const Verdict verdict = op.verdict ? op.verdict(call) : Verdict::kFailure;
+      const Tree mirror = snapshot(agent_->mirror());
+      const Tree store = snapshot(agent_->store());
+      if (verdict == Verdict::kFailure) {
+        EXPECT_NE(status, 0);
+      } else {
+        EXPECT_EQ(status, 0) << op.why;
+      }
+      if (verdict == Verdict::kSuccessMirrorKept ||
+          (verdict == Verdict::kFailure && !op.movesMirrorFirst)) {
+        EXPECT_TRUE(mirrorKept(mirrorBefore, mirror));
+      }
+      EXPECT_TRUE(beforeOrAfter("mirror", mirrorBefore, mirrorAfter, mirror, true));
+      EXPECT_TRUE(beforeOrAfter("service", storeBefore, storeAfter, store, false));
+      EXPECT_TRUE(nothingLost("mirror", mirrorBefore, mirrorAfter, mirror));
+      EXPECT_TRUE(nothingLost("service", storeBefore, storeAfter, store));
+    }
+  }
+}
+
+std::string nameOf(const ::testing::TestParamInfo<Operation>& info) {
+  std::string name;
+  for (const char* c = info.param.name; *c != '\0'; ++c) {
+    name.push_back(std::isalnum(static_cast<unsigned char>(*c)) ? *c : '_');
+  }
+  return name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Operations, FaultMatrix, ::testing::ValuesIn(kOperations), nameOf);
+
+}  // namespace
