@@ -1,113 +1,860 @@
-// Micro-benchmarks, reported as ratios against a baseline measured in the
-// same run (the machines are shared and noisy):
-//  - path cleaning against a plain copy of the same string;
-//  - one log line (stat + lock + write + flush) against fprintf + fflush;
-//  - a metadata lookup through the agent against a bare hiredis round trip.
-// Usage: vel_bench [iterations]   (needs build/bin/velfileagent for the last)
+// What users wait for, each figure next to its floor measured in the same
+// run: the least any client of the same agent, or any program on the same
+// files, has to do for the same result. Floor and vel rounds alternate, and
+// the ratio of each pair of rounds is kept: the noise of a shared machine
+// hits both sides of a pair alike.
+//
+//  - remote exists/stat: a fresh hiredis connection, tarn.metadata, close;
+//  - tree update/commit (syncFromServer/syncToServer of 2,000 files of 4 KiB
+//    in 100 folders): the requests the agent journalled for the same call,
+//    replayed one connection each (the library may not keep connections),
+//    after the folders the mirror needs are made;
+//  - large download/upload: cp(1) of the same file, then fsync of the copy;
+//  - a log line: stat of the path, the time stamp and the line formatted,
+//    one write on an O_APPEND descriptor;
+//  - local mode: the system calls on the same mirror paths;
+//  - with the agent's WebDAV store and Apache at hand, the tree update
+//    through an agent serving the tests' Apache WebDAV server: a PROPFIND
+//    (Depth 0) and a GET of each file over one kept-alive connection to the
+//    same server.
+//
+// Usage: vel_bench [--quick] [--only GROUP[,GROUP...]] [--agent PATH]
+//   groups: remote, tree, large, log, local, webdav
+// The table goes to standard output, progress to standard error. Files go
+// below $TMPDIR (else /tmp); on a tmpfs the tree rows leave out the disk.
+#include <curl/curl.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <hiredis/hiredis.h>
+#include <json/json.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <functional>
+#include <set>
+#include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "support/webdav_server.h"
+#include "vel/hooks.h"
+#include "vel/instance.h"
+#include "vel/listing.h"
 #include "vel/log.h"
-#include "vel/paths.h"
-#include "vel/records.h"
-#include "vel/tarn_client.h"
+#include "vel/query.h"
+#include "webdav_protocol.h"
 
 namespace {
 
-template <typename F>
-double nsPerOp(int n, F&& f) {
-  auto start = std::chrono::steady_clock::now();
-  for (int i = 0; i < n; ++i) {
-    f(i);
+using Clock = std::chrono::steady_clock;
+
+constexpr int kFolders = 100;
+constexpr int kFilesPerFolder = 20;
+constexpr size_t kSmallFile = 4096;
+constexpr int kLocalFiles = 10;
+
+struct Options {
+  bool quick = false;
+  std::set<std::string> only;
+  std::string agent = VEL_AGENT_BIN;
+};
+
+struct Row {
+  Row(std::string what_, std::string floor_, double target_)
+      : what(std::move(what_)), floor(std::move(floor_)), target(target_) {}
+
+  std::string what;
+  std::string floor;  // what the floor does
+  double target;
+  double vel = 0;  // seconds per operation (medians)
+  double base = 0;
+  double ratio = 0;  // median of the per-round ratios
+  double low = 0;    // their first and third quartiles
+  double high = 0;
+  int rounds = 0;
+  std::string note;  // instead of figures
+};
+
+FILE* g_out = stdout;  // the real standard output; fd 1 goes to /dev/null
+std::vector<Row> g_rows;
+
+double seconds(Clock::time_point since) {
+  return std::chrono::duration<double>(Clock::now() - since).count();
+}
+
+// The value below which `share` of the values lie (linear between ranks).
+double quantile(std::vector<double> values, double share) {
+  std::sort(values.begin(), values.end());
+  const double rank = share * static_cast<double>(values.size() - 1);
+  const size_t below = static_cast<size_t>(rank);
+  const size_t above = std::min(below + 1, values.size() - 1);
+  return values[below] + (values[above] - values[below]) * (rank - static_cast<double>(below));
+}
+
+double median(const std::vector<double>& values) { return quantile(values, 0.5); }
+
+[[noreturn]] void fail(const std::string& what) {
+  std::fprintf(stderr, "vel_bench: %s\n", what.c_str());
+  std::exit(1);
+}
+
+void progress(const std::string& what) { std::fprintf(stderr, "vel_bench: %s\n", what.c_str()); }
+
+std::string loadAverage() {
+  std::ifstream in("/proc/loadavg");
+  std::string one, five, fifteen;
+  in >> one >> five >> fifteen;
+  return one + " " + five + " " + fifteen;
+}
+
+bool run(const std::vector<std::string>& argv) {
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    std::vector<char*> args;
+    for (const std::string& arg : argv) {
+      args.push_back(const_cast<char*>(arg.c_str()));
+    }
+    args.push_back(nullptr);
+    ::execvp(args[0], args.data());
+    ::_exit(127);
   }
-  std::chrono::duration<double, std::nano> d = std::chrono::steady_clock::now() - start;
-  return d.count() / n;
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-void report(const char* name, double base, double measured) {
-  std::printf("%-28s baseline %9.1f ns  vel %9.1f ns  ratio %6.2f\n", name, base, measured,
-              measured / base);
+void removeTree(const std::string& path) {
+  if (!run({"rm", "-rf", path})) {
+    fail("cannot remove " + path);
+  }
 }
 
-volatile size_t g_sink;
+void makeDir(const std::string& path) {
+  if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
+    fail("cannot create " + path);
+  }
+}
+
+// `bytes` bytes that neither compress nor repeat.
+void makeFile(const std::string& path, size_t bytes, unsigned long long seed) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  if (fd < 0) {
+    fail("cannot create " + path);
+  }
+  std::vector<unsigned long long> block(std::min<size_t>(bytes, 1u << 20) / sizeof(seed));
+  for (size_t done = 0; done < bytes;) {
+    for (unsigned long long& word : block) {
+      seed ^= seed << 13;
+      seed ^= seed >> 7;
+      seed ^= seed << 17;
+      word = seed;
+    }
+    const size_t n = std::min(bytes - done, block.size() * sizeof(seed));
+    if (::write(fd, block.data(), n) != static_cast<ssize_t>(n)) {
+      fail("cannot write " + path);
+    }
+    done += n;
+  }
+  ::fsync(fd);
+  ::close(fd);
+}
+
+std::string folderName(int folder) {
+  char name[16];
+  std::snprintf(name, sizeof name, "d%03d", folder);
+  return name;
+}
+
+// 2,000 files of 4 KiB in 100 folders below `root`.
+void makeTree(const std::string& root, unsigned long long seed) {
+  makeDir(root);
+  for (int d = 0; d < kFolders; ++d) {
+    const std::string folder = root + "/" + folderName(d);
+    makeDir(folder);
+    for (int f = 0; f < kFilesPerFolder; ++f) {
+      char name[16];
+      std::snprintf(name, sizeof name, "/f%04d", d * kFilesPerFolder + f);
+      makeFile(folder + name, kSmallFile, seed + static_cast<unsigned long long>(d * 1000 + f));
+    }
+  }
+}
+
+size_t countFiles(const std::string& root) {
+  size_t files = 0;
+  for (int d = 0; d < kFolders; ++d) {
+    DIR* dir = ::opendir((root + "/" + folderName(d)).c_str());
+    if (dir == nullptr) {
+      continue;
+    }
+    while (struct dirent* entry = ::readdir(dir)) {
+      files += entry->d_type == DT_REG ? 1 : 0;
+    }
+    ::closedir(dir);
+  }
+  return files;
+}
+
+// Interleaved rounds, floor and vel in turn (each first in every other
+// round); each callback runs one round and returns seconds per operation.
+// The ratio is the median of the per-round ratios: paired rounds cancel the
+// load that other work puts on the machine while they run.
+void measure(Row row, int rounds, const std::function<double()>& floorRound,
+             const std::function<double()>& velRound) {
+  progress("measuring " + row.what);
+  std::vector<double> base;
+  std::vector<double> vel;
+  std::vector<double> ratios;
+  for (int i = 0; i < rounds; ++i) {
+    double f = 0;
+    double v = 0;
+    if (i % 2 == 0) {
+      f = floorRound();
+      v = velRound();
+    } else {
+      v = velRound();
+      f = floorRound();
+    }
+    base.push_back(f);
+    vel.push_back(v);
+    ratios.push_back(v / f);
+  }
+  row.base = median(base);
+  row.vel = median(vel);
+  row.ratio = median(ratios);
+  row.low = quantile(ratios, 0.25);
+  row.high = quantile(ratios, 0.75);
+  row.rounds = rounds;
+  g_rows.push_back(row);
+}
+
+template <typename F>
+double perOp(int n, F&& op) {
+  const Clock::time_point start = Clock::now();
+  for (int i = 0; i < n; ++i) {
+    op(i);
+  }
+  return seconds(start) / n;
+}
+
+class Agent {
+ public:
+  // An agent whose socket is `uds`/velfileagent/velfileagent.sock, with
+  // `storeArgs` naming what it serves, the mirror below `dir` and, when
+  // `journal`, a journal of its requests.
+  Agent(const std::string& binary, const std::string& dir, const std::string& uds,
+        const std::vector<std::string>& storeArgs, bool journal)
+      : socket_(uds + "/velfileagent"), journal_(uds + "/journal") {
+    makeDir(uds);
+    makeDir(socket_);
+    socket_ += "/velfileagent.sock";
+    std::vector<std::string> argv = {binary, "--mirror", dir + "/mirror", "--socket", socket_};
+    if (journal) {
+      argv.insert(argv.end(), {"--journal", journal_});
+    }
+    argv.insert(argv.end(), storeArgs.begin(), storeArgs.end());
+    int ready[2];
+    if (::pipe(ready) != 0) {
+      fail("pipe");
+    }
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::dup2(ready[1], STDOUT_FILENO);
+      int null = ::open("/dev/null", O_WRONLY);
+      ::dup2(null, STDERR_FILENO);
+      std::vector<char*> args;
+      for (const std::string& arg : argv) {
+        args.push_back(const_cast<char*>(arg.c_str()));
+      }
+      args.push_back(nullptr);
+      ::execv(args[0], args.data());
+      ::_exit(127);
+    }
+    ::close(ready[1]);
+    char word[6] = {};
+    if (::read(ready[0], word, 5) != 5 || std::strcmp(word, "ready") != 0) {
+      fail("the agent " + binary + " did not start");
+    }
+    ::close(ready[0]);
+  }
+  ~Agent() {
+    ::kill(pid_, SIGTERM);
+    ::waitpid(pid_, nullptr, 0);
+  }
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+
+  const std::string& socket() const { return socket_; }
+
+  // Bytes of the journal so far: requests after this mark are the next call's.
+  long long mark() const {
+    struct stat st;
+    return ::stat(journal_.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : 0;
+  }
+
+  // The requests journalled since `from`, each as its arguments.
+  std::vector<std::vector<std::string>> requestsSince(long long from) const {
+    std::ifstream in(journal_);
+    in.seekg(from);
+    std::vector<std::vector<std::string>> requests;
+    Json::CharReaderBuilder builder;
+    for (std::string line; std::getline(in, line);) {
+      Json::Value args;
+      std::string errors;
+      std::istringstream text(line);
+      if (!Json::parseFromStream(builder, text, &args, &errors) || !args.isArray()) {
+        fail("unreadable journal line: " + line);
+      }
+      std::vector<std::string> request;
+      for (const Json::Value& arg : args) {
+        request.push_back(arg.asString());
+      }
+      requests.push_back(request);
+    }
+    return requests;
+  }
+
+ private:
+  std::string socket_;
+  std::string journal_;
+  pid_t pid_ = -1;
+};
+
+// One request on a connection of its own, as the library sends it.
+bool oneRequest(const std::string& socket, const std::vector<std::string>& args) {
+  redisContext* c = redisConnectUnix(socket.c_str());
+  if (c == nullptr || c->err != 0) {
+    redisFree(c);
+    return false;
+  }
+  std::vector<const char*> argv;
+  std::vector<size_t> lengths;
+  for (const std::string& arg : args) {
+    argv.push_back(arg.data());
+    lengths.push_back(arg.size());
+  }
+  auto* reply = static_cast<redisReply*>(
+      redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lengths.data()));
+  const bool answered = reply != nullptr;
+  freeReplyObject(reply);
+  redisFree(c);
+  return answered;
+}
+
+double replay(const std::string& socket, const std::vector<std::vector<std::string>>& requests) {
+  const Clock::time_point start = Clock::now();
+  for (const std::vector<std::string>& request : requests) {
+    if (!oneRequest(socket, request)) {
+      fail("a replayed request got no reply");
+    }
+  }
+  return seconds(start);
+}
+
+// cp(1), then fsync of the copy: what the agent's atomic copy amounts to.
+double copyAndFlush(const std::string& from, const std::string& to) {
+  ::unlink(to.c_str());
+  const Clock::time_point start = Clock::now();
+  if (!run({"cp", from, to})) {
+    fail("cp " + from + " failed");
+  }
+  int fd = ::open(to.c_str(), O_RDONLY);
+  if (fd < 0 || ::fsync(fd) != 0) {
+    fail("cannot flush " + to);
+  }
+  ::close(fd);
+  return seconds(start);
+}
+
+void remoteRows(const Options& options, const Agent& agent) {
+  const std::string path = "tree/d042/f0842";
+  const int n = 20;
+  const int rounds = options.quick ? 41 : 201;
+  auto bare = [&](int) {
+    redisContext* c = redisConnectUnix(agent.socket().c_str());
+    if (c == nullptr || c->err != 0) {
+      fail("cannot connect to the agent");
+    }
+    freeReplyObject(redisCommand(c, "tarn.metadata %s %s", "TestService", path.c_str()));
+    redisFree(c);
+  };
+  if (VEL::exists(path.c_str()) != 1) {
+    fail("remote exists does not find " + path);
+  }
+  measure(
+      {"remote exists", "connect + tarn.metadata + close", 1.1}, rounds,
+      [&] { return perOp(n, bare); },
+      [&] { return perOp(n, [&](int) { VEL::exists(path.c_str()); }); });
+  struct stat st;
+  measure(
+      {"remote stat", "connect + tarn.metadata + close", 1.1}, rounds,
+      [&] { return perOp(n, bare); },
+      [&] { return perOp(n, [&](int) { VEL::stat(path.c_str(), &st); }); });
+}
+
+void treeRows(const Options& options, const std::string& dir, const Agent& agent) {
+  const int rounds = options.quick ? 3 : 15;
+  const std::string mirrorTree = dir + "/mirror/tree";
+  const std::string storeUp = dir + "/store/up";
+  const size_t files = static_cast<size_t>(kFolders * kFilesPerFolder);
+
+  // A first update records what the agent is asked for.
+  removeTree(mirrorTree);
+  long long mark = agent.mark();
+  if (VEL::syncFromServer("tree", true) != 0 || countFiles(mirrorTree) != files) {
+    fail("the tree update did not bring every file");
+  }
+  const auto pulls = agent.requestsSince(mark);
+  measure(
+      {"tree update (syncFromServer)", "journal replay + mkdir", 1.1}, rounds,
+      [&] {
+        removeTree(mirrorTree);
+        const Clock::time_point start = Clock::now();
+        makeDir(mirrorTree);
+        for (int d = 0; d < kFolders; ++d) {
+          makeDir(mirrorTree + "/" + folderName(d));
+        }
+        replay(agent.socket(), pulls);
+        return seconds(start);
+      },
+      [&] {
+        removeTree(mirrorTree);
+        const Clock::time_point start = Clock::now();
+        if (VEL::syncFromServer("tree", true) != 0) {
+          fail("tree update failed");
+        }
+        return seconds(start);
+      });
+
+  removeTree(storeUp);
+  mark = agent.mark();
+  if (VEL::syncToServer("up", true) != 0 || countFiles(storeUp) != files) {
+    fail("the tree commit did not send every file");
+  }
+  const auto pushes = agent.requestsSince(mark);
+  measure(
+      {"tree commit (syncToServer)", "journal replay", 1.1}, rounds,
+      [&] {
+        removeTree(storeUp);
+        return replay(agent.socket(), pushes);
+      },
+      [&] {
+        removeTree(storeUp);
+        const Clock::time_point start = Clock::now();
+        if (VEL::syncToServer("up", true) != 0) {
+          fail("tree commit failed");
+        }
+        return seconds(start);
+      });
+}
+
+void largeRows(const Options& options, const std::string& dir, size_t mib) {
+  const int rounds = options.quick ? 3 : 5;
+  const std::string copy = dir + "/floor/copy";
+  const std::string down = dir + "/mirror/big";
+  const std::string up = dir + "/store/bigup";
+  const std::string what = std::to_string(mib) + " MiB ";
+  measure(
+      {what + "download", "cp + fsync", 1.2}, rounds,
+      [&] { return copyAndFlush(dir + "/store/big", copy); },
+      [&] {
+        ::unlink(down.c_str());
+        const Clock::time_point start = Clock::now();
+        if (VEL::syncFromServer("big", false) != 0) {
+          fail("download failed");
+        }
+        return seconds(start);
+      });
+  measure(
+      {what + "upload", "cp + fsync", 1.2}, rounds,
+      [&] { return copyAndFlush(dir + "/mirror/bigup", copy); },
+      [&] {
+        ::unlink(up.c_str());
+        const Clock::time_point start = Clock::now();
+        if (VEL::syncToServer("bigup", false) != 0) {
+          fail("upload failed");
+        }
+        return seconds(start);
+      });
+  ::unlink(copy.c_str());
+}
+
+void logRow(const Options& options, const std::string& dir) {
+  const int n = 500;
+  const int rounds = options.quick ? 21 : 101;
+  const std::string path = dir + "/floor/raw.log";
+  int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0666);
+  if (fd < 0) {
+    fail("cannot open " + path);
+  }
+  VEL::LogInterface* logger = VEL::getLogger();
+  measure(
+      {"log line", "stat + format + write(O_APPEND)", 1.2}, rounds,
+      [&] {
+        return perOp(n, [&](int i) {
+          struct stat st;
+          ::stat(path.c_str(), &st);
+          const time_t now = std::time(nullptr);
+          struct tm local;
+          localtime_r(&now, &local);
+          char stamp[32];
+          std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+          char line[128];
+          const int len =
+              std::snprintf(line, sizeof line, "%s %s [VEL] bench line %d\n", stamp, "ERROR", i);
+          if (::write(fd, line, static_cast<size_t>(len)) != len) {
+            fail("cannot write " + path);
+          }
+        });
+      },
+      [&] { return perOp(n, [&](int i) { logger->log(1, "[VEL] bench line %d", i); }); });
+  ::close(fd);
+}
+
+void localRows(const Options& options, const std::string& dir) {
+  VEL::finish();
+  VEL::init({{"clientType", "Local"}});
+  if (VEL::getInstance() == nullptr || VEL::getInstance()->isLocalOnly() == 0) {
+    fail("no local back-end");
+  }
+  const int n = 200;
+  const int rounds = options.quick ? 41 : 201;
+  const std::string folder = "local/d07";
+  const std::string file = folder + "/f07";
+  const std::string mirrorFolder = dir + "/mirror/" + folder;
+  const std::string mirrorFile = dir + "/mirror/" + file;
+  struct stat st;
+  measure(
+      {"local stat", "stat", 1.1}, rounds,
+      [&] { return perOp(n, [&](int) { ::stat(mirrorFile.c_str(), &st); }); },
+      [&] { return perOp(n, [&](int) { VEL::stat(file.c_str(), &st); }); });
+  measure(
+      {"local exists", "access(F_OK)", 1.1}, rounds,
+      [&] { return perOp(n, [&](int) { ::access(mirrorFile.c_str(), F_OK); }); },
+      [&] { return perOp(n, [&](int) { VEL::exists(file.c_str()); }); });
+  measure(
+      {"local fopen+fclose", "fopen + fclose", 1.1}, rounds,
+      [&] {
+        return perOp(n, [&](int) {
+          FILE* f = std::fopen(mirrorFile.c_str(), "r");
+          if (f == nullptr) {
+            fail("cannot open " + mirrorFile);
+          }
+          std::fclose(f);
+        });
+      },
+      [&] {
+        return perOp(n, [&](int) {
+          FILE* f = VEL::fopen(file.c_str(), "r");
+          if (f == nullptr) {
+            fail("VEL::fopen failed");
+          }
+          VEL::fclose(f);
+        });
+      });
+  // readdir_r is deprecated in glibc, but it is what is compared.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+  measure(
+      {"local opendir+readdir_r", "opendir + readdir_r + closedir", 1.1}, rounds,
+      [&] {
+        return perOp(n, [&](int) {
+          DIR* d = ::opendir(mirrorFolder.c_str());
+          struct dirent entry;
+          struct dirent* result = nullptr;
+          while (::readdir_r(d, &entry, &result) == 0 && result != nullptr) {
+          }
+          ::closedir(d);
+        });
+      },
+      [&] {
+        return perOp(n, [&](int) {
+          VEL::VEL_DIR* d = VEL::opendir(folder.c_str());
+          struct dirent entry;
+          struct dirent* result = nullptr;
+          while (VEL::readdir_r(d, &entry, &result) == 0 && result != nullptr) {
+          }
+          VEL::closedir(d);
+        });
+      });
+#pragma GCC diagnostic pop
+}
+
+bool agentHasWebdav(const std::string& agent) {
+  int out[2];
+  if (::pipe(out) != 0) {
+    return false;
+  }
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    ::dup2(out[1], STDOUT_FILENO);
+    ::dup2(out[1], STDERR_FILENO);
+    ::execl(agent.c_str(), agent.c_str(), "--help", static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  ::close(out[1]);
+  std::string text;
+  char buffer[4096];
+  for (ssize_t n; (n = ::read(out[0], buffer, sizeof buffer)) > 0;) {
+    text.append(buffer, static_cast<size_t>(n));
+  }
+  ::close(out[0]);
+  ::waitpid(pid, nullptr, 0);
+  return text.find("--webdav") != std::string::npos;
+}
+
+size_t countBytes(char*, size_t size, size_t n, void* user) {
+  *static_cast<size_t*>(user) += size * n;
+  return size * n;
+}
+
+// PROPFIND (Depth 0) and GET of every file over one kept-alive connection:
+// the least a client asks the server for to bring the tree.
+double rawDavLoop(CURL* curl, const std::string& base, const std::vector<std::string>& files) {
+  const Clock::time_point start = Clock::now();
+  const std::string body = velagent::propfindBody();
+  struct curl_slist* headers = curl_slist_append(nullptr, "Depth: 0");
+  headers = curl_slist_append(headers, "Content-Type: application/xml; charset=utf-8");
+  for (const std::string& file : files) {
+    const std::string url = base + velagent::encodePath(file);
+    size_t got = 0;
+    long code = 0;
+    curl_easy_reset(curl);
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, countBytes);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &got);
+    curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, "PROPFIND");
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
+    if (curl_easy_perform(curl) != CURLE_OK ||
+        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code) != CURLE_OK || code != 207) {
+      fail("PROPFIND of " + file + " failed");
+    }
+    got = 0;
+    curl_easy_reset(curl);
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, countBytes);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &got);
+    if (curl_easy_perform(curl) != CURLE_OK || got != kSmallFile) {
+      fail("GET of " + file + " failed");
+    }
+  }
+  curl_slist_free_all(headers);
+  return seconds(start);
+}
+
+// The tree update through an agent serving the tests' Apache WebDAV server.
+void webdavRow(const Options& options, const std::string& dir) {
+  Row row("WebDAV update", "keep-alive PROPFIND + GET loop", 1.5);
+  std::string why;
+  if (!agentHasWebdav(options.agent)) {
+    row.note = "no WebDAV store in this build";
+  } else if (!veltest::WebDavServer::available(why)) {
+    row.note = "no WebDAV server here: " + why;
+  }
+  if (!row.note.empty()) {
+    g_rows.push_back(row);
+    return;
+  }
+  const std::string docroot = dir + "/webdav";
+  makeDir(docroot);
+  makeTree(docroot + "/wtree", 500000);
+  std::vector<std::string> files;
+  for (int d = 0; d < kFolders; ++d) {
+    for (int f = 0; f < kFilesPerFolder; ++f) {
+      char name[32];
+      std::snprintf(name, sizeof name, "wtree/%s/f%04d", folderName(d).c_str(),
+                    d * kFilesPerFolder + f);
+      files.push_back(name);
+    }
+  }
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  {
+    veltest::WebDavServer server(docroot, dir + "/httpd");
+    if (!server.ready()) {
+      fail("the WebDAV server did not start: " + server.error());
+    }
+    Agent agent(options.agent, dir, dir + "/uds-webdav", {"--webdav", server.url()}, false);
+    const std::string folderUds = ::getenv("UDS_ROOT_OSSUSER");
+    ::setenv("UDS_ROOT_OSSUSER", (dir + "/uds-webdav").c_str(), 1);
+    const std::string mirrorTree = dir + "/mirror/wtree";
+    auto update = [&] {
+      removeTree(mirrorTree);
+      const Clock::time_point start = Clock::now();
+      if (VEL::syncFromServer("wtree", true) != 0) {
+        fail("WebDAV tree update failed");
+      }
+      return seconds(start);
+    };
+    update();
+    if (countFiles(mirrorTree) != files.size()) {
+      fail("the WebDAV tree update did not bring every file");
+    }
+    CURL* curl = curl_easy_init();
+    measure(
+        row, options.quick ? 3 : 7, [&] { return rawDavLoop(curl, server.url(), files); }, update);
+    curl_easy_cleanup(curl);
+    ::setenv("UDS_ROOT_OSSUSER", folderUds.c_str(), 1);
+  }
+  curl_global_cleanup();
+}
+
+std::string showTime(double secondsPerOp) {
+  char text[32];
+  if (secondsPerOp >= 1) {
+    std::snprintf(text, sizeof text, "%.2f s", secondsPerOp);
+  } else if (secondsPerOp >= 1e-3) {
+    std::snprintf(text, sizeof text, "%.1f ms", secondsPerOp * 1e3);
+  } else {
+    std::snprintf(text, sizeof text, "%.2f us", secondsPerOp * 1e6);
+  }
+  return text;
+}
+
+std::string machine() {
+  std::ifstream in("/proc/cpuinfo");
+  std::string model;
+  for (std::string line; std::getline(in, line);) {
+    if (line.compare(0, 10, "model name") == 0) {
+      model = line.substr(line.find(':') + 2);
+      break;
+    }
+  }
+  struct utsname names;
+  ::uname(&names);
+  return model + ", " + std::to_string(::sysconf(_SC_NPROCESSORS_ONLN)) + " cores, Linux " +
+         names.release;
+}
+
+void printTable(const std::string& loadBefore) {
+  std::fprintf(g_out, "vel benchmark: %s\n", machine().c_str());
+  std::fprintf(g_out,
+               "load average before %s, after %s; vel and floor: medians of interleaved "
+               "rounds; ratio: median of the per-round ratios, with their quartiles\n\n",
+               loadBefore.c_str(), loadAverage().c_str());
+  std::fprintf(g_out, "| %-28s | %10s | %10s | %-31s | %5s | %-9s | %6s | %3s | %6s |\n", "what",
+               "vel", "floor", "floor is", "ratio", "quartiles", "target", "met", "rounds");
+  std::fprintf(g_out, "|%s|%s|%s|%s|%s|%s|%s|%s|%s|\n", std::string(30, '-').c_str(),
+               std::string(12, '-').c_str(), std::string(12, '-').c_str(),
+               std::string(33, '-').c_str(), std::string(7, '-').c_str(),
+               std::string(11, '-').c_str(), std::string(8, '-').c_str(),
+               std::string(5, '-').c_str(), std::string(8, '-').c_str());
+  for (const Row& row : g_rows) {
+    if (!row.note.empty()) {
+      std::fprintf(g_out, "| %-28s | %s |\n", row.what.c_str(), row.note.c_str());
+      continue;
+    }
+    std::fprintf(g_out,
+                 "| %-28s | %10s | %10s | %-31s | %5.2f | %4.2f-%4.2f | %6.2f | %3s | %6d |\n",
+                 row.what.c_str(), showTime(row.vel).c_str(), showTime(row.base).c_str(),
+                 row.floor.c_str(), row.ratio, row.low, row.high, row.target,
+                 row.ratio <= row.target ? "yes" : "no", row.rounds);
+  }
+  std::fflush(g_out);
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  int n = argc > 1 ? std::atoi(argv[1]) : 200000;
-  char dir[] = "/tmp/velbench.XXXXXX";
-  if (::mkdtemp(dir) == nullptr) {
-    return 1;
+  Options options;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--quick") {
+      options.quick = true;
+    } else if (arg == "--only" && i + 1 < argc) {
+      std::stringstream groups(argv[++i]);
+      for (std::string group; std::getline(groups, group, ',');) {
+        options.only.insert(group);
+      }
+    } else if (arg == "--agent" && i + 1 < argc) {
+      options.agent = argv[++i];
+    } else {
+      std::fprintf(stderr,
+                   "usage: vel_bench [--quick] [--only remote,tree,large,log,local,webdav] "
+                   "[--agent PATH]\n");
+      return 2;
+    }
   }
-  setenv("_APP_LOG_DIR", dir, 1);
+  auto wanted = [&](const char* group) {
+    return options.only.empty() || options.only.count(group);
+  };
+  const std::string loadBefore = loadAverage();
 
-  const std::string path = "  /a//b/./c\\d/../e/file name.txt ";
-  double copy = nsPerOp(n, [&](int) { g_sink = std::string(path).size(); });
-  double clean = nsPerOp(n, [&](int) { g_sink = VEL::normalizePath(path).size(); });
-  report("normalizePath", copy, clean);
+  const char* tmp = std::getenv("TMPDIR");
+  std::string dir = std::string(tmp != nullptr ? tmp : "/tmp") + "/velbench.XXXXXX";
+  if (::mkdtemp(&dir[0]) == nullptr) {
+    fail("mkdtemp");
+  }
+  for (const char* sub : {"/store", "/mirror", "/log", "/floor"}) {
+    makeDir(dir + sub);
+  }
+  ::setenv("UDS_ROOT_OSSUSER", (dir + "/uds").c_str(), 1);
+  ::setenv("TARN_ROOT_DIR", (dir + "/mirror").c_str(), 1);
+  ::setenv("_APP_LOG_DIR", (dir + "/log").c_str(), 1);
 
-  std::string rawPath = std::string(dir) + "/raw.log";
-  FILE* raw = std::fopen(rawPath.c_str(), "a");
-  int lines = n / 10;
-  double plain = nsPerOp(lines, [&](int i) {
-    std::fprintf(raw, "2026-01-01 00:00:00 ERROR [VEL] line %d\n", i);
-    std::fflush(raw);
-  });
-  std::fclose(raw);
-  VEL::LogInterface* logger = VEL::getLogger();
-  double logged = nsPerOp(lines, [&](int i) { logger->log(1, "[VEL] line %d", i); });
-  report("log line", plain, logged);
-
-  const char* agent = argc > 2 ? argv[2] : "build/bin/velfileagent";
-  std::string store = std::string(dir) + "/store";
-  std::string mirror = std::string(dir) + "/mirror";
-  std::string sock = std::string(dir) + "/agent.sock";
-  std::system(("mkdir -p " + store + " " + mirror + " && echo x > " + store + "/f").c_str());
+  // The library's progress lines go where an application's would when
+  // nobody reads them; the table goes to the real standard output.
   std::fflush(stdout);
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    ::freopen("/dev/null", "w", stdout);
-    ::execl(agent, agent, "--store", store.c_str(), "--mirror", mirror.c_str(), "--socket",
-            sock.c_str(), static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
-  for (int i = 0; i < 100 && ::access(sock.c_str(), F_OK) != 0; ++i) {
-    ::usleep(50000);
-  }
-  int rounds = n / 100;
-  redisContext* c = redisConnectUnix(sock.c_str());
-  double bare = nsPerOp(rounds, [&](int) {
-    freeReplyObject(redisCommand(c, "tarn.metadata %s %s", "TestService", "f"));
-  });
-  redisFree(c);
-  // The client prints progress lines: silence them while measuring.
-  std::fflush(stdout);
-  int saved = ::dup(STDOUT_FILENO);
+  g_out = ::fdopen(::dup(STDOUT_FILENO), "w");
   int null = ::open("/dev/null", O_WRONLY);
   ::dup2(null, STDOUT_FILENO);
-  VEL::TarnConnOptions options;
-  double lookup = nsPerOp(rounds, [&](int) {
-    VEL::TarnClient client(options, sock);
-    VEL::TarnMetaData meta;
-    if (client.connect(1) == 0) {
-      client.TarnGetMetaData("f", meta);
-    }
-  });
-  std::fflush(stdout);
-  ::dup2(saved, STDOUT_FILENO);
-  ::close(saved);
   ::close(null);
-  report("metadata lookup (connect+1)", bare, lookup);
-  ::kill(pid, SIGTERM);
-  ::waitpid(pid, nullptr, 0);
-  std::system((std::string("rm -rf ") + dir).c_str());
+
+  const size_t mib = options.quick ? 64 : 256;
+  progress("preparing files in " + dir);
+  makeTree(dir + "/store/tree", 1);
+  makeTree(dir + "/mirror/up", 100000);
+  makeDir(dir + "/mirror/local");
+  for (int d = 0; d < kLocalFiles; ++d) {
+    char name[16];
+    std::snprintf(name, sizeof name, "/d%02d", d);
+    const std::string folder = dir + "/mirror/local" + name;
+    makeDir(folder);
+    for (int f = 0; f < kLocalFiles; ++f) {
+      std::snprintf(name, sizeof name, "/f%02d", f);
+      makeFile(folder + name, kSmallFile, static_cast<unsigned long long>(d * 100 + f + 7));
+    }
+  }
+  if (wanted("large")) {
+    makeFile(dir + "/store/big", mib << 20, 0x9e3779b97f4a7c15ULL);
+    makeFile(dir + "/mirror/bigup", mib << 20, 0xd1b54a32d192ed03ULL);
+  }
+
+  {
+    Agent agent(options.agent, dir, dir + "/uds", {"--store", dir + "/store"}, true);
+    VEL::init({{"clientType", "Tavora"}});
+    if (wanted("remote")) {
+      remoteRows(options, agent);
+    }
+    if (wanted("tree")) {
+      treeRows(options, dir, agent);
+    }
+    if (wanted("large")) {
+      largeRows(options, dir, mib);
+    }
+    if (wanted("webdav")) {
+      webdavRow(options, dir);
+    }
+  }
+  if (wanted("log")) {
+    logRow(options, dir);
+  }
+  if (wanted("local")) {
+    localRows(options, dir);
+  }
+  VEL::finish();
+  removeTree(dir);
+  printTable(loadBefore);
   return 0;
 }

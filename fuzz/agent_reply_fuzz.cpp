@@ -2,7 +2,8 @@
 // hiredis reader held to the reply caps by CappedReader), and every reply
 // handed to each reply function. The first byte chooses the size of the
 // pieces the rest is fed in, as a socket would deliver it. A reply that comes
-// out must be within the caps; once the reader fails it stays failed.
+// out must be within the caps; once the reader fails it stays failed. A
+// metadata text the flat reader takes must read alike through jsoncpp.
 #include <hiredis/hiredis.h>
 
 #include <cstddef>
@@ -39,6 +40,26 @@ void measure(const redisReply* reply, size_t& bytes, size_t& elements) {
   }
 }
 
+// A metadata text the flat reader takes reads the same through jsoncpp
+// and fromJson.
+void sameMetaData(const redisReply* reply) {
+  const char* text = VEL::tarn::replyText(reply);
+  VEL::TarnMetaData flat;
+  int32_t flatMode = 0;
+  if (text == nullptr || !VEL::tarn::readFlatMetaData(text, reply->len, flat, flatMode)) {
+    return;
+  }
+  VEL::TarnMetaData json;
+  int32_t jsonMode = 0;
+  if (VEL::tarn::readMetaDataJson(text, reply->len, json, jsonMode) != 0 ||
+      json.AccessAllowRoles != flat.AccessAllowRoles || json.Kind != flat.Kind ||
+      json.LastModifiedTime != flat.LastModifiedTime || json.Name != flat.Name ||
+      json.Size != flat.Size || jsonMode != flatMode) {
+    std::fprintf(stderr, "the flat metadata reader and the JSON reader disagree\n");
+    std::abort();
+  }
+}
+
 void handOut(const redisReply* reply) {
   (void)VEL::tarn::classifyOk(reply);
   std::list<std::string> entries;
@@ -50,6 +71,7 @@ void handOut(const redisReply* reply) {
   VEL::TarnMetaData meta;
   int32_t mode = 0;
   (void)VEL::tarn::decodeMetaDataReply(reply, "fuzz/node", meta, &mode);
+  sameMetaData(reply);
 }
 
 }  // namespace

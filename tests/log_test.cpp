@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <ctime>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -329,6 +332,85 @@ TEST_F(LogTest, TwoProcessesRotatingOneFileKeepEveryLineWhole) {
     // Lines before the last rotation are gone: the file was rotated.
     EXPECT_LT(lines.size(), static_cast<size_t>(2 * writers.linesEach()));
   }
+}
+
+// Requests for `ino` waiting in flock(), from /proc/locks.
+int flockWaiters(ino_t ino) {
+  std::ifstream locks("/proc/locks");
+  const std::string id = ":" + std::to_string(ino) + " ";
+  int waiters = 0;
+  for (std::string line; std::getline(locks, line);) {
+    waiters += line.find("-> FLOCK") != std::string::npos && line.find(id) != std::string::npos;
+  }
+  return waiters;
+}
+
+// Two processes that both find the file over the limit: it is emptied only
+// under the exclusive lock, and only once, so the line of the one that gets
+// the lock second is appended to what the first left.
+TEST_F(LogTest, AFullFileIsEmptiedOnceUnderTheExclusiveLock) {
+  veltest::writeFile(file_, std::string(VEL::kLogMaxFileSize + 1, 'a'));
+  const int held = ::open(file_.c_str(), O_RDONLY);
+  ASSERT_NE(-1, held);
+  ASSERT_EQ(0, ::flock(held, LOCK_EX));
+  struct stat st;
+  ASSERT_EQ(0, ::fstat(held, &st));
+  pid_t children[2];
+  for (int c = 0; c < 2; ++c) {
+    children[c] = ::fork();
+    if (children[c] == 0) {
+      ::close(held);  // or the lock would live on in this copy
+      VEL::getLogger()->log(1, "child %d", c);
+      ::_exit(0);
+    }
+  }
+  for (int i = 0; i < 1000 && flockWaiters(st.st_ino) < 2; ++i) {
+    ::usleep(10000);
+  }
+  EXPECT_EQ(2, flockWaiters(st.st_ino));
+  struct stat now;
+  ASSERT_EQ(0, ::stat(file_.c_str(), &now));
+  EXPECT_EQ(VEL::kLogMaxFileSize + 1, now.st_size) << "emptied while another held the lock";
+  ::close(held);
+  for (pid_t child : children) {
+    ::waitpid(child, nullptr, 0);
+  }
+  std::vector<std::string> lines = linesOf(readFile(file_));
+  ASSERT_EQ(2u, lines.size());
+  std::sort(lines.begin(), lines.end(),
+            [](const std::string& a, const std::string& b) { return a.substr(19) < b.substr(19); });
+  EXPECT_EQ(" ERROR child 0", lines[0].substr(19));
+  EXPECT_EQ(" ERROR child 1", lines[1].substr(19));
+}
+
+// Each line carries the second it was written in, also when lines of one
+// second share the formatting of their stamp.
+TEST_F(LogTest, EachLineCarriesTheSecondItWasWrittenIn) {
+  auto stampNow = [] {
+    const time_t now = std::time(nullptr);
+    struct tm local;
+    localtime_r(&now, &local);
+    char text[32];
+    std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local);
+    return std::string(text);
+  };
+  std::vector<std::pair<std::string, std::string>> bounds;
+  for (int i = 0; i < 3; ++i) {
+    if (i > 0) {
+      ::usleep(600000);
+    }
+    const std::string before = stampNow();
+    VEL::getLogger()->log(1, "line %d", i);
+    bounds.emplace_back(before, stampNow());
+  }
+  const std::vector<std::string> lines = linesOf(readFile(file_));
+  ASSERT_EQ(3u, lines.size());
+  for (size_t i = 0; i < lines.size(); ++i) {
+    const std::string stamp = lines[i].substr(0, 19);
+    EXPECT_LE(bounds[i].first, stamp) << lines[i];
+    EXPECT_GE(bounds[i].second, stamp) << lines[i];
+  }
+  EXPECT_NE(lines.front().substr(0, 19), lines.back().substr(0, 19));
 }
 
 TEST(LogLocationTest, MissingDirectoryDropsLinesQuietly) {

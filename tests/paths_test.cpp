@@ -47,18 +47,26 @@ TEST(NormalizePath, Table) {
 
 // Random paths over pieces that favour separators, dots and blanks.
 TEST(NormalizePath, NeverClimbsAboveItsStartOverGeneratedPaths) {
-  static const std::vector<std::string> pieces = {"a", "b", "..", ".", "", "/", "\\", "c", "..."};
+  static const std::vector<std::string> pieces = {"a",  "b", "..",  ".",  "",   "/",
+                                                  "\\", "c", "...", ".c", "c.."};
   static const char* const separators[] = {"", "/", "\\"};
   std::mt19937 rng(20240611);
   for (int i = 0; i < 20000; ++i) {
     const bool blanks = (i % 2) == 0;
     std::string input;
     for (size_t n = rng() % 12; n > 0; --n) {
-      input += (blanks && rng() % 5 == 0 ? " " : "") + pieces[rng() % pieces.size()] +
-               separators[rng() % 3];
+      input += (blanks && rng() % 5 == 0 ? (rng() % 2 == 0 ? " " : "\t") : "") +
+               pieces[rng() % pieces.size()] + separators[rng() % 3];
     }
     const std::string cleaned = VEL::normalizePath(input);
     SCOPED_TRACE("input=\"" + input + "\"");
+    // Cleaning with "/" (which returns a clean path as it is) matches
+    // cleaning with "\\" (which always rebuilds it), up to the separator.
+    for (bool keepRelative : {true, false}) {
+      std::string rebuilt = VEL::normalizePath(input, keepRelative, '\\');
+      std::replace(rebuilt.begin(), rebuilt.end(), '\\', '/');
+      ASSERT_EQ(rebuilt, VEL::normalizePath(input, keepRelative, '/')) << keepRelative;
+    }
     ASSERT_EQ(cleaned, VEL::normalizePath(cleaned));  // idempotent
     ASSERT_EQ(cleaned, VEL::normalizePath("../../" + input));
     // Without "..", a path appended to a start directory stays below it.
@@ -126,6 +134,33 @@ TEST_F(PathsTest, MirrorAndRelativeForms) {
     EXPECT_EQ("", out) << outside;
     EXPECT_FALSE(VEL::isInRoot(outside)) << outside;
   }
+}
+
+// The local queries reach the same file whether the path is clean, needs
+// cleaning, or maps to a mirror path too long to be assembled in place.
+TEST_F(PathsTest, LocalQueriesMapEveryFormOfAPathToItsMirrorFile) {
+  const std::string deep =
+      std::string(120, 'd') + "/" + std::string(120, 'e') + "/" + std::string(120, 'f');
+  ASSERT_TRUE(std::filesystem::create_directories(root_.sub(deep)));
+  ASSERT_TRUE(std::filesystem::create_directories(root_.sub("a")));
+  veltest::writeFile(root_.sub("a/b.txt"), "five!");
+  veltest::writeFile(root_.sub(deep + "/g.txt"), "seven!!");
+  struct stat st;
+  for (const std::string& path : {std::string("a/b.txt"), std::string(" a/./b.txt "),
+                                  std::string("x/..\\a//b.txt"), std::string("/a/b.txt/")}) {
+    EXPECT_EQ(0, VEL::stat(path.c_str(), &st)) << path;
+    EXPECT_EQ(5, st.st_size) << path;
+    EXPECT_EQ(1, VEL::exists(path.c_str())) << path;
+  }
+  for (const std::string& path : {deep + "/g.txt", deep + "/./g.txt"}) {
+    EXPECT_EQ(0, VEL::stat(path.c_str(), &st)) << path;
+    EXPECT_EQ(7, st.st_size) << path;
+    EXPECT_EQ(1, VEL::exists(path.c_str())) << path;
+  }
+  for (const char* missing : {"a/b", "a/b.txt.", "b.txt", "a/x/../c"}) {
+    EXPECT_EQ(0, VEL::exists(missing)) << missing;
+  }
+  EXPECT_EQ(1, VEL::exists("a/b.txt/.."));  // "a"
 }
 
 TEST_F(PathsTest, GbkNamedFileIsListedAndStatedThroughTheCodeSet) {

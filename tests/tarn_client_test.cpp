@@ -2,13 +2,21 @@
 // every command (through the agent's journal), its output, and the replies
 // that count as failures.
 #include <gtest/gtest.h>
+#include <hiredis/hiredis.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <list>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/agent_fixture.h"
@@ -197,6 +205,128 @@ TEST_F(TarnClientTest, RepliesAnnouncedOverTheCapsFailAtOnce) {
   EXPECT_LT(residentKb("VmRSS") - rssBefore, 100 * 1024);
   EXPECT_TRUE(log_.contains("ERROR [VEL] TarnGetMetaData:Internal Error: null reply.\n"));
   EXPECT_TRUE(log_.contains("ERROR [VEL] TarnListFile:Internal Error: null reply.\n"));
+}
+
+// A listening socket at `path` for tests that play the agent themselves.
+int listenAt(const std::string& path) {
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+  if (::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+      ::listen(listener, 4) != 0) {
+    ::close(listener);
+    return -1;
+  }
+  return listener;
+}
+
+// The bytes of one request as `call` sends it (up to `size` bytes, or what
+// came within five seconds), answered with "+OK".
+std::string bytesSent(const std::function<void(VEL::TarnClient&)>& call, size_t size) {
+  veltest::TempDir dir;
+  const std::string path = dir.sub("agent.sock");
+  const int listener = listenAt(path);
+  std::string received;
+  std::thread agent([&] {
+    const int peer = ::accept(listener, nullptr, nullptr);
+    char buffer[4096];
+    pollfd ready{peer, POLLIN, 0};
+    while (received.size() < size && ::poll(&ready, 1, 5000) == 1) {
+      const ssize_t n = ::read(peer, buffer, sizeof(buffer));
+      if (n <= 0) {
+        break;
+      }
+      received.append(buffer, static_cast<size_t>(n));
+    }
+    ssize_t sent = ::write(peer, "+OK\r\n", 5);
+    (void)sent;
+    ::close(peer);
+  });
+  VEL::TarnClient client(VEL::TarnConnOptions(), path);
+  if (client.connect(1) == 0) {
+    testing::internal::CaptureStdout();
+    call(client);
+    testing::internal::GetCapturedStdout();
+  }
+  agent.join();
+  ::close(listener);
+  return received;
+}
+
+// What hiredis writes for `format` and its arguments.
+template <typename... Args>
+std::string hiredisForm(const char* format, Args... args) {
+  char* command = nullptr;
+  const int length = redisFormatCommand(&command, format, args...);
+  std::string bytes(command, static_cast<size_t>(length));
+  redisFreeCommand(command);
+  return bytes;
+}
+
+// Byte for byte what hiredis writes for the command's format, for arguments
+// that are empty, hold blanks, a NUL (cut there, as "%s" reads it), UTF-8,
+// or are long enough for a length of several digits.
+TEST(TarnClientWire, RequestsAreByteForByteWhatHiredisWritesForTheCommandFormat) {
+  veltest::LogCapture log;
+  const std::string nul("before\0after", 12);
+  const std::string utf8 = "\xe6\x96\x87 \xc3\xa9";
+  const std::string longText(300, 'x');
+  VEL::TarnMetaData meta;
+  std::list<std::string> entries;
+  struct Case {
+    std::string expected;
+    std::function<void(VEL::TarnClient&)> call;
+  } cases[] = {
+      {hiredisForm("tarn.move %s %s %s", "TestService", "a b", ""),
+       [](VEL::TarnClient& c) { c.TarnMove("a b", ""); }},
+      {hiredisForm("tarn.metadata %s %s", "TestService", "before"),
+       [&](VEL::TarnClient& c) { c.TarnGetMetaData(nul, meta); }},
+      {hiredisForm("tarn.read %s %d %d %s", "fh1", -5, 2147483647, "TestService"),
+       [](VEL::TarnClient& c) { c.TarnRead("fh1", -5, 2147483647); }},
+      {hiredisForm("tarn.write %s %s %s", "fh1", longText.c_str(), "TestService"),
+       [&](VEL::TarnClient& c) { c.TarnWrite("fh1", longText); }},
+      {hiredisForm("tarn.uploadlocal %s %s", "TestService", utf8.c_str()),
+       [&](VEL::TarnClient& c) { c.TarnUploadLocal(utf8, ""); }},
+      {hiredisForm("tarn.downloadlocal %s %s %s", "TestService", "%s %d", " "),
+       [](VEL::TarnClient& c) { c.TarnDownloadLocal("%s %d", " "); }},
+      {hiredisForm("tarn.chmod %s %s %s", "TestService", "420", "a/b"),
+       [](VEL::TarnClient& c) { c.TarnChmod("a/b", "420"); }},
+      {hiredisForm("tarn.dir %s %s %s", "TestService", "", "false"),
+       [&](VEL::TarnClient& c) { c.TarnListFile("", "false", entries); }},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(c.expected, bytesSent(c.call, c.expected.size()));
+  }
+}
+
+// An agent that hung up before the request: the request fails (-6) and the
+// connection stays failed; the caller is not killed by SIGPIPE, whatever
+// its disposition of the signal.
+TEST(TarnClientHangUp, ARequestToAnAgentThatHungUpFailsWithoutASignal) {
+  veltest::LogCapture log;
+  veltest::TempDir dir;
+  const std::string path = dir.sub("agent.sock");
+  const int listener = listenAt(path);
+  ASSERT_NE(-1, listener);
+  struct sigaction fatal {};
+  fatal.sa_handler = SIG_DFL;
+  struct sigaction old {};
+  ASSERT_EQ(0, ::sigaction(SIGPIPE, &fatal, &old));
+
+  VEL::TarnClient client(VEL::TarnConnOptions(), path);
+  ASSERT_EQ(0, client.connect(1));
+  const int peer = ::accept(listener, nullptr, nullptr);
+  ASSERT_NE(-1, peer);
+  ::close(peer);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(-6, client.TarnMove("a", "b"));
+  EXPECT_EQ(-6, client.TarnChmod("a", "420"));
+  testing::internal::GetCapturedStdout();
+  EXPECT_TRUE(log.contains("ERROR [VEL] TarnMove:Internal Error: null reply.\n"));
+  EXPECT_TRUE(log.contains("ERROR [VEL] TarnChmod:Internal Error: null reply.\n"));
+  ::sigaction(SIGPIPE, &old, nullptr);
+  ::close(listener);
 }
 
 TEST(TarnClientTimeout, ComesFromTheOptionElseTheConfigurationAndIsNeverUnbounded) {

@@ -1,12 +1,17 @@
 // The reply caps, fed byte strings with no socket: a reply over a cap is
 // refused as soon as its header shows it, one within the caps is whole.
+// The metadata readers: the flat one agrees with the JSON one.
 #include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
 
 #include <memory>
+#include <random>
 #include <string>
+#include <vector>
 
 #include "agent/tarn_reply.h"
+#include "support/fake_client.h"
+#include "vel/records.h"
 
 namespace {
 
@@ -132,6 +137,112 @@ TEST(CappedReaderTest, RepliesWithinTheCapsAreWholeAndTheCountStartsAgain) {
     EXPECT_EQ(kMaxReplyElements - 1, outer->element[0]->elements);
   }
   EXPECT_FALSE(capped.cap().overCap());
+}
+
+// Generated metadata texts, most of them the agent's shape, many not: every
+// text the flat reader takes, the JSON reader and fromJson read alike (and
+// without complaint); a text it leaves alone stays untouched by it.
+TEST(MetaDataReaders, TheFlatReaderAgreesWithTheJsonReaderOnEveryTextItTakes) {
+  veltest::LogCapture log;
+  static const std::vector<std::string> keys = {
+      "AccessAllowRoles", "Kind", "LastModifiedTime", "Name", "Size", "mode", "Link", "x", "",
+  };
+  static const std::vector<std::string> values = {
+      R"("all")",
+      R"("file")",
+      R"("dir")",
+      R"("")",
+      R"("2024-03-05T09:07:41+0100")",
+      R"("a b")",
+      R"("\u0041")",
+      "\"\xc3\xa9\"",
+      "\"tab\there\"",
+      "0",
+      "420",
+      "-1",
+      "2147483647",
+      "2147483648",
+      "4294967295",
+      "4294967296",
+      "-2147483648",
+      "-2147483649",
+      "123456789012345678",
+      "1234567890123456789",
+      "007",
+      "-0",
+      "1.5",
+      "1e3",
+      "true",
+      "false",
+      "null",
+      "{}",
+      "[1]",
+      "-",
+      "12-3",
+  };
+  std::mt19937 rng(16);
+  int flat = 0;
+  int left = 0;
+  for (int i = 0; i < 40000; ++i) {
+    // Mostly the agent's members with the usual values, so that both
+    // readers see plenty of texts.
+    const bool usual = rng() % 3 != 0;
+    std::string text = rng() % 50 == 0 ? " {" : "{";
+    const size_t members = rng() % 8;
+    for (size_t m = 0; m < members; ++m) {
+      const std::string& key = keys[rng() % (usual ? 6 : keys.size())];
+      std::string value = values[rng() % (usual ? 11 : values.size())];
+      if (usual && key == "Size") {
+        value = values[9 + rng() % 9];
+      }
+      text += (m > 0 ? (rng() % 40 == 0 ? ", " : ",") : "") + ("\"" + key + "\"") +
+              (rng() % 40 == 0 ? " : " : ":") + value;
+    }
+    text += rng() % 60 == 0 ? "}x" : "}";
+    SCOPED_TRACE(text);
+    VEL::TarnMetaData fast;
+    fast.Name = "untouched";
+    fast.Size = 77;
+    int32_t fastMode = 55;
+    if (!VEL::tarn::readFlatMetaData(text.data(), text.size(), fast, fastMode)) {
+      ++left;
+      ASSERT_EQ("untouched", fast.Name);
+      ASSERT_EQ(77, fast.Size);
+      ASSERT_EQ(55, fastMode);
+      continue;
+    }
+    ++flat;
+    VEL::TarnMetaData json;
+    int32_t jsonMode = 55;
+    ASSERT_EQ(0, VEL::tarn::readMetaDataJson(text.data(), text.size(), json, jsonMode));
+    ASSERT_EQ(json.AccessAllowRoles, fast.AccessAllowRoles);
+    ASSERT_EQ(json.Kind, fast.Kind);
+    ASSERT_EQ(json.LastModifiedTime, fast.LastModifiedTime);
+    ASSERT_EQ(json.Name, fast.Name);
+    ASSERT_EQ(json.Size, fast.Size);
+    ASSERT_EQ(jsonMode, fastMode);
+  }
+  EXPECT_GT(flat, 5000);
+  EXPECT_GT(left, 5000);
+  EXPECT_FALSE(log.contains("GetDataFromJson"));
+  EXPECT_FALSE(log.contains("Failed to parse"));
+
+  // The agent's answers for a file and a folder take the flat way.
+  const std::string file =
+      R"({"AccessAllowRoles":"all","Kind":"file","LastModifiedTime":"2024-03-05T09:07:41+0100",)"
+      R"("Name":"f","Size":4096,"mode":420})";
+  const std::string folder =
+      R"({"AccessAllowRoles":"all","Kind":"dir","LastModifiedTime":"2024-03-05T09:07:41+0100",)"
+      R"("Name":"d","mode":493})";
+  VEL::TarnMetaData meta;
+  int32_t mode = -1;
+  ASSERT_TRUE(VEL::tarn::readFlatMetaData(file.data(), file.size(), meta, mode));
+  EXPECT_EQ(4096, meta.Size);
+  EXPECT_EQ(420, mode);
+  ASSERT_TRUE(VEL::tarn::readFlatMetaData(folder.data(), folder.size(), meta, mode));
+  EXPECT_EQ("dir", meta.Kind);
+  EXPECT_EQ(0, meta.Size);
+  EXPECT_EQ(493, mode);
 }
 
 }  // namespace

@@ -6,16 +6,15 @@
 //   "YYYY-MM-DD HH:MM:SS LEVEL text\n"
 // with LEVEL one of ASSERT(0) ERROR(1) CALL(2) DEBUG(3) INFO(4), UNKNOWN above.
 // Messages are cut to 4,095 characters. A file grown beyond 20,971,520 bytes
-// is emptied (removed and recreated) before the next line. An unwritable
-// location silently drops every line. A file removed from outside is not
-// recreated: lines go on into the open file until another file appears at
-// the path, which the next line then follows.
+// is emptied before the next line. An unwritable location silently drops
+// every line. A file removed from outside is not recreated: lines go on into
+// the open file until another file appears at the path, which the next line
+// then follows.
 //
 // Thread safety: any thread may log; lines never interleave. Several
-// processes may share one log file: each line is a single append, the file
-// is rotated by one of them only, and the others follow to the new file, so
-// no line is torn or lost. releaseLogger() must not race with a thread that
-// is still logging.
+// processes may share one log file: each line is a single append and the
+// file is emptied in place by one of them only, so no line is torn or lost.
+// releaseLogger() must not race with a thread that is still logging.
 #ifndef VEL_LOG_H_
 #define VEL_LOG_H_
 

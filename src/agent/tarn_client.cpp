@@ -1,30 +1,30 @@
 // TarnClient: one RESP connection to the local file agent.
 //
-// The connection is opened with the connection time-out. Each command then
-// has the command time-out as its deadline: the socket is non-blocking and
-// the client waits with poll() for the time left, so neither a silent agent
-// nor one that trickles its reply can hold a command longer; the reply is
-// read through the reply caps. A command that misses its deadline or whose
-// reply is over a cap ends with a null reply (-6) and leaves the connection
-// failed, since the rest of that reply would be taken for the next one. A
-// write to an agent that has gone away must not kill the caller with
-// SIGPIPE: the signal is blocked around each command and a SIGPIPE raised by
-// it is discarded.
+// Each command has the command time-out as its deadline: the socket is
+// non-blocking and the client waits with poll() for the time left, so
+// neither a silent agent nor one that trickles its reply can hold a command
+// longer; the reply is read through the reply caps. A command that misses
+// its deadline or whose reply is over a cap ends with a null reply (-6) and
+// leaves the connection failed, since the rest of that reply would be taken
+// for the next one. A write to an agent that has gone away must not kill the
+// caller with SIGPIPE: requests are sent with send(MSG_NOSIGNAL), which
+// reports EPIPE instead.
 #include "vel/tarn_client.h"
 
-#include <fcntl.h>
 #include <hiredis/hiredis.h>
 #include <poll.h>
-#include <pthread.h>
-#include <signal.h>
-#include <sys/time.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <cstdarg>
 #include <cstdio>
-#include <ctime>
+#include <cstring>
+#include <initializer_list>
 #include <memory>
+#include <new>
+#include <string>
 
 #include "agent/tarn_reply.h"
 #include "vel/client_config.h"
@@ -48,49 +48,6 @@ struct ReplyDeleter {
 };
 using Reply = std::unique_ptr<redisReply, ReplyDeleter>;
 
-timeval toTimeval(int32_t ms) {
-  timeval tv{};
-  tv.tv_sec = ms / 1000;
-  tv.tv_usec = static_cast<suseconds_t>(ms % 1000) * 1000;
-  return tv;
-}
-
-// Blocks SIGPIPE in the calling thread for its lifetime; a SIGPIPE that
-// became pending meanwhile (and was not pending before) is consumed.
-class SigpipeGuard {
- public:
-  SigpipeGuard() {
-    sigemptyset(&pipeSet_);
-    sigaddset(&pipeSet_, SIGPIPE);
-    sigset_t pending;
-    sigemptyset(&pending);
-    sigpending(&pending);
-    wasPending_ = sigismember(&pending, SIGPIPE) == 1;
-    blocked_ = pthread_sigmask(SIG_BLOCK, &pipeSet_, &oldMask_) == 0;
-  }
-  ~SigpipeGuard() {
-    if (!blocked_) {
-      return;
-    }
-    sigset_t pending;
-    sigemptyset(&pending);
-    if (!wasPending_ && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
-      timespec zero{};
-      while (sigtimedwait(&pipeSet_, nullptr, &zero) == -1 && errno == EINTR) {
-      }
-    }
-    pthread_sigmask(SIG_SETMASK, &oldMask_, nullptr);
-  }
-  SigpipeGuard(const SigpipeGuard&) = delete;
-  SigpipeGuard& operator=(const SigpipeGuard&) = delete;
-
- private:
-  sigset_t pipeSet_;
-  sigset_t oldMask_;
-  bool wasPending_ = false;
-  bool blocked_ = false;
-};
-
 using Clock = std::chrono::steady_clock;
 
 // Waits until the socket is ready for `events` or the deadline passes.
@@ -113,40 +70,72 @@ bool waitFor(int fd, short events, Clock::time_point deadline) {
 
 // Marks the connection failed, as hiredis does on an I/O error, so that no
 // later command reads what is left of an abandoned reply.
-void failConnection(redisContext* context, const char* why) {
+void failConnection(redisContext* context, const char* why, int type = REDIS_ERR_IO) {
   if (context->err == 0) {
-    context->err = REDIS_ERR_IO;
+    context->err = type;
     std::snprintf(context->errstr, sizeof(context->errstr), "%s", why);
   }
+}
+
+// Sends the whole request by the deadline. false (the connection failed)
+// when the agent is gone, the socket fails or the deadline passes.
+bool sendRequest(redisContext* context, const char* data, size_t size, Clock::time_point deadline) {
+  while (size > 0) {
+    const ssize_t n = ::send(context->fd, data, size, MSG_NOSIGNAL);
+    if (n > 0) {
+      data += n;
+      size -= static_cast<size_t>(n);
+      continue;
+    }
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      if (!waitFor(context->fd, POLLOUT, deadline)) {
+        failConnection(context, "Command time-out");
+        return false;
+      }
+      continue;
+    }
+    failConnection(context, std::strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+// The request in the protocol's form, as hiredis writes a command whose
+// format is words and "%s": one bulk text per argument, each up to its
+// first NUL (where "%s" stops reading).
+std::string formatRequest(std::initializer_list<const char*> args) {
+  std::string request;
+  request.reserve(64);
+  request.append("*").append(std::to_string(args.size())).append("\r\n");
+  for (const char* arg : args) {
+    const size_t length = std::strlen(arg);
+    request.append("$").append(std::to_string(length)).append("\r\n");
+    request.append(arg, length).append("\r\n");
+  }
+  return request;
 }
 
 // One request under the deadline `timeoutMs` from now; a null reply when not
 // connected, on a broken connection, when the deadline passes or when the
 // reply is over a cap.
-Reply sendCommand(redisContext* context, int32_t timeoutMs, const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
-
-Reply sendCommand(redisContext* context, int32_t timeoutMs, const char* format, ...) {
+Reply sendCommand(redisContext* context, int32_t timeoutMs,
+                  std::initializer_list<const char*> args) {
   if (context == nullptr || context->err != 0) {
     return Reply();
   }
   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-  SigpipeGuard guard;
-  va_list args;
-  va_start(args, format);
-  const int appended = redisvAppendCommand(context, format, args);
-  va_end(args);
-  if (appended != REDIS_OK) {
+  std::string request;
+  try {
+    request = formatRequest(args);
+  } catch (const std::bad_alloc&) {
+    failConnection(context, "Out of memory", REDIS_ERR_OOM);
     return Reply();
   }
-  for (int done = 0; done == 0;) {
-    if (!waitFor(context->fd, POLLOUT, deadline)) {
-      failConnection(context, "Command time-out");
-      return Reply();
-    }
-    if (redisBufferWrite(context, &done) != REDIS_OK) {
-      return Reply();
-    }
+  if (!sendRequest(context, request.data(), request.size(), deadline)) {
+    return Reply();
   }
   tarn::CappedReader reader(context->reader);
   for (;;) {
@@ -212,36 +201,40 @@ int32_t TarnClient::connect(uint32_t type) {
     getLogger()->log(kLogError, "[TARN] Connection type is not define");
     return kAgentFailure;
   }
-  redisContext* context =
-      connectTimeoutMs_ > 0
-          ? redisConnectUnixWithTimeout(socketPath_.c_str(), toTimeval(connectTimeoutMs_))
-          : redisConnectUnix(socketPath_.c_str());
+  // A non-blocking socket from the start: commands wait with poll()
+  // against their deadline, never in a read or a write. A Unix-domain
+  // connect does not wait either: the agent's backlog takes it or it fails
+  // at once (EAGAIN when the backlog is full), so the connection time-out
+  // has nothing to bound.
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+  int err = fd == -1 ? errno : 0;
+  if (fd != -1) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, socketPath_.c_str(), sizeof(address.sun_path) - 1);
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == -1) {
+      err = errno;
+      ::close(fd);
+    }
+  }
+  if (err != 0) {
+    getLogger()->log(kLogError, "[VEL] Connection error: %s", std::strerror(err));
+    return kAgentFailure;
+  }
+  redisContext* context = redisConnectFd(fd);
   if (context == nullptr) {
+    ::close(fd);
     getLogger()->log(kLogError, "[TARN] Connection error: can't allocate redis context");
     return kAgentFailure;
   }
-  if (context->err == 0) {
-    // Commands wait with poll() against their deadline, never in a read or
-    // a write; hiredis treats EAGAIN as "try again" once it knows.
-    const int flags = ::fcntl(context->fd, F_GETFL);
-    if (flags != -1 && ::fcntl(context->fd, F_SETFL, flags | O_NONBLOCK) != -1) {
-      context->flags &= ~REDIS_BLOCK;
-    } else {
-      redisSetTimeout(context, toTimeval(commandTimeoutMs_));  // a write then waits no longer
-    }
-  }
-  if (context->err != 0) {
-    getLogger()->log(kLogError, "[VEL] Connection error: %s", context->errstr);
-    redisFree(context);
-    return kAgentFailure;
-  }
+  context->flags &= ~REDIS_BLOCK;
   context_ = context;
   return 0;
 }
 
 std::string TarnClient::TarnCreateFileHandle(const std::string& name, const std::string& mode) {
-  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.create %s %s %s", service_.c_str(),
-                            name.c_str(), mode.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_,
+                            {"tarn.create", service_.c_str(), name.c_str(), mode.c_str()});
   const char* text = tarn::replyText(reply.get());
   if (text == nullptr) {
     // A reply without text cannot name a handle either.
@@ -255,8 +248,8 @@ int32_t TarnClient::TarnCloseFileHandle(const std::string& handle) {
   if (handle.empty()) {
     return kEmptyHandle;
   }
-  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.close %s %s", service_.c_str(),
-                            handle.c_str());
+  Reply reply =
+      sendCommand(context_, commandTimeoutMs_, {"tarn.close", service_.c_str(), handle.c_str()});
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnCloseFileHandle:Internal Error: null reply.");
@@ -275,8 +268,9 @@ int32_t TarnClient::TarnRead(const std::string& handle, int32_t offset, int32_t 
   if (handle.empty()) {
     return kEmptyHandle;
   }
-  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.read %s %d %d %s", handle.c_str(),
-                            offset, length, service_.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_,
+                            {"tarn.read", handle.c_str(), std::to_string(offset).c_str(),
+                             std::to_string(length).c_str(), service_.c_str()});
   if (!reply) {
     getLogger()->log(kLogError, "[VEL] TarnRead:Internal Error: null reply.");
     return kAgentFailure;
@@ -288,8 +282,8 @@ int32_t TarnClient::TarnWrite(const std::string& handle, const std::string& data
   if (handle.empty()) {
     return kEmptyHandle;
   }
-  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.write %s %s %s", handle.c_str(),
-                            data.c_str(), service_.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_,
+                            {"tarn.write", handle.c_str(), data.c_str(), service_.c_str()});
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnWrite:Internal Error: null reply.");
@@ -304,8 +298,8 @@ int32_t TarnClient::TarnWrite(const std::string& handle, const std::string& data
 }
 
 int32_t TarnClient::TarnRemoveFile(const std::string& path, const std::string& recursive) {
-  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.remove %s %s %s", service_.c_str(),
-                            path.c_str(), recursive.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_,
+                            {"tarn.remove", service_.c_str(), path.c_str(), recursive.c_str()});
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnRemoveFile:Internal Error: null reply.");
@@ -325,11 +319,12 @@ int32_t TarnClient::TarnRemoveFile(const std::string& path, const std::string& r
 int32_t TarnClient::TarnUploadLocal(const std::string& path, const std::string& extra) {
   getLogger()->log(kLogError, "[SHOWINFO] service is %s, path is %s", service_.c_str(),
                    path.c_str());
-  Reply reply = extra.empty()
-                    ? sendCommand(context_, commandTimeoutMs_, "tarn.uploadlocal %s %s",
-                                  service_.c_str(), path.c_str())
-                    : sendCommand(context_, commandTimeoutMs_, "tarn.uploadlocal %s %s %s",
-                                  service_.c_str(), path.c_str(), extra.c_str());
+  Reply reply =
+      extra.empty()
+          ? sendCommand(context_, commandTimeoutMs_,
+                        {"tarn.uploadlocal", service_.c_str(), path.c_str()})
+          : sendCommand(context_, commandTimeoutMs_,
+                        {"tarn.uploadlocal", service_.c_str(), path.c_str(), extra.c_str()});
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnUploadLocal:Internal Error: null reply.");
@@ -347,11 +342,12 @@ int32_t TarnClient::TarnUploadLocal(const std::string& path, const std::string& 
 }
 
 int32_t TarnClient::TarnDownloadLocal(const std::string& path, const std::string& extra) {
-  Reply reply = extra.empty()
-                    ? sendCommand(context_, commandTimeoutMs_, "tarn.downloadlocal %s %s",
-                                  service_.c_str(), path.c_str())
-                    : sendCommand(context_, commandTimeoutMs_, "tarn.downloadlocal %s %s %s",
-                                  service_.c_str(), path.c_str(), extra.c_str());
+  Reply reply =
+      extra.empty()
+          ? sendCommand(context_, commandTimeoutMs_,
+                        {"tarn.downloadlocal", service_.c_str(), path.c_str()})
+          : sendCommand(context_, commandTimeoutMs_,
+                        {"tarn.downloadlocal", service_.c_str(), path.c_str(), extra.c_str()});
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnDownloadLocal:Internal Error: null reply.");
@@ -369,8 +365,8 @@ int32_t TarnClient::TarnDownloadLocal(const std::string& path, const std::string
 }
 
 int32_t TarnClient::TarnCreateInfo(const std::string& path, const std::string& kind) {
-  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.createinfo %s %s %s",
-                            service_.c_str(), path.c_str(), kind.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_,
+                            {"tarn.createinfo", service_.c_str(), path.c_str(), kind.c_str()});
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnCreateInfo:Internal Error: null reply.");
@@ -389,14 +385,14 @@ int32_t TarnClient::TarnCreateInfo(const std::string& path, const std::string& k
 
 int32_t TarnClient::TarnListFile(const std::string& path, const std::string& arg,
                                  std::list<std::string>& entries) {
-  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.dir %s %s %s", service_.c_str(),
-                            path.c_str(), arg.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_,
+                            {"tarn.dir", service_.c_str(), path.c_str(), arg.c_str()});
   return tarn::collectListReply(reply.get(), path, entries);
 }
 
 int32_t TarnClient::TarnMove(const std::string& src, const std::string& dst) {
-  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.move %s %s %s", service_.c_str(),
-                            src.c_str(), dst.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_,
+                            {"tarn.move", service_.c_str(), src.c_str(), dst.c_str()});
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnMove:Internal Error: null reply.");
@@ -414,15 +410,15 @@ int32_t TarnClient::TarnMove(const std::string& src, const std::string& dst) {
 }
 
 int32_t TarnClient::TarnGetMetaData(const std::string& path, TarnMetaData& out, int32_t* mode) {
-  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.metadata %s %s", service_.c_str(),
-                            path.c_str());
+  Reply reply =
+      sendCommand(context_, commandTimeoutMs_, {"tarn.metadata", service_.c_str(), path.c_str()});
   return tarn::decodeMetaDataReply(reply.get(), path, out, mode);
 }
 
 int32_t TarnClient::TarnChmod(const std::string& path, const std::string& mode) {
   // The mode goes before the path on the wire.
-  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.chmod %s %s %s", service_.c_str(),
-                            mode.c_str(), path.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_,
+                            {"tarn.chmod", service_.c_str(), mode.c_str(), path.c_str()});
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnChmod:Internal Error: null reply.");
@@ -440,8 +436,8 @@ int32_t TarnClient::TarnChmod(const std::string& path, const std::string& mode) 
 }
 
 int32_t TarnClient::TarnFSRename(const std::string& src, const std::string& dst) {
-  Reply reply = sendCommand(context_, commandTimeoutMs_, "tarn.move_cache %s %s %s",
-                            service_.c_str(), src.c_str(), dst.c_str());
+  Reply reply = sendCommand(context_, commandTimeoutMs_,
+                            {"tarn.move_cache", service_.c_str(), src.c_str(), dst.c_str()});
   switch (tarn::classifyOk(reply.get())) {
     case tarn::OkOutcome::kNullReply:
       getLogger()->log(kLogError, "[VEL] TarnFSRename:Internal Error: null reply.");

@@ -2,6 +2,7 @@
 
 #include <json/json.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -98,27 +99,182 @@ int32_t collectListReply(const redisReply* reply, const std::string& path,
   return 0;
 }
 
-int32_t decodeMetaDataReply(const redisReply* reply, const std::string& path, TarnMetaData& out,
-                            int32_t* mode) {
-  if (mode != nullptr) {
-    *mode = -1;
-  }
-  const char* text = replyText(reply);
-  if (text == nullptr) {
-    getLogger()->log(kLogError, "[VEL] TarnGetMetaData:Internal Error: null reply.");
-    return kAgentFailure;
-  }
-  if (textIs(reply, kReplyNotFound)) {
-    getLogger()->log(kLogError, "[VEL] metadata not found. %s, %s", text, path.c_str());
-    return kNotFound;
-  }
+namespace {
 
+// One scalar member value of a flat object, as the JSON reader would type
+// it: an integer that fits 32 signed bits, or any negative one, is an
+// "int"; a larger positive one a "uint".
+struct Scalar {
+  enum Kind { kAbsent, kString, kInt, kUInt, kOther } kind = kAbsent;
+  const char* text = nullptr;  // kString
+  size_t length = 0;
+  int64_t number = 0;  // kInt, kUInt
+};
+
+// A string without escapes or control characters: [begin, end) of its
+// text; false when it is not one (or not only one).
+bool scanString(const char*& p, const char* end, const char*& begin, size_t& length) {
+  if (p == end || *p != '"') {
+    return false;
+  }
+  begin = ++p;
+  while (p != end && *p != '"') {
+    if (*p == '\\' || static_cast<unsigned char>(*p) < 0x20) {
+      return false;
+    }
+    ++p;
+  }
+  if (p == end) {
+    return false;
+  }
+  length = static_cast<size_t>(p - begin);
+  ++p;
+  return true;
+}
+
+bool scanLiteral(const char*& p, const char* end, const char* word, size_t length) {
+  if (static_cast<size_t>(end - p) < length || std::memcmp(p, word, length) != 0) {
+    return false;
+  }
+  p += length;
+  return true;
+}
+
+// A string, an integer of at most 18 digits without leading zeros, true,
+// false or null.
+bool scanScalar(const char*& p, const char* end, Scalar& value) {
+  if (p == end) {
+    return false;
+  }
+  if (*p == '"') {
+    value.kind = Scalar::kString;
+    return scanString(p, end, value.text, value.length);
+  }
+  if (*p == 't' || *p == 'f' || *p == 'n') {
+    value.kind = Scalar::kOther;
+    return scanLiteral(p, end, "true", 4) || scanLiteral(p, end, "false", 5) ||
+           scanLiteral(p, end, "null", 4);
+  }
+  const bool negative = *p == '-';
+  if (negative) {
+    ++p;
+  }
+  const char* digits = p;
+  int64_t magnitude = 0;
+  while (p != end && *p >= '0' && *p <= '9' && p - digits < 18) {
+    magnitude = magnitude * 10 + (*p - '0');
+    ++p;
+  }
+  const size_t count = static_cast<size_t>(p - digits);
+  if (count == 0 || (digits[0] == '0' && (count > 1 || negative)) ||
+      (p != end && *p != ',' && *p != '}')) {
+    return false;  // "-0", leading zeros, fractions, exponents, 19 digits and more
+  }
+  value.number = negative ? -magnitude : magnitude;
+  value.kind = negative || magnitude <= INT32_MAX ? Scalar::kInt : Scalar::kUInt;
+  return true;
+}
+
+bool keyIs(const char* key, size_t length, const char* name) {
+  return std::strlen(name) == length && std::memcmp(key, name, length) == 0;
+}
+
+// A record text field as fromJson reads it: a string, or "" when absent;
+// false (another type: fromJson refuses it) otherwise.
+bool textField(const Scalar& value, std::string& out) {
+  if (value.kind == Scalar::kAbsent) {
+    out.clear();
+    return true;
+  }
+  if (value.kind != Scalar::kString) {
+    return false;  // null included: left to the full path, which reads it as ""
+  }
+  out.assign(value.text, value.length);
+  return true;
+}
+
+}  // namespace
+
+bool readFlatMetaData(const char* text, size_t length, TarnMetaData& out, int32_t& mode) {
+  const char* p = text;
+  const char* const end = text + length;
+  if (p == end || *p++ != '{') {
+    return false;
+  }
+  // The last of duplicate members wins, as in the JSON reader.
+  Scalar roles, kind, modified, name, size, modeMember;
+  if (p != end && *p == '}') {
+    ++p;
+  } else {
+    for (;;) {
+      const char* key = nullptr;
+      size_t keyLength = 0;
+      Scalar value;
+      if (!scanString(p, end, key, keyLength) || p == end || *p++ != ':' ||
+          !scanScalar(p, end, value)) {
+        return false;
+      }
+      if (keyIs(key, keyLength, "AccessAllowRoles")) {
+        roles = value;
+      } else if (keyIs(key, keyLength, "Kind")) {
+        kind = value;
+      } else if (keyIs(key, keyLength, "LastModifiedTime")) {
+        modified = value;
+      } else if (keyIs(key, keyLength, "Name")) {
+        name = value;
+      } else if (keyIs(key, keyLength, "Size")) {
+        size = value;
+      } else if (keyIs(key, keyLength, "mode")) {
+        modeMember = value;
+      }
+      if (p == end) {
+        return false;
+      }
+      if (*p++ == '}') {
+        break;
+      }
+      if (p[-1] != ',') {
+        return false;
+      }
+    }
+  }
+  if (p != end) {
+    return false;  // the JSON reader would ignore what follows; left to it
+  }
+  const bool isFile = kind.kind == Scalar::kString && keyIs(kind.text, kind.length, "file");
+  const bool sizeIsInteger = size.kind == Scalar::kInt || size.kind == Scalar::kUInt;
+  for (const Scalar* field : {&roles, &kind, &modified, &name}) {
+    if (field->kind != Scalar::kAbsent && field->kind != Scalar::kString) {
+      return false;
+    }
+  }
+  if (isFile && !sizeIsInteger) {
+    return false;
+  }
+  textField(roles, out.AccessAllowRoles);
+  textField(kind, out.Kind);
+  textField(modified, out.LastModifiedTime);
+  textField(name, out.Name);
+  out.Size = isFile ? size.number : 0;
+  // The "mode" member as a 32-bit integer, signed or unsigned; -1 otherwise.
+  mode = -1;
+  if (modeMember.kind == Scalar::kInt && modeMember.number >= INT32_MIN &&
+      modeMember.number <= INT32_MAX) {
+    mode = static_cast<int32_t>(modeMember.number);
+  } else if (modeMember.kind == Scalar::kUInt && modeMember.number <= UINT32_MAX) {
+    mode = static_cast<int32_t>(static_cast<uint32_t>(modeMember.number));
+  }
+  return true;
+}
+
+int32_t readMetaDataJson(const char* text, size_t length, TarnMetaData& out, int32_t& mode) {
+  mode = -1;
   Json::Value root;
   std::string parseErrors;
   bool parsed = false;
   try {
     Json::Reader reader;
-    parsed = reader.parse(std::string(text, reply->len), root, true);
+    parsed = reader.parse(std::string(text, length), root, true);
     if (!parsed) {
       parseErrors = reader.getFormattedErrorMessages();
     }
@@ -143,8 +299,33 @@ int32_t decodeMetaDataReply(const redisReply* reply, const std::string& path, Ta
     std::printf("metadata to json error\n");
     return status;
   }
+  mode = modeOf(root);
+  return 0;
+}
+
+int32_t decodeMetaDataReply(const redisReply* reply, const std::string& path, TarnMetaData& out,
+                            int32_t* mode) {
   if (mode != nullptr) {
-    *mode = modeOf(root);
+    *mode = -1;
+  }
+  const char* text = replyText(reply);
+  if (text == nullptr) {
+    getLogger()->log(kLogError, "[VEL] TarnGetMetaData:Internal Error: null reply.");
+    return kAgentFailure;
+  }
+  if (textIs(reply, kReplyNotFound)) {
+    getLogger()->log(kLogError, "[VEL] metadata not found. %s, %s", text, path.c_str());
+    return kNotFound;
+  }
+  int32_t modeMember = -1;
+  if (!readFlatMetaData(text, reply->len, out, modeMember)) {
+    const int32_t status = readMetaDataJson(text, reply->len, out, modeMember);
+    if (status != 0) {
+      return status;
+    }
+  }
+  if (mode != nullptr) {
+    *mode = modeMember;
   }
   getLogger()->log(kLogError, "[TARN] TarnGetMetaData() %s %s %d %s %s %s", text, out.Name.c_str(),
                    static_cast<int32_t>(out.Size), out.Kind.c_str(), out.LastModifiedTime.c_str(),

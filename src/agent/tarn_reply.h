@@ -96,6 +96,17 @@ int32_t collectListReply(const redisReply* reply, const std::string& path,
 int32_t decodeMetaDataReply(const redisReply* reply, const std::string& path, TarnMetaData& out,
                             int32_t* mode);
 
+// The two readers decodeMetaDataReply uses for a reply text of `length`
+// bytes. readFlatMetaData takes the agent's usual answer, one flat object of
+// strings, integers, booleans and nulls written without blanks or escapes,
+// whose record fields have their expected types: then it fills `out` and
+// `mode` exactly as the JSON reader and fromJson would, and returns true.
+// For anything else it returns false and touches nothing. readMetaDataJson
+// parses with jsoncpp and fills `out` with fromJson; it logs and prints the
+// failures and returns 0, -1 (not JSON) or the fromJson status.
+bool readFlatMetaData(const char* text, size_t length, TarnMetaData& out, int32_t& mode);
+int32_t readMetaDataJson(const char* text, size_t length, TarnMetaData& out, int32_t& mode);
+
 }  // namespace tarn
 }  // namespace VEL
 

@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "api/back_end.h"
+#include "api/clean_path.h"
 #include "api/push_tree.h"
 #include "base/tree_depth.h"
 #include "vel/codeset.h"
@@ -223,7 +224,7 @@ FILE* fopen(const char* path, const char* mode, const char* coding) {
     VEL_HOOK_LOG(kLogError, "[VEL] fopen(), failed to call beforeOpenStream: %s(%s), errCode:%d",
                  cleaned.c_str(), mode, rtn);
   }
-  FILE* stream = handleFopen(getMirrorPath(cleaned).c_str(), mode, coding);
+  FILE* stream = handleFopen(MirrorPath(cleaned.c_str()).c_str(), mode, coding);
   if (stream != nullptr) {
     VELClient* client = getInstance();
     if (client != nullptr && client->isLocalOnly() == 0) {

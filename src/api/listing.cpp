@@ -14,6 +14,7 @@
 #include <ace/OS_Memory.h>
 
 #include "api/back_end.h"
+#include "api/clean_path.h"
 #include "base/safe_str.h"
 #include "vel/client.h"
 #include "vel/codeset.h"
@@ -63,7 +64,7 @@ VEL_DIR* opendir(const char* path, const char* coding) {
     return nullptr;
   }
   if (client->isLocalOnly() != 0) {
-    handle->dir = handleOpendir(getMirrorPath(path).c_str(), coding);
+    handle->dir = handleOpendir(MirrorPath(path).c_str(), coding);
     if (handle->dir == nullptr) {
       delete handle;
       return nullptr;

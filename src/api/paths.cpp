@@ -3,8 +3,10 @@
 #include "vel/paths.h"
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 
+#include "api/clean_path.h"
 #include "vel/client.h"
 #include "vel/client_config.h"
 #include "vel/instance.h"
@@ -13,7 +15,9 @@ namespace VEL {
 
 const std::string kVelRootPlaceholder = "${VEL_ROOT}";
 
-std::string getRootPath() {
+// The configuration lives as long as the process (retired back-ends and
+// their configurations are never freed), so a reference to it stays valid.
+const std::string& rootPathRef() {
   VELClient* client = getInstance();
   if (client != nullptr && client->config() != nullptr) {
     return client->config()->velRoot;
@@ -23,13 +27,40 @@ std::string getRootPath() {
   return kDefaultVelRoot;
 }
 
+std::string getRootPath() { return rootPathRef(); }
+
 std::string getMirrorPath(const std::string& path) {
-  std::string cleaned = normalizePath(path);
-  std::string root = getRootPath();
-  if (cleaned.empty()) {
+  const std::string& root = rootPathRef();
+  size_t length = 0;
+  const char* clean = cleanPathAsIs(path.c_str(), true, length);
+  std::string cleaned;
+  if (clean == nullptr) {
+    cleaned = normalizePath(path);
+    clean = cleaned.c_str();
+    length = cleaned.size();
+  }
+  if (length == 0) {
     return root;
   }
-  return root + "/" + cleaned;
+  std::string mirror;
+  mirror.reserve(root.size() + 1 + length);
+  mirror.append(root).append(1, '/').append(clean, length);
+  return mirror;
+}
+
+MirrorPath::MirrorPath(const char* path) : text_(buffer_) {
+  const std::string& root = rootPathRef();
+  size_t length = 0;
+  const char* clean = cleanPathAsIs(path != nullptr ? path : "", true, length);
+  if (clean != nullptr && root.size() + 1 + length < sizeof(buffer_)) {
+    std::memcpy(buffer_, root.data(), root.size());
+    buffer_[root.size()] = '/';
+    std::memcpy(buffer_ + root.size() + 1, clean, length);
+    buffer_[root.size() + 1 + length] = '\0';
+    return;
+  }
+  built_ = getMirrorPath(path != nullptr ? path : "");
+  text_ = built_.c_str();
 }
 
 std::string getMirrorParentPath(const std::string& path) {

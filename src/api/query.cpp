@@ -11,6 +11,7 @@
 #include <string>
 
 #include "api/back_end.h"
+#include "api/clean_path.h"
 #include "vel/client.h"
 #include "vel/codeset.h"
 #include "vel/instance.h"
@@ -30,8 +31,6 @@ constexpr uint32_t kExecMask = 100;
 enum class Verdict { kFound, kNotFound, kFailed };
 
 int asInt(const void* pointer) { return static_cast<int>(reinterpret_cast<intptr_t>(pointer)); }
-
-std::string mirrorOf(const char* path) { return getMirrorPath(path != nullptr ? path : ""); }
 
 // Asks the back-end for the node and judges the answer. On kFound `info`
 // holds the record; every wrapper handed out is released here.
@@ -78,7 +77,7 @@ int32_t stat(const char* path, struct stat* buf, const char* coding) {
     return -1;
   }
   if (client->isLocalOnly() != 0) {
-    return handleStat(mirrorOf(path).c_str(), buf, coding);
+    return handleStat(MirrorPath(path).c_str(), buf, coding);
   }
   if (path == nullptr || buf == nullptr) {
     return -4;
@@ -103,7 +102,7 @@ int32_t access(const char* path, int mode, const char* coding) {
     return -1;
   }
   if (client->isLocalOnly() != 0) {
-    return handleAccess(mirrorOf(path).c_str(), mode, coding);
+    return handleAccess(MirrorPath(path).c_str(), mode, coding);
   }
   std::string cleaned = normalizePath(path, true, '/');
   if (cleaned.empty()) {
@@ -134,7 +133,7 @@ int32_t exists(const char* path, const char* coding) {
     return 0;
   }
   if (client->isLocalOnly() != 0) {
-    return handleAccess(mirrorOf(path).c_str(), F_OK, coding) == 0 ? 1 : 0;
+    return handleAccess(MirrorPath(path).c_str(), F_OK, coding) == 0 ? 1 : 0;
   }
   if (path == nullptr) {
     return 0;
@@ -189,7 +188,7 @@ int32_t typeQuery(const char* name, const char* path, const char* coding, bool w
     return 0;
   }
   if (client->isLocalOnly() != 0) {
-    std::string mirror = mirrorOf(path);
+    const MirrorPath mirror(path);
     struct stat st;
     if (handleStat(mirror.c_str(), &st, coding) != 0) {
       getLogger()->log(kLogDebug, "[VEL] getLocalFileOrDirInfo() handleStat(%s), errno:%d",
@@ -224,7 +223,7 @@ int32_t getmod(const char* path, const char* coding) {
     return -1;
   }
   if (client->isLocalOnly() != 0) {
-    std::string mirror = mirrorOf(path);
+    const MirrorPath mirror(path);
     struct stat st;
     int ret = handleStat(mirror.c_str(), &st, coding);
     if (ret != 0) {

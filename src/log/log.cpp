@@ -25,17 +25,24 @@ namespace VEL {
 // Several processes may log to one file, and any of them may rotate it. So
 // that no line is lost or torn:
 //  - each line is one write() on an O_APPEND descriptor;
-//  - a writer holds a shared flock() on its file from the check of the path
-//    to the end of its write, and the rotating writer an exclusive one, so
-//    nobody writes into a file while it is being removed;
-//  - a writer whose file is no longer the one the path names (another
-//    process rotated it) reopens the path before writing.
+//  - rotation empties the file in place (ftruncate), so every process keeps
+//    appending to the one file the path names: no line can go into a file
+//    that is being thrown away, and writers need no lock;
+//  - the rotating writer holds an exclusive flock() and empties the file
+//    only while it is still over the limit, so a file that crossed the limit
+//    is emptied once, however many writers saw it full;
+//  - a writer whose file is no longer the one the path names (replaced from
+//    outside) reopens the path before writing.
 struct LogFileState {
   int fd = -1;
   dev_t dev = 0;  // identity of the open file
   ino_t ino = 0;
   ACE_Thread_Mutex lock;
   std::string path;
+  // The time stamp of the last line, kept for the lines of the same second.
+  time_t stampTime = -1;
+  char stamp[100] = {};
+  size_t stampLength = 0;
 };
 
 namespace {
@@ -43,8 +50,8 @@ namespace {
 std::atomic<LogInterface*> g_logger{nullptr};
 
 constexpr const char* kLevelNames[] = {"ASSERT", "ERROR", "CALL", "DEBUG", "INFO"};
-// A writer that keeps finding a new file (rotations by others in between)
-// gives up following after this many rounds and writes where it is.
+// A writer that keeps finding another file at the path (replaced again and
+// again from outside) gives up following after this many rounds.
 constexpr int kMaxReopens = 8;
 
 void lockFile(int fd, int operation) {
@@ -76,29 +83,36 @@ bool openPath(LogFileState& state, bool create) {
 
 void closeFile(LogFileState& state) {
   if (state.fd != -1) {
-    ::close(state.fd);  // drops the flock too
+    ::close(state.fd);
     state.fd = -1;
   }
 }
 
-// Called with the mutex held. Leaves state.fd (when open) on the file the
-// path names, rotated when it was over the limit, with a shared flock that
-// the caller releases after its write. While the path does not exist the
-// open file is kept.
+// Rotation keeps no backup: the old lines are dropped on purpose.
+void rotate(LogFileState& state) {
+  lockFile(state.fd, LOCK_EX);
+  struct stat st;
+  if (::fstat(state.fd, &st) == 0 && st.st_size > kLogMaxFileSize) {
+    while (::ftruncate(state.fd, 0) == -1 && errno == EINTR) {
+    }
+  }
+  lockFile(state.fd, LOCK_UN);
+}
+
+// Called with the mutex held: one stat of the path per line. Leaves
+// state.fd (when open) on the file the path names, emptied when it was over
+// the limit. While the path does not exist the open file is kept.
 void followPath(LogFileState& state) {
   struct stat onPath;
   if (state.fd == -1) {
     // Nothing open (the location was unwritable): only a rotation reopens.
     if (::stat(state.path.c_str(), &onPath) == 0 && onPath.st_size > kLogMaxFileSize) {
       std::remove(state.path.c_str());
-      if (openPath(state, true)) {
-        lockFile(state.fd, LOCK_SH);
-      }
+      openPath(state, true);
     }
     return;
   }
   for (int round = 0; round < kMaxReopens; ++round) {
-    lockFile(state.fd, LOCK_SH);
     if (::stat(state.path.c_str(), &onPath) != 0) {
       return;
     }
@@ -110,30 +124,33 @@ void followPath(LogFileState& state) {
       ::close(old);
       continue;
     }
-    if (onPath.st_size <= kLogMaxFileSize) {
-      return;
+    if (onPath.st_size > kLogMaxFileSize) {
+      rotate(state);
     }
-    // Rotation keeps no backup: the old lines are dropped on purpose. Only
-    // the writer that still finds the path on its full file under the
-    // exclusive lock removes it; the others then follow to the new file.
-    lockFile(state.fd, LOCK_EX);
-    if (::stat(state.path.c_str(), &onPath) == 0 && sameFile(onPath, state.dev, state.ino) &&
-        onPath.st_size > kLogMaxFileSize) {
-      std::remove(state.path.c_str());
-      // The new file exists before the old one is let go, so that a writer
-      // waiting on the old one finds it.
-      const int old = state.fd;
-      state.fd = -1;
-      const bool reopened = openPath(state, true);
-      ::close(old);
-      if (!reopened) {
-        return;  // logging stops, as with an unwritable location
-      }
-      continue;
-    }
-    lockFile(state.fd, LOCK_UN);
+    return;
   }
-  lockFile(state.fd, LOCK_SH);
+}
+
+// "YYYY-MM-DD HH:MM:SS" of `now`, formatted once per second.
+void stampOf(LogFileState& state, time_t now) {
+  if (now == state.stampTime) {
+    return;
+  }
+  struct tm local;
+  localtime_r(&now, &local);
+// glibc's padding flags give the year four digits and month and day two.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"
+  state.stampLength =
+      std::strftime(state.stamp, sizeof(state.stamp), "%04Y-%02m-%02d %H:%M:%S", &local);
+#pragma GCC diagnostic pop
+  state.stampTime = now;
+}
+
+// Appends `size` bytes of `text` at `out`, returns the end.
+char* append(char* out, const char* text, size_t size) {
+  std::memcpy(out, text, size);
+  return out + size;
 }
 
 }  // namespace
@@ -154,37 +171,36 @@ LogInterface::~LogInterface() {
 }
 
 void LogInterface::writeLine(uint32_t level, const char* text) {
-  char stamp[100];
-  time_t now = std::time(nullptr);
-  struct tm local;
-  localtime_r(&now, &local);
-// glibc's padding flags give the year four digits and month and day two.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat"
-  std::strftime(stamp, sizeof(stamp), "%04Y-%02m-%02d %H:%M:%S", &local);
-#pragma GCC diagnostic pop
-
+  const time_t now = std::time(nullptr);
   bool locked = state_->lock.acquire() != -1;
   followPath(*state_);
-  if (state_->fd != -1) {
-    if (text != nullptr) {
-      // "%s %s %s\n" in one call, so that the line lands whole even when
-      // another process appends at the same time.
-      char head[sizeof(stamp) + 16];
-      int headLen = std::snprintf(head, sizeof(head), "%s %s ", stamp, levelName(level));
-      if (headLen < 0) {
-        headLen = 0;
-      } else if (static_cast<size_t>(headLen) >= sizeof(head)) {
-        headLen = static_cast<int>(sizeof(head) - 1);
+  if (state_->fd != -1 && text != nullptr) {
+    stampOf(*state_, now);
+    // "%s %s %s\n" in one write, so that the line lands whole even when
+    // another process appends at the same time.
+    const char* name = levelName(level);
+    const size_t nameLength = std::strlen(name);
+    const size_t textLength = std::strlen(text);
+    char line[sizeof(state_->stamp) + 16 + kLogMaxMessage + 2];
+    if (state_->stampLength + nameLength + textLength + 3 <= sizeof(line)) {
+      char* end = append(line, state_->stamp, state_->stampLength);
+      *end++ = ' ';
+      end = append(end, name, nameLength);
+      *end++ = ' ';
+      end = append(end, text, textLength);
+      *end++ = '\n';
+      while (::write(state_->fd, line, static_cast<size_t>(end - line)) == -1 && errno == EINTR) {
       }
+    } else {
+      // Longer than any formatted message: written from where it is.
+      char space = ' ';
       char newline = '\n';
-      iovec parts[3] = {{head, static_cast<size_t>(headLen)},
-                        {const_cast<char*>(text), std::strlen(text)},
-                        {&newline, 1}};
-      while (::writev(state_->fd, parts, 3) == -1 && errno == EINTR) {
+      iovec parts[6] = {{state_->stamp, state_->stampLength},  {&space, 1},
+                        {const_cast<char*>(name), nameLength}, {&space, 1},
+                        {const_cast<char*>(text), textLength}, {&newline, 1}};
+      while (::writev(state_->fd, parts, 6) == -1 && errno == EINTR) {
       }
     }
-    lockFile(state_->fd, LOCK_UN);
   }
   if (locked) {
     state_->lock.release();

@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <random>
 
@@ -19,12 +21,22 @@ constexpr size_t kRandomSize = 6;
 constexpr size_t kMaxNameInTemp = 200;
 const char kAlphabet[] = "abcdefghijklmnopqrstuvwxyz0123456789";
 
+// A counter shared by all threads, mixed with a seed drawn once per
+// process: no two calls alike, nothing to guess from outside. Every
+// connection has a thread of its own, so a generator seeded per thread cost
+// a random_device on every copy.
 std::string randomSuffix() {
-  thread_local std::mt19937_64 engine(std::random_device{}());
-  std::uniform_int_distribution<size_t> pick(0, sizeof kAlphabet - 2);
-  std::string out;
-  for (size_t i = 0; i < kRandomSize; ++i) {
-    out += kAlphabet[pick(engine)];
+  static const uint64_t seed =
+      (static_cast<uint64_t>(std::random_device{}()) << 32) ^ std::random_device{}();
+  static std::atomic<uint64_t> counter{0};
+  uint64_t x = seed + counter.fetch_add(1, std::memory_order_relaxed) * 0x9e3779b97f4a7c15ULL;
+  x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ULL;
+  x = (x ^ (x >> 27)) * 0x94d049bb133111ebULL;
+  x ^= x >> 31;
+  std::string out(kRandomSize, 'a');
+  for (char& c : out) {
+    c = kAlphabet[x % (sizeof kAlphabet - 1)];
+    x /= sizeof kAlphabet - 1;
   }
   return out;
 }
