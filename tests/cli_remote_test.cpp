@@ -9,7 +9,7 @@
 
 #include "remote_fixture.h"
 #include "support/agent_fixture.h"
-#include "support/run_process.h"
+#include "support/process.h"
 #include "support/temp_dir.h"
 
 namespace {

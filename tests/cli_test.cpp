@@ -3,7 +3,7 @@
 #include <string>
 
 #include "cli/cli.h"
-#include "support/run_process.h"
+#include "support/process.h"
 #include "support/temp_dir.h"
 
 namespace {

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "support/agent_fixture.h"
-#include "support/run_process.h"
+#include "support/process.h"
 #include "support/temp_dir.h"
 
 namespace {

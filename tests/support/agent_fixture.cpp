@@ -6,11 +6,9 @@
 #include <json/json.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -19,7 +17,8 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
-#include <thread>
+
+#include "support/process.h"
 
 namespace veltest {
 
@@ -100,94 +99,45 @@ bool AgentFixture::start() {
     args.insert(args.end(), {"--store", store()});
   }
   args.insert(args.end(), options_.args.begin(), options_.args.end());
-  std::vector<char*> argv;
-  for (std::string& arg : args) {
-    argv.push_back(&arg[0]);
+  SpawnOptions spawning;
+  spawning.out = fds[1];
+  spawning.endWithParent = true;  // an agent must not outlive a test process that aborts
+  if (options_.captureLog) {
+    spawning.err = ::open(agentLogPath().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   }
-  argv.push_back(nullptr);
-  pid_ = ::fork();
-  if (pid_ < 0) {
-    ::close(fds[0]);
-    ::close(fds[1]);
-    return false;
-  }
-  if (pid_ == 0) {
-    // An agent must not outlive a test process that aborts.
-    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-    ::dup2(fds[1], STDOUT_FILENO);
-    if (options_.captureLog) {
-      int log = ::open(agentLogPath().c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-      ::dup2(log, STDERR_FILENO);
-    }
-    if (options_.fileSizeLimit >= 0) {
+  const long long limit = options_.fileSizeLimit;
+  if (limit >= 0) {
+    spawning.setUp = [limit] {
       // A write past the limit then fails with EFBIG instead of killing it.
       ::signal(SIGXFSZ, SIG_IGN);
-      struct rlimit limit = {static_cast<rlim_t>(options_.fileSizeLimit),
-                             static_cast<rlim_t>(options_.fileSizeLimit)};
-      ::setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ::execv(argv[0], argv.data());
-    _exit(127);
+      struct rlimit bound = {static_cast<rlim_t>(limit), static_cast<rlim_t>(limit)};
+      ::setrlimit(RLIMIT_FSIZE, &bound);
+    };
   }
+  pid_ = spawn(args, spawning);
   ::close(fds[1]);
-  outFd_ = fds[0];
-  std::string seen;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kStartSeconds);
-  while (seen.find("ready\n") == std::string::npos) {
-    long long left = millisLeft(deadline);
-    if (left <= 0) {
-      return false;
-    }
-    struct pollfd pfd = {outFd_, POLLIN, 0};
-    int n = ::poll(&pfd, 1, static_cast<int>(left));
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n <= 0) {
-      return false;
-    }
-    char buffer[256];
-    ssize_t got = ::read(outFd_, buffer, sizeof buffer);
-    if (got <= 0) {
-      return false;  // the agent ended before it was ready
-    }
-    seen.append(buffer, static_cast<size_t>(got));
+  if (spawning.err >= 0) {
+    ::close(spawning.err);
   }
-  return true;
+  outFd_ = fds[0];
+  return pid_ > 0 && waitForText(outFd_, "ready\n", kStartSeconds);
 }
 
 void AgentFixture::stop() {
-  if (pid_ > 0) {
-    ::kill(pid_, SIGTERM);
-    int status = 0;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kStopSeconds);
-    pid_t done = 0;
-    while ((done = ::waitpid(pid_, &status, WNOHANG)) == 0 && millisLeft(deadline) > 0) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (done == pid_) {
-      exitStatus_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    } else {
-      ADD_FAILURE() << "the file agent did not stop on SIGTERM";
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, &status, 0);
-      exitStatus_ = -1;
-    }
-    pid_ = -1;
+  if (pid_ > 0 && !stopProcess(pid_, kStopSeconds, &exitStatus_)) {
+    ADD_FAILURE() << "the file agent did not stop on SIGTERM";
   }
-  if (outFd_ >= 0) {
-    ::close(outFd_);
-    outFd_ = -1;
-  }
+  pid_ = -1;
+  kill();  // closes its output
 }
 
 void AgentFixture::kill() {
   if (pid_ > 0) {
     ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
+    waitExit(pid_);
     exitStatus_ = -1;
   }
+  pid_ = -1;
   if (outFd_ >= 0) {
     ::close(outFd_);
     outFd_ = -1;

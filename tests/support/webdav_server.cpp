@@ -8,7 +8,6 @@
 #include <netinet/in.h>
 #include <pwd.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -22,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/process.h"
 #include "webdav_protocol.h"
 
 namespace veltest {
@@ -38,27 +38,11 @@ using Clock = std::chrono::steady_clock;
 
 // Runs a program quietly; true when it exits with 0.
 bool runQuiet(const std::vector<std::string>& argv) {
-  pid_t pid = ::fork();
-  if (pid < 0) {
-    return false;
-  }
-  if (pid == 0) {
-    int null = ::open("/dev/null", O_RDWR);
-    ::dup2(null, STDIN_FILENO);
-    ::dup2(null, STDOUT_FILENO);
-    ::dup2(null, STDERR_FILENO);
-    std::vector<char*> args;
-    for (const std::string& arg : argv) {
-      args.push_back(const_cast<char*>(arg.c_str()));
-    }
-    args.push_back(nullptr);
-    ::execvp(args[0], args.data());
-    ::_exit(127);
-  }
-  int status = 0;
-  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  SpawnOptions quiet;
+  quiet.nullInput = true;
+  quiet.out = quiet.err = kToNull;
+  quiet.searchPath = true;
+  return waitExit(spawn(argv, quiet)) == 0;
 }
 
 int freePort() {
@@ -254,19 +238,14 @@ std::string WebDavServer::writeConfig() const {
 bool WebDavServer::launch() {
   std::string config = writeConfig();
   ::unlink((work_ + "/error.log").c_str());
-  pid_t pid = ::fork();
+  SpawnOptions options;
+  options.nullInput = true;
+  options.out = kToNull;
+  options.endWithParent = true;  // the server must not outlive a test process that aborts
+  const pid_t pid = spawn({kApache, "-f", config, "-DFOREGROUND"}, options);
   if (pid < 0) {
     error_ = std::string("fork: ") + std::strerror(errno);
     return false;
-  }
-  if (pid == 0) {
-    // The server must not outlive a test process that aborts.
-    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-    int null = ::open("/dev/null", O_RDWR);
-    ::dup2(null, STDIN_FILENO);
-    ::dup2(null, STDOUT_FILENO);
-    ::execl(kApache, kApache, "-f", config.c_str(), "-DFOREGROUND", static_cast<char*>(nullptr));
-    ::_exit(127);
   }
   auto deadline = Clock::now() + std::chrono::seconds(kStartSeconds);
   while (Clock::now() < deadline) {
@@ -291,21 +270,10 @@ bool WebDavServer::launch() {
 bool WebDavServer::start() { return pid_ > 0 || launch(); }
 
 void WebDavServer::stop() {
-  if (pid_ <= 0) {
-    return;
+  if (pid_ > 0) {
+    stopProcess(pid_, kStopSeconds);
+    pid_ = -1;
   }
-  ::kill(pid_, SIGTERM);
-  auto deadline = Clock::now() + std::chrono::seconds(kStopSeconds);
-  int status = 0;
-  pid_t done = 0;
-  while ((done = ::waitpid(pid_, &status, WNOHANG)) == 0 && Clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  if (done != pid_) {
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-  }
-  pid_ = -1;
 }
 
 void WebDavServer::adopt() const {
