@@ -27,18 +27,14 @@
 #include <fcntl.h>
 #include <hiredis/hiredis.h>
 #include <json/json.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <functional>
@@ -48,17 +44,24 @@
 #include <utility>
 #include <vector>
 
+#include "bench_support.h"
 #include "support/webdav_server.h"
 #include "vel/hooks.h"
 #include "vel/instance.h"
 #include "vel/listing.h"
 #include "vel/log.h"
 #include "vel/query.h"
-#include "webdav_protocol.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using velbench::Agent;
+using velbench::fail;
+using velbench::makeDir;
+using velbench::makeFile;
+using velbench::median;
+using velbench::quantile;
+using velbench::removeTree;
 
 constexpr int kFolders = 100;
 constexpr int kFilesPerFolder = 20;
@@ -94,22 +97,6 @@ double seconds(Clock::time_point since) {
   return std::chrono::duration<double>(Clock::now() - since).count();
 }
 
-// The value below which `share` of the values lie (linear between ranks).
-double quantile(std::vector<double> values, double share) {
-  std::sort(values.begin(), values.end());
-  const double rank = share * static_cast<double>(values.size() - 1);
-  const size_t below = static_cast<size_t>(rank);
-  const size_t above = std::min(below + 1, values.size() - 1);
-  return values[below] + (values[above] - values[below]) * (rank - static_cast<double>(below));
-}
-
-double median(const std::vector<double>& values) { return quantile(values, 0.5); }
-
-[[noreturn]] void fail(const std::string& what) {
-  std::fprintf(stderr, "vel_bench: %s\n", what.c_str());
-  std::exit(1);
-}
-
 void progress(const std::string& what) { std::fprintf(stderr, "vel_bench: %s\n", what.c_str()); }
 
 std::string loadAverage() {
@@ -117,58 +104,6 @@ std::string loadAverage() {
   std::string one, five, fifteen;
   in >> one >> five >> fifteen;
   return one + " " + five + " " + fifteen;
-}
-
-bool run(const std::vector<std::string>& argv) {
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    std::vector<char*> args;
-    for (const std::string& arg : argv) {
-      args.push_back(const_cast<char*>(arg.c_str()));
-    }
-    args.push_back(nullptr);
-    ::execvp(args[0], args.data());
-    ::_exit(127);
-  }
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-void removeTree(const std::string& path) {
-  if (!run({"rm", "-rf", path})) {
-    fail("cannot remove " + path);
-  }
-}
-
-void makeDir(const std::string& path) {
-  if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
-    fail("cannot create " + path);
-  }
-}
-
-// `bytes` bytes that neither compress nor repeat.
-void makeFile(const std::string& path, size_t bytes, unsigned long long seed) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  if (fd < 0) {
-    fail("cannot create " + path);
-  }
-  std::vector<unsigned long long> block(std::min<size_t>(bytes, 1u << 20) / sizeof(seed));
-  for (size_t done = 0; done < bytes;) {
-    for (unsigned long long& word : block) {
-      seed ^= seed << 13;
-      seed ^= seed >> 7;
-      seed ^= seed << 17;
-      word = seed;
-    }
-    const size_t n = std::min(bytes - done, block.size() * sizeof(seed));
-    if (::write(fd, block.data(), n) != static_cast<ssize_t>(n)) {
-      fail("cannot write " + path);
-    }
-    done += n;
-  }
-  ::fsync(fd);
-  ::close(fd);
 }
 
 std::string folderName(int folder) {
@@ -189,21 +124,6 @@ void makeTree(const std::string& root, unsigned long long seed) {
       makeFile(folder + name, kSmallFile, seed + static_cast<unsigned long long>(d * 1000 + f));
     }
   }
-}
-
-size_t countFiles(const std::string& root) {
-  size_t files = 0;
-  for (int d = 0; d < kFolders; ++d) {
-    DIR* dir = ::opendir((root + "/" + folderName(d)).c_str());
-    if (dir == nullptr) {
-      continue;
-    }
-    while (struct dirent* entry = ::readdir(dir)) {
-      files += entry->d_type == DT_REG ? 1 : 0;
-    }
-    ::closedir(dir);
-  }
-  return files;
 }
 
 // Interleaved rounds, floor and vel in turn (each first in every other
@@ -248,88 +168,33 @@ double perOp(int n, F&& op) {
   return seconds(start) / n;
 }
 
-class Agent {
- public:
-  // An agent whose socket is `uds`/velfileagent/velfileagent.sock, with
-  // `storeArgs` naming what it serves, the mirror below `dir` and, when
-  // `journal`, a journal of its requests.
-  Agent(const std::string& binary, const std::string& dir, const std::string& uds,
-        const std::vector<std::string>& storeArgs, bool journal)
-      : socket_(uds + "/velfileagent"), journal_(uds + "/journal") {
-    makeDir(uds);
-    makeDir(socket_);
-    socket_ += "/velfileagent.sock";
-    std::vector<std::string> argv = {binary, "--mirror", dir + "/mirror", "--socket", socket_};
-    if (journal) {
-      argv.insert(argv.end(), {"--journal", journal_});
-    }
-    argv.insert(argv.end(), storeArgs.begin(), storeArgs.end());
-    int ready[2];
-    if (::pipe(ready) != 0) {
-      fail("pipe");
-    }
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::dup2(ready[1], STDOUT_FILENO);
-      int null = ::open("/dev/null", O_WRONLY);
-      ::dup2(null, STDERR_FILENO);
-      std::vector<char*> args;
-      for (const std::string& arg : argv) {
-        args.push_back(const_cast<char*>(arg.c_str()));
-      }
-      args.push_back(nullptr);
-      ::execv(args[0], args.data());
-      ::_exit(127);
-    }
-    ::close(ready[1]);
-    char word[6] = {};
-    if (::read(ready[0], word, 5) != 5 || std::strcmp(word, "ready") != 0) {
-      fail("the agent " + binary + " did not start");
-    }
-    ::close(ready[0]);
-  }
-  ~Agent() {
-    ::kill(pid_, SIGTERM);
-    ::waitpid(pid_, nullptr, 0);
-  }
-  Agent(const Agent&) = delete;
-  Agent& operator=(const Agent&) = delete;
+// Bytes of the journal so far: requests after this mark are the next call's.
+long long journalMark(const Agent& agent) {
+  struct stat st;
+  return ::stat(agent.journal().c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : 0;
+}
 
-  const std::string& socket() const { return socket_; }
-
-  // Bytes of the journal so far: requests after this mark are the next call's.
-  long long mark() const {
-    struct stat st;
-    return ::stat(journal_.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : 0;
-  }
-
-  // The requests journalled since `from`, each as its arguments.
-  std::vector<std::vector<std::string>> requestsSince(long long from) const {
-    std::ifstream in(journal_);
-    in.seekg(from);
-    std::vector<std::vector<std::string>> requests;
-    Json::CharReaderBuilder builder;
-    for (std::string line; std::getline(in, line);) {
-      Json::Value args;
-      std::string errors;
-      std::istringstream text(line);
-      if (!Json::parseFromStream(builder, text, &args, &errors) || !args.isArray()) {
-        fail("unreadable journal line: " + line);
-      }
-      std::vector<std::string> request;
-      for (const Json::Value& arg : args) {
-        request.push_back(arg.asString());
-      }
-      requests.push_back(request);
+// The requests journalled since `from`, each as its arguments.
+std::vector<std::vector<std::string>> requestsSince(const Agent& agent, long long from) {
+  std::ifstream in(agent.journal());
+  in.seekg(from);
+  std::vector<std::vector<std::string>> requests;
+  Json::CharReaderBuilder builder;
+  for (std::string line; std::getline(in, line);) {
+    Json::Value args;
+    std::string errors;
+    std::istringstream text(line);
+    if (!Json::parseFromStream(builder, text, &args, &errors) || !args.isArray()) {
+      fail("unreadable journal line: " + line);
     }
-    return requests;
+    std::vector<std::string> request;
+    for (const Json::Value& arg : args) {
+      request.push_back(arg.asString());
+    }
+    requests.push_back(request);
   }
-
- private:
-  std::string socket_;
-  std::string journal_;
-  pid_t pid_ = -1;
-};
+  return requests;
+}
 
 // One request on a connection of its own, as the library sends it.
 bool oneRequest(const std::string& socket, const std::vector<std::string>& args) {
@@ -366,7 +231,7 @@ double replay(const std::string& socket, const std::vector<std::vector<std::stri
 double copyAndFlush(const std::string& from, const std::string& to) {
   ::unlink(to.c_str());
   const Clock::time_point start = Clock::now();
-  if (!run({"cp", from, to})) {
+  if (!velbench::run({"cp", from, to})) {
     fail("cp " + from + " failed");
   }
   int fd = ::open(to.c_str(), O_RDONLY);
@@ -411,11 +276,11 @@ void treeRows(const Options& options, const std::string& dir, const Agent& agent
 
   // A first update records what the agent is asked for.
   removeTree(mirrorTree);
-  long long mark = agent.mark();
-  if (VEL::syncFromServer("tree", true) != 0 || countFiles(mirrorTree) != files) {
+  long long mark = journalMark(agent);
+  if (VEL::syncFromServer("tree", true) != 0 || velbench::filesBelow(mirrorTree) != files) {
     fail("the tree update did not bring every file");
   }
-  const auto pulls = agent.requestsSince(mark);
+  const auto pulls = requestsSince(agent, mark);
   measure(
       {"tree update (syncFromServer)", "journal replay + mkdir", 1.1}, rounds,
       [&] {
@@ -438,11 +303,11 @@ void treeRows(const Options& options, const std::string& dir, const Agent& agent
       });
 
   removeTree(storeUp);
-  mark = agent.mark();
-  if (VEL::syncToServer("up", true) != 0 || countFiles(storeUp) != files) {
+  mark = journalMark(agent);
+  if (VEL::syncToServer("up", true) != 0 || velbench::filesBelow(storeUp) != files) {
     fail("the tree commit did not send every file");
   }
-  const auto pushes = agent.requestsSince(mark);
+  const auto pushes = requestsSince(agent, mark);
   measure(
       {"tree commit (syncToServer)", "journal replay", 1.1}, rounds,
       [&] {
@@ -592,66 +457,7 @@ void localRows(const Options& options, const std::string& dir) {
 }
 
 bool agentHasWebdav(const std::string& agent) {
-  int out[2];
-  if (::pipe(out) != 0) {
-    return false;
-  }
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    ::dup2(out[1], STDOUT_FILENO);
-    ::dup2(out[1], STDERR_FILENO);
-    ::execl(agent.c_str(), agent.c_str(), "--help", static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
-  ::close(out[1]);
-  std::string text;
-  char buffer[4096];
-  for (ssize_t n; (n = ::read(out[0], buffer, sizeof buffer)) > 0;) {
-    text.append(buffer, static_cast<size_t>(n));
-  }
-  ::close(out[0]);
-  ::waitpid(pid, nullptr, 0);
-  return text.find("--webdav") != std::string::npos;
-}
-
-size_t countBytes(char*, size_t size, size_t n, void* user) {
-  *static_cast<size_t*>(user) += size * n;
-  return size * n;
-}
-
-// PROPFIND (Depth 0) and GET of every file over one kept-alive connection:
-// the least a client asks the server for to bring the tree.
-double rawDavLoop(CURL* curl, const std::string& base, const std::vector<std::string>& files) {
-  const Clock::time_point start = Clock::now();
-  const std::string body = velagent::propfindBody();
-  struct curl_slist* headers = curl_slist_append(nullptr, "Depth: 0");
-  headers = curl_slist_append(headers, "Content-Type: application/xml; charset=utf-8");
-  for (const std::string& file : files) {
-    const std::string url = base + velagent::encodePath(file);
-    size_t got = 0;
-    long code = 0;
-    curl_easy_reset(curl);
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, countBytes);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &got);
-    curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, "PROPFIND");
-    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
-    if (curl_easy_perform(curl) != CURLE_OK ||
-        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code) != CURLE_OK || code != 207) {
-      fail("PROPFIND of " + file + " failed");
-    }
-    got = 0;
-    curl_easy_reset(curl);
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, countBytes);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &got);
-    if (curl_easy_perform(curl) != CURLE_OK || got != kSmallFile) {
-      fail("GET of " + file + " failed");
-    }
-  }
-  curl_slist_free_all(headers);
-  return seconds(start);
+  return veltest::runProcess({agent, "--help"}).out.find("--webdav") != std::string::npos;
 }
 
 // The tree update through an agent serving the tests' Apache WebDAV server.
@@ -685,7 +491,7 @@ void webdavRow(const Options& options, const std::string& dir) {
     if (!server.ready()) {
       fail("the WebDAV server did not start: " + server.error());
     }
-    Agent agent(options.agent, dir, dir + "/uds-webdav", {"--webdav", server.url()}, false);
+    Agent agent(options.agent, dir + "/mirror", dir + "/uds-webdav", {"--webdav", server.url()});
     const std::string folderUds = ::getenv("UDS_ROOT_OSSUSER");
     ::setenv("UDS_ROOT_OSSUSER", (dir + "/uds-webdav").c_str(), 1);
     const std::string mirrorTree = dir + "/mirror/wtree";
@@ -698,12 +504,18 @@ void webdavRow(const Options& options, const std::string& dir) {
       return seconds(start);
     };
     update();
-    if (countFiles(mirrorTree) != files.size()) {
+    if (velbench::filesBelow(mirrorTree) != files.size()) {
       fail("the WebDAV tree update did not bring every file");
     }
     CURL* curl = curl_easy_init();
     measure(
-        row, options.quick ? 3 : 7, [&] { return rawDavLoop(curl, server.url(), files); }, update);
+        row, options.quick ? 3 : 7,
+        [&] {
+          const Clock::time_point start = Clock::now();
+          velbench::davFloor(curl, server.url(), files, kSmallFile);
+          return seconds(start);
+        },
+        update);
     curl_easy_cleanup(curl);
     ::setenv("UDS_ROOT_OSSUSER", folderUds.c_str(), 1);
   }
@@ -832,7 +644,8 @@ int main(int argc, char** argv) {
   }
 
   {
-    Agent agent(options.agent, dir, dir + "/uds", {"--store", dir + "/store"}, true);
+    Agent agent(options.agent, dir + "/mirror", dir + "/uds", {"--store", dir + "/store"},
+                dir + "/uds/journal");
     VEL::init({{"clientType", "Tavora"}});
     if (wanted("remote")) {
       remoteRows(options, agent);
