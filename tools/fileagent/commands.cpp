@@ -100,6 +100,24 @@ Reply refused(const std::string& path) {
   return Reply::refusal("ERR path refused: '" + path + "'");
 }
 
+// The reply for a failed lookup of `path`: refused, the service's failure
+// as it is, or `missing`.
+Reply lookupFailure(const Status& status, const std::string& path, Reply missing) {
+  if (status.code() == Status::Code::kRefused) {
+    return refused(path);
+  }
+  return status.code() == Status::Code::kServiceError ? serviceError(status) : missing;
+}
+
+// The reply for a change of the store at `path`: done, refused, or failed
+// (`what` says what failed).
+Reply changeReply(const Status& status, const std::string& path, const std::string& what) {
+  if (status.code() == Status::Code::kRefused) {
+    return refused(path);
+  }
+  return status.isOk() ? Reply::ok() : Reply::error(failureText(what, status));
+}
+
 // The parent of a clean path ("" for a top-level name).
 std::string parentOf(const std::string& clean) {
   size_t slash = clean.rfind('/');
@@ -202,14 +220,8 @@ Reply Commands::metadata(const std::string& path) {
   // walk into.
   StoreStat st;
   Status status = store_.stat(clean, false, st);
-  if (status.code() == Status::Code::kRefused) {
-    return refused(path);
-  }
-  if (status.code() == Status::Code::kServiceError) {
-    return serviceError(status);
-  }
   if (!status.isOk()) {
-    return Reply::bulk(kNotFound);
+    return lookupFailure(status, path, Reply::bulk(kNotFound));
   }
   Json::Value meta(Json::objectValue);
   meta["Name"] = names.empty() ? "" : names.back();
@@ -267,14 +279,8 @@ Reply Commands::download(const std::string& path) {
   PathLocks::Guard guard = locks_.lock({clean});
   StoreStat st;
   Status status = store_.stat(clean, true, st);
-  if (status.code() == Status::Code::kRefused) {
-    return refused(path);
-  }
-  if (status.code() == Status::Code::kServiceError) {
-    return serviceError(status);
-  }
   if (!status.isOk()) {
-    return Reply::bulk(kNotFound);
+    return lookupFailure(status, path, Reply::bulk(kNotFound));
   }
   const std::string parentRel = joinNames(names, names.size() - 1);
   UniqueFd parent;
@@ -320,14 +326,11 @@ Reply Commands::download(const std::string& path) {
   }
   StoreStat copied = st;
   status = store_.download(clean, target, copied);
-  if (status.code() == Status::Code::kRefused) {
-    return refused(path);
-  }
   if (status.code() == Status::Code::kNotFound) {
     return Reply::error(errnoText("download failed", ENOENT));
   }
   if (!status.isOk()) {
-    return Reply::error(failureText("download failed", status));
+    return changeReply(status, path, "download failed");
   }
   err = target.commit(copied.mode);
   return err == 0 ? Reply::ok() : Reply::error(errnoText("download failed", err));
@@ -351,11 +354,7 @@ Reply Commands::upload(const std::string& path) {
     return Reply::bulk(kNotFound);
   }
   if (S_ISDIR(st.st_mode)) {
-    Status status = store_.makeDirs(clean);
-    if (status.code() == Status::Code::kRefused) {
-      return refused(path);
-    }
-    return status.isOk() ? Reply::ok() : Reply::error(failureText("cannot create folder", status));
+    return changeReply(store_.makeDirs(clean), path, "cannot create folder");
   }
   // Non-blocking: a FIFO or device in the mirror must not hold the agent.
   UniqueFd source(
@@ -370,17 +369,10 @@ Reply Commands::upload(const std::string& path) {
     return Reply::error("ERR upload failed: not a regular file");
   }
   Status status = store_.makeDirs(parentOf(clean));
-  if (status.code() == Status::Code::kRefused) {
-    return refused(path);
-  }
   if (!status.isOk()) {
-    return Reply::error(failureText("cannot create folder", status));
+    return changeReply(status, path, "cannot create folder");
   }
-  status = store_.upload(source.get(), clean, st.st_mode & 07777);
-  if (status.code() == Status::Code::kRefused) {
-    return refused(path);
-  }
-  return status.isOk() ? Reply::ok() : Reply::error(failureText("upload failed", status));
+  return changeReply(store_.upload(source.get(), clean, st.st_mode & 07777), path, "upload failed");
 }
 
 Reply Commands::createInfo(const std::string& path, const std::string& kind) {
@@ -394,20 +386,10 @@ Reply Commands::createInfo(const std::string& path, const std::string& kind) {
   }
   PathLocks::Guard guard = locks_.lock({clean});
   Status status = store_.makeDirs(kind == "dir" ? clean : parentOf(clean));
-  if (status.code() == Status::Code::kRefused) {
-    return refused(path);
+  if (!status.isOk() || kind == "dir") {
+    return changeReply(status, path, "cannot create folder");
   }
-  if (!status.isOk()) {
-    return Reply::error(failureText("cannot create folder", status));
-  }
-  if (kind == "dir") {
-    return Reply::ok();
-  }
-  status = store_.createFile(clean, 0644);
-  if (status.code() == Status::Code::kRefused) {
-    return refused(path);
-  }
-  return status.isOk() ? Reply::ok() : Reply::error(failureText("cannot create file", status));
+  return changeReply(store_.createFile(clean, 0644), path, "cannot create file");
 }
 
 Reply Commands::move(const std::string& from, const std::string& to) {
@@ -424,27 +406,14 @@ Reply Commands::move(const std::string& from, const std::string& to) {
   PathLocks::Guard guard = locks_.lock({fromClean, toClean});
   StoreStat st;
   Status status = store_.stat(fromClean, false, st);
-  if (status.code() == Status::Code::kRefused) {
-    return refused(from);
-  }
-  if (status.code() == Status::Code::kServiceError) {
-    return serviceError(status);
-  }
   if (!status.isOk()) {
-    return Reply::error("ERR file not found");
+    return lookupFailure(status, from, Reply::error("ERR file not found"));
   }
   status = store_.makeDirs(parentOf(toClean));
-  if (status.code() == Status::Code::kRefused) {
-    return refused(to);
-  }
   if (!status.isOk()) {
-    return Reply::error(failureText("cannot create folder", status));
+    return changeReply(status, to, "cannot create folder");
   }
-  status = store_.move(fromClean, toClean);
-  if (status.code() == Status::Code::kRefused) {
-    return refused(to);
-  }
-  return status.isOk() ? Reply::ok() : Reply::error(failureText("move failed", status));
+  return changeReply(store_.move(fromClean, toClean), to, "move failed");
 }
 
 Reply Commands::chmod(const std::string& mode, const std::string& path) {
@@ -531,11 +500,8 @@ Reply Commands::createHandle(Client& client, const std::string& name, const std:
     PathLocks::Guard guard = locks_.lock({clean});
     status = store_.open(clean, how, handle);
   }
-  if (status.code() == Status::Code::kRefused) {
-    return refused(name);
-  }
   if (!status.isOk()) {
-    return Reply::error(failureText("open failed", status));
+    return changeReply(status, name, "open failed");
   }
   std::string id = "fh" + std::to_string(nextHandle_++);
   client.handles[id] = std::move(handle);
