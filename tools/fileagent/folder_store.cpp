@@ -54,6 +54,29 @@ int readFolder(int dirFd, std::vector<StoreEntry>& out) {
   return errno;
 }
 
+// The entries of the folder `name` in `dirFd` (never through a link), and
+// in `sub` that folder. 0 or errno.
+int readSubFolder(int dirFd, const std::string& name, UniqueFd& sub,
+                  std::vector<StoreEntry>& children) {
+  sub.reset(::openat(dirFd, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  return sub ? readFolder(sub.get(), children) : errno;
+}
+
+// A place where something is to be created: a link out of the store is
+// refused, anything else that stands in the way (a missing folder too) is a
+// failure.
+Status placeFailure(int err) {
+  return err == EXDEV ? Status::fromResolve(err) : Status::fromErrno(err);
+}
+
+// Ok when the open `fd` is a regular file; `st` gets its status.
+Status regularFile(int fd, struct stat& st) {
+  if (::fstat(fd, &st) != 0) {
+    return Status::fromErrno(errno);
+  }
+  return S_ISREG(st.st_mode) ? Status::ok() : Status::error(Status::Code::kFailed, kNotRegular);
+}
+
 // Removes `name` in `dirFd` and, for a folder, everything in it, never
 // following a link. 0 or errno.
 int removeTreeAt(int dirFd, const std::string& name) {
@@ -64,12 +87,9 @@ int removeTreeAt(int dirFd, const std::string& name) {
   if (!S_ISDIR(st.st_mode)) {
     return ::unlinkat(dirFd, name.c_str(), 0) == 0 || errno == ENOENT ? 0 : errno;
   }
-  UniqueFd sub(::openat(dirFd, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!sub) {
-    return errno;
-  }
+  UniqueFd sub;
   std::vector<StoreEntry> children;
-  int err = readFolder(sub.get(), children);
+  int err = readSubFolder(dirFd, name, sub, children);
   if (err != 0) {
     return err;
   }
@@ -87,12 +107,9 @@ int removeTreeAt(int dirFd, const std::string& name) {
 // looks empty to clients. Callers hold the folder's change lock, so no copy
 // of this agent is writing there. 0, ENOTEMPTY or errno.
 int removeFolderOfLeftovers(int dirFd, const std::string& name) {
-  UniqueFd sub(::openat(dirFd, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!sub) {
-    return errno;
-  }
+  UniqueFd sub;
   std::vector<StoreEntry> children;
-  int err = readFolder(sub.get(), children);
+  int err = readSubFolder(dirFd, name, sub, children);
   if (err != 0) {
     return err;
   }
@@ -220,11 +237,9 @@ Status FolderStore::download(const std::string& path, AtomicFile& target, StoreS
     return errno == ENOENT ? Status::error(Status::Code::kNotFound) : Status::fromErrno(errno);
   }
   struct stat st;
-  if (::fstat(in.get(), &st) != 0) {
-    return Status::fromErrno(errno);
-  }
-  if (!S_ISREG(st.st_mode)) {
-    return Status::error(Status::Code::kFailed, kNotRegular);
+  Status status = regularFile(in.get(), st);
+  if (!status.isOk()) {
+    return status;
   }
   fill(st, copied);
   err = target.copyFrom(in.get());
@@ -281,7 +296,7 @@ Status FolderStore::createFile(const std::string& path, mode_t mode) {
   std::string name;
   int err = root_.locate(path, true, dir, name);
   if (err != 0) {
-    return err == EXDEV ? Status::fromResolve(err) : Status::fromErrno(err);
+    return placeFailure(err);
   }
   UniqueFd fd(::openat(dir.get(), name.c_str(),
                        O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode));
@@ -299,7 +314,7 @@ Status FolderStore::move(const std::string& from, const std::string& to) {
   }
   err = root_.locate(to, false, toDir, toName);
   if (err != 0) {
-    return err == EXDEV ? Status::fromResolve(err) : Status::fromErrno(err);
+    return placeFailure(err);
   }
   if (::renameat(fromDir.get(), fromName.c_str(), toDir.get(), toName.c_str()) != 0) {
     return Status::fromErrno(errno);
@@ -376,7 +391,7 @@ Status FolderStore::open(const std::string& path, const OpenMode& mode,
   std::string name;
   int err = root_.locate(path, true, dir, name);
   if (err != 0) {
-    return err == EXDEV ? Status::fromResolve(err) : Status::fromErrno(err);
+    return placeFailure(err);
   }
   int flags = mode.read && mode.write ? O_RDWR : (mode.write ? O_WRONLY : O_RDONLY);
   flags |=
@@ -386,11 +401,9 @@ Status FolderStore::open(const std::string& path, const OpenMode& mode,
     return Status::fromErrno(errno);
   }
   struct stat st;
-  if (::fstat(fd.get(), &st) != 0) {
-    return Status::fromErrno(errno);
-  }
-  if (!S_ISREG(st.st_mode)) {
-    return Status::error(Status::Code::kFailed, kNotRegular);
+  Status status = regularFile(fd.get(), st);
+  if (!status.isOk()) {
+    return status;
   }
   ::fcntl(fd.get(), F_SETFL, mode.append ? O_APPEND : 0);  // blocking again
   out.reset(new FolderHandle(std::move(fd)));
