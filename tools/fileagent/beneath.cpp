@@ -55,7 +55,14 @@ int openat2Beneath(int rootFd, const std::string& rel) {
 #endif
 }
 
-int readLink(int dirFd, const char* name, std::string& out) {
+// The names the link `name` in `dirFd` ("" for `dirFd` itself) leads to,
+// counted as the next of `links` in one lookup. 0, or ELOOP past the bound,
+// ENOENT for an empty text, EXDEV for an absolute one (it leaves the root),
+// or errno.
+int linkNames(int dirFd, const char* name, int& links, std::vector<std::string>& out) {
+  if (++links > kMaxLinks) {
+    return ELOOP;
+  }
   char buffer[4096];
   ssize_t n = ::readlinkat(dirFd, name, buffer, sizeof buffer);
   if (n < 0) {
@@ -64,7 +71,13 @@ int readLink(int dirFd, const char* name, std::string& out) {
   if (static_cast<size_t>(n) >= sizeof buffer) {
     return ENAMETOOLONG;
   }
-  out.assign(buffer, static_cast<size_t>(n));
+  if (n == 0) {
+    return ENOENT;
+  }
+  if (buffer[0] == '/') {
+    return EXDEV;
+  }
+  out = splitNames(std::string(buffer, static_cast<size_t>(n)));
   return 0;
 }
 
@@ -97,21 +110,11 @@ int walkBeneath(UniqueFd root, const std::string& rel, UniqueFd& out) {
       return errno;
     }
     if (S_ISLNK(st.st_mode)) {
-      if (++links > kMaxLinks) {
-        return ELOOP;
-      }
-      std::string text;
-      int err = readLink(fd.get(), "", text);
+      std::vector<std::string> more;
+      int err = linkNames(fd.get(), "", links, more);
       if (err != 0) {
         return err;
       }
-      if (text.empty()) {
-        return ENOENT;
-      }
-      if (text[0] == '/') {
-        return EXDEV;
-      }
-      std::vector<std::string> more = splitNames(text);
       ahead.insert(ahead.begin(), more.begin(), more.end());
       continue;
     }
@@ -231,22 +234,12 @@ int Root::locate(const std::string& rel, bool followLast, UniqueFd& dir, std::st
         !S_ISLNK(st.st_mode)) {
       return 0;
     }
-    if (++links > kMaxLinks) {
-      return ELOOP;
-    }
-    std::string text;
-    err = readLink(dir.get(), name.c_str(), text);
+    std::vector<std::string> more;
+    err = linkNames(dir.get(), name.c_str(), links, more);
     if (err != 0) {
       return err;
     }
-    if (text.empty()) {
-      return ENOENT;
-    }
-    if (text[0] == '/') {
-      return EXDEV;
-    }
     names.pop_back();
-    std::vector<std::string> more = splitNames(text);
     names.insert(names.end(), more.begin(), more.end());
   }
 }
