@@ -8,8 +8,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <list>
 #include <string>
 
@@ -55,8 +53,8 @@ void sameMetaData(const redisReply* reply) {
       json.AccessAllowRoles != flat.AccessAllowRoles || json.Kind != flat.Kind ||
       json.LastModifiedTime != flat.LastModifiedTime || json.Name != flat.Name ||
       json.Size != flat.Size || jsonMode != flatMode) {
-    std::fprintf(stderr, "the flat metadata reader and the JSON reader disagree\n");
-    std::abort();
+    velfuzz::fail("the flat metadata reader and the JSON reader disagree",
+                  std::string(text, reply->len));
   }
 }
 
@@ -65,8 +63,7 @@ void handOut(const redisReply* reply) {
   std::list<std::string> entries;
   if (VEL::tarn::collectListReply(reply, "fuzz/dir", entries) == 0 &&
       (reply->type != REDIS_REPLY_ARRAY || entries.size() > reply->elements)) {
-    std::fprintf(stderr, "collectListReply took a non-array or invented entries\n");
-    std::abort();
+    velfuzz::fail("collectListReply took a non-array or invented entries");
   }
   VEL::TarnMetaData meta;
   int32_t mode = 0;
@@ -76,10 +73,7 @@ void handOut(const redisReply* reply) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  velfuzz::quietLibrary();
-  return 0;
-}
+extern "C" int LLVMFuzzerInitialize(int*, char***) { return velfuzz::quietLibrary(); }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) {
@@ -108,8 +102,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (reader.getReply(&raw) != REDIS_OK) {
           failed = true;
           if (raw != nullptr) {
-            std::fprintf(stderr, "a failed read handed out a reply\n");
-            std::abort();
+            velfuzz::fail("a failed read handed out a reply");
           }
           break;
         }
@@ -121,8 +114,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         size_t elements = 0;
         measure(reply, bytes, elements);
         if (bytes > VEL::tarn::kMaxReplyBytes || elements > VEL::tarn::kMaxReplyElements) {
-          std::fprintf(stderr, "a reply over the caps came through\n");
-          std::abort();
+          velfuzz::fail("a reply over the caps came through");
         }
         handOut(reply);
         freeReplyObject(reply);
@@ -131,8 +123,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (failed) {
       void* raw = nullptr;
       if (reader.getReply(&raw) == REDIS_OK || raw != nullptr) {
-        std::fprintf(stderr, "the reader recovered after a failure\n");
-        std::abort();
+        velfuzz::fail("the reader recovered after a failure");
       }
     }
   }

@@ -10,8 +10,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -27,10 +25,7 @@ namespace {
 using velagent::RequestLimits;
 using velagent::RequestReader;
 
-[[noreturn]] void fail(const char* what, const std::string& detail) {
-  std::fprintf(stderr, "%s: %s\n", what, detail.c_str());
-  std::abort();
-}
+using velfuzz::fail;
 
 struct Outcome {
   std::vector<std::vector<std::string>> requests;
@@ -117,10 +112,7 @@ void checkRules(const std::string& text) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  velfuzz::quietLibrary();
-  return 0;
-}
+extern "C" int LLVMFuzzerInitialize(int*, char***) { return velfuzz::quietLibrary(); }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string bytes(reinterpret_cast<const char*>(data), size);

@@ -8,8 +8,6 @@
 // cut there.
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "fuzz_support.h"
@@ -17,26 +15,13 @@
 
 namespace {
 
-const char* const kLatin1 = "ISO-8859-1";
+using velfuzz::fail;
 
-void fail(const char* what, const std::string& input, const std::string& got) {
-  std::fprintf(stderr, "%s\n  input (%zu bytes), result (%zu bytes):\n", what, input.size(),
-               got.size());
-  for (const std::string* text : {&input, &got}) {
-    for (unsigned char c : *text) {
-      std::fprintf(stderr, "%02x", c);
-    }
-    std::fprintf(stderr, "\n");
-  }
-  std::abort();
-}
+const char* const kLatin1 = "ISO-8859-1";
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  velfuzz::quietLibrary();
-  return 0;
-}
+extern "C" int LLVMFuzzerInitialize(int*, char***) { return velfuzz::quietLibrary(); }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string input = std::string(reinterpret_cast<const char*>(data), size).c_str();

@@ -9,8 +9,6 @@
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "fuzz_support.h"
@@ -19,10 +17,7 @@
 
 namespace {
 
-void fail(const char* what, const std::string& input, const std::string& got) {
-  std::fprintf(stderr, "%s\n  input: \"%s\"\n  got:   \"%s\"\n", what, input.c_str(), got.c_str());
-  std::abort();
-}
+using velfuzz::fail;
 
 bool isSeparator(char c) { return c == '/' || c == '\\'; }
 

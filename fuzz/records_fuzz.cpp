@@ -7,8 +7,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <string>
 
@@ -33,39 +31,25 @@ void roundTrip(const Json::Value& input) {
   Record first;
   (void)first.fromJson(input);
   Json::Value written;
+  const std::string name = first.getClassName();
   if (first.toJson(written) != 0) {
-    std::fprintf(stderr, "%s: toJson of a decoded record failed\n", first.getClassName().c_str());
-    std::abort();
+    velfuzz::fail(name + ": toJson of a decoded record failed");
   }
   const std::string once = textOf(written);
-
   Json::Value reread;
-  Json::Reader reader;
-  if (!reader.parse(once, reread, false)) {
-    std::fprintf(stderr, "%s: toJson wrote text that does not parse: %s\n",
-                 first.getClassName().c_str(), once.c_str());
-    std::abort();
-  }
   Record second;
-  if (second.fromJson(reread) != 0) {
-    std::fprintf(stderr, "%s: its own JSON does not decode: %s\n", first.getClassName().c_str(),
-                 once.c_str());
-    std::abort();
+  if (!Json::Reader().parse(once, reread, false) || second.fromJson(reread) != 0) {
+    velfuzz::fail(name + ": its own JSON does not parse or decode", once);
   }
   Json::Value rewritten;
   if (second.toJson(rewritten) != 0 || textOf(rewritten) != once) {
-    std::fprintf(stderr, "%s: second decode differs:\n%s\n%s\n", first.getClassName().c_str(),
-                 once.c_str(), textOf(rewritten).c_str());
-    std::abort();
+    velfuzz::fail(name + ": the second decode differs", once, textOf(rewritten));
   }
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  velfuzz::quietLibrary();
-  return 0;
-}
+extern "C" int LLVMFuzzerInitialize(int*, char***) { return velfuzz::quietLibrary(); }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
