@@ -13,7 +13,6 @@
 // reports success on purpose (each such exception is in the table with its
 // reason) and where a directory rename has already moved the tree in the
 // mirror.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -46,59 +45,15 @@ using veltest::writeFile;
 
 // ---- snapshots of a folder ----
 
-struct Node {
-  char type = '?';      // 'f' file, 'd' directory, 'l' symbolic link
-  int mode = 0;         // permission bits
-  std::string content;  // a file's bytes, a link's target
-};
-using Tree = std::map<std::string, Node>;
+using veltest::Tree;
 
 // Kept copies carry a random number: they are compared by their place.
-std::string keptNamesAlike(const std::string& path) {
-  static const std::regex kKept("\\.vel\\.keep\\.[0-9]+(_[0-9]+)?");
-  return std::regex_replace(path, kKept, ".vel.keep.*");
-}
-
-void walk(const std::string& root, const std::string& rel, Tree& tree) {
-  DIR* dir = ::opendir((root + "/" + rel).c_str());
-  if (dir == nullptr) {
-    return;
-  }
-  std::vector<std::string> names;
-  while (struct dirent* entry = ::readdir(dir)) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") {
-      names.push_back(rel.empty() ? name : rel + "/" + name);
-    }
-  }
-  ::closedir(dir);
-  for (const std::string& path : names) {
-    const std::string full = root + "/" + path;
-    struct stat st;
-    if (::lstat(full.c_str(), &st) != 0) {
-      continue;
-    }
-    Node node;
-    node.mode = static_cast<int>(st.st_mode & 07777);
-    if (S_ISDIR(st.st_mode)) {
-      node.type = 'd';
-      walk(root, path, tree);
-    } else if (S_ISLNK(st.st_mode)) {
-      node.type = 'l';
-      char target[4096];
-      ssize_t n = ::readlink(full.c_str(), target, sizeof target);
-      node.content.assign(target, n > 0 ? static_cast<size_t>(n) : 0);
-    } else {
-      node.type = 'f';
-      node.content = readFile(full);
-    }
-    tree[keptNamesAlike(path)] = node;
-  }
-}
-
 Tree snapshot(const std::string& root) {
+  static const std::regex kKept("\\.vel\\.keep\\.[0-9]+(_[0-9]+)?");
   Tree tree;
-  walk(root, "", tree);
+  for (auto& entry : veltest::snapshot(root)) {
+    tree[std::regex_replace(entry.first, kKept, ".vel.keep.*")] = std::move(entry.second);
+  }
   return tree;
 }
 
@@ -354,30 +309,17 @@ class FaultMatrixBase : public ::testing::Test {
   // local edit of t/a, t/sub/c as the service has it, t/empty and a file
   // never sent, t/local.
   void reset() {
-    struct dirent* entry = nullptr;
     // The folders themselves stay: the agent serves them by their paths.
     for (const std::string& root : {agent_->store(), agent_->mirror()}) {
-      DIR* dir = ::opendir(root.c_str());
-      std::vector<std::string> names;
-      while (dir != nullptr && (entry = ::readdir(dir)) != nullptr) {
-        if (std::string(entry->d_name) != "." && std::string(entry->d_name) != "..") {
-          names.push_back(root + "/" + entry->d_name);
-        }
+      for (const std::string& name : veltest::namesIn(root)) {
+        veltest::removeTree(root + "/" + name);
       }
-      if (dir != nullptr) {
-        ::closedir(dir);
-      }
-      for (const std::string& name : names) {
-        veltest::removeTree(name);
-      }
-    }
-    const std::string store = agent_->store();
-    const std::string mirror = agent_->mirror();
-    for (const std::string& root : {store, mirror}) {
       makeDirs(root + "/t/sub");
       makeDirs(root + "/t/empty");
       ::chmod((root + "/t/sub").c_str(), 0750);
     }
+    const std::string store = agent_->store();
+    const std::string mirror = agent_->mirror();
     file(store + "/t/a", "service a", 0644);
     file(store + "/t/b", "service b", 0640);
     file(store + "/t/sub/c", "service c", 0600);

@@ -2,12 +2,9 @@
 // links they hold; links that stay inside are followed, and shown as links.
 // Every case runs twice: with the kernel's openat2 and with the walk the
 // agent falls back to where openat2 is refused.
-#include <dirent.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -19,39 +16,8 @@ namespace {
 using veltest::AgentConnection;
 using veltest::AgentFixture;
 using veltest::AgentOptions;
+using veltest::kSvc;
 using Args = std::vector<std::string>;
-
-const std::string kSvc = "TestService";
-
-// Everything under `path`, as names, kinds, modes, sizes and contents.
-std::string snapshot(const std::string& path) {
-  struct stat st;
-  if (::lstat(path.c_str(), &st) != 0) {
-    return path + " missing\n";
-  }
-  std::string out = path + " " + std::to_string(st.st_mode) + " " + std::to_string(st.st_size);
-  if (S_ISREG(st.st_mode)) {
-    return out + " " + veltest::readFile(path) + "\n";
-  }
-  out += "\n";
-  if (S_ISDIR(st.st_mode)) {
-    std::vector<std::string> names;
-    if (DIR* dir = ::opendir(path.c_str())) {
-      while (struct dirent* entry = ::readdir(dir)) {
-        std::string name = entry->d_name;
-        if (name != "." && name != "..") {
-          names.push_back(name);
-        }
-      }
-      ::closedir(dir);
-    }
-    std::sort(names.begin(), names.end());
-    for (const std::string& name : names) {
-      out += snapshot(path + "/" + name);
-    }
-  }
-  return out;
-}
 
 class AgentLinks : public ::testing::TestWithParam<bool> {
  protected:
@@ -88,7 +54,8 @@ TEST_P(AgentLinks, LinksLeavingTheStoreOrTheMirrorRefuseEveryCommandAndChangeNot
   veltest::writeFile(mirror + "/ext/f", "upload me");
   veltest::makeDirs(mirror + "/in");
   veltest::writeFile(mirror + "/in/f", "mirror f");
-  const std::string before = snapshot(outside);
+  const veltest::Tree before = veltest::snapshot(outside);
+  const int outsideMode = veltest::permissionsOf(outside);
 
   AgentConnection c(agent.socketPath());
   ASSERT_TRUE(c.connected());
@@ -127,7 +94,8 @@ TEST_P(AgentLinks, LinksLeavingTheStoreOrTheMirrorRefuseEveryCommandAndChangeNot
     EXPECT_EQ("-ERR path refused: '" + attempt.second + "'", c.ask(args))
         << args[0] << " " << args[2] << " " << args.back();
   }
-  EXPECT_EQ(before, snapshot(outside));
+  EXPECT_TRUE(before == veltest::snapshot(outside));
+  EXPECT_EQ(outsideMode, veltest::permissionsOf(outside));
   EXPECT_FALSE(veltest::pathExists(store + "/in/stolen"));
   EXPECT_EQ("inside", veltest::readFile(store + "/in/f"));
 }

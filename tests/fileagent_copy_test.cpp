@@ -1,11 +1,9 @@
 // Copies through the file agent are whole or absent: an agent killed at any
 // moment of an upload or a download, or one that runs out of disk, leaves
 // the target with its old content or the new one, never a prefix.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <chrono>
 #include <random>
 #include <string>
@@ -20,8 +18,9 @@ namespace {
 using veltest::AgentConnection;
 using veltest::AgentFixture;
 using veltest::AgentOptions;
+using veltest::kSvc;
+using veltest::quiet;
 
-const std::string kSvc = "TestService";
 constexpr size_t kLarge = 64u << 20;
 
 // `size` bytes that differ from those of any other `seed`.
@@ -31,26 +30,6 @@ std::string content(char seed, size_t size) {
     out[i] = static_cast<char>(seed + i / 4096);
   }
   return out;
-}
-
-std::vector<std::string> namesIn(const std::string& folder) {
-  std::vector<std::string> names;
-  if (DIR* dir = ::opendir(folder.c_str())) {
-    while (struct dirent* entry = ::readdir(dir)) {
-      std::string name = entry->d_name;
-      if (name != "." && name != "..") {
-        names.push_back(name);
-      }
-    }
-    ::closedir(dir);
-  }
-  return names;
-}
-
-AgentOptions quiet() {
-  AgentOptions options;
-  options.captureLog = true;
-  return options;
 }
 
 // Kills the agent at random moments of `command` on `name`, which copies
@@ -131,12 +110,8 @@ TEST(AgentCopies, AFullDiskKeepsTheOldContentAndNoTemporaryFile) {
   EXPECT_EQ("+OK", c.ask({"tarn.downloadlocal", kSvc, "tiny"}));
   EXPECT_EQ(0640, veltest::permissionsOf(store + "/small"));
   EXPECT_EQ(0604, veltest::permissionsOf(mirror + "/tiny"));
-  std::vector<std::string> storeNames = namesIn(store);
-  std::vector<std::string> mirrorNames = namesIn(mirror);
-  std::sort(storeNames.begin(), storeNames.end());
-  std::sort(mirrorNames.begin(), mirrorNames.end());
-  EXPECT_EQ((std::vector<std::string>{"down", "small", "tiny", "up"}), storeNames);
-  EXPECT_EQ((std::vector<std::string>{"down", "small", "tiny", "up"}), mirrorNames);
+  EXPECT_EQ((std::vector<std::string>{"down", "small", "tiny", "up"}), veltest::namesIn(store));
+  EXPECT_EQ((std::vector<std::string>{"down", "small", "tiny", "up"}), veltest::namesIn(mirror));
 }
 
 }  // namespace

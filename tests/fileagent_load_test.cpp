@@ -1,7 +1,6 @@
 // The file agent under load: a large copy does not hold up other clients,
 // requests and replies above the caps are refused with the agent's memory
 // bounded (read from /proc), and handles go with their connection.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,9 +23,10 @@ namespace {
 using veltest::AgentConnection;
 using veltest::AgentFixture;
 using veltest::AgentOptions;
+using veltest::kSvc;
+using veltest::quiet;
 using Clock = std::chrono::steady_clock;
 
-const std::string kSvc = "TestService";
 constexpr long long kMiB = 1024;  // in the KiB of /proc
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -57,21 +57,7 @@ long long statusKiB(pid_t pid, const std::string& field) {
 }
 
 size_t openDescriptors(pid_t pid) {
-  size_t count = 0;
-  if (DIR* dir = ::opendir(("/proc/" + std::to_string(pid) + "/fd").c_str())) {
-    while (::readdir(dir) != nullptr) {
-      ++count;
-    }
-    ::closedir(dir);
-  }
-  return count;
-}
-
-AgentOptions quiet(std::vector<std::string> args = {}) {
-  AgentOptions options;
-  options.args = std::move(args);
-  options.captureLog = true;
-  return options;
+  return veltest::namesIn("/proc/" + std::to_string(pid) + "/fd").size();
 }
 
 // Runs `client` on `count` threads at once.
@@ -102,13 +88,10 @@ TEST(AgentLoad, ASmallStatIsAnsweredWithinItsTimeOutWhileALargeCopyRuns) {
   // Wait for the copy to have begun writing into the mirror.
   bool writing = false;
   for (auto until = Clock::now() + std::chrono::seconds(10); !writing && Clock::now() < until;) {
-    if (DIR* dir = ::opendir(agent.mirror().c_str())) {
-      while (struct dirent* entry = ::readdir(dir)) {
-        struct stat st;
-        std::string path = agent.mirror() + "/" + entry->d_name;
-        writing |= ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0;
-      }
-      ::closedir(dir);
+    for (const std::string& name : veltest::namesIn(agent.mirror())) {
+      struct stat st;
+      std::string path = agent.mirror() + "/" + name;
+      writing |= ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0;
     }
   }
   ASSERT_TRUE(writing);

@@ -25,10 +25,9 @@
 namespace {
 
 using veltest::AgentFixture;
+using veltest::kSvc;
 using Args = std::vector<std::string>;
 using Context = std::unique_ptr<redisContext, void (*)(redisContext*)>;
-
-const std::string kSvc = "TestService";
 
 Context open(const std::string& socket) {
   struct timeval timeout = {10, 0};

@@ -29,6 +29,18 @@ struct AgentOptions {
   WebDavServerOptions server;  // that server's login and HTTPS
 };
 
+// The service every request names.
+inline const std::string kSvc = "TestService";
+
+// Options whose agent writes its standard error to agentLogPath(), out of
+// the test's output, with `args` added to its command line.
+inline AgentOptions quiet(std::vector<std::string> args = {}) {
+  AgentOptions options;
+  options.args = std::move(args);
+  options.captureLog = true;
+  return options;
+}
+
 // Starts the agent (VEL_AGENT_BIN) in a fresh temporary directory with
 // store/, mirror/, uds/ and log/; socket uds/velfileagent/velfileagent.sock.
 // Waits for "ready". The destructor stops it (SIGTERM, waits) and removes the directory.

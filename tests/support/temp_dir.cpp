@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -84,19 +85,63 @@ void removeTree(const std::string& path) {
   }
   if (S_ISDIR(st.st_mode)) {
     ::chmod(path.c_str(), 0700);  // make a read-only directory removable
-    if (DIR* dir = ::opendir(path.c_str())) {
-      while (struct dirent* entry = ::readdir(dir)) {
-        std::string name = entry->d_name;
-        if (name != "." && name != "..") {
-          removeTree(path + "/" + name);
-        }
-      }
-      ::closedir(dir);
+    for (const std::string& name : namesIn(path)) {
+      removeTree(path + "/" + name);
     }
     ::rmdir(path.c_str());
   } else {
     ::unlink(path.c_str());
   }
+}
+
+std::vector<std::string> namesIn(const std::string& path) {
+  std::vector<std::string> names;
+  if (DIR* dir = ::opendir(path.c_str())) {
+    while (struct dirent* entry = ::readdir(dir)) {
+      std::string name = entry->d_name;
+      if (name != "." && name != "..") {
+        names.push_back(name);
+      }
+    }
+    ::closedir(dir);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+namespace {
+
+void walk(const std::string& root, const std::string& rel, Tree& tree) {
+  for (const std::string& name : namesIn(rel.empty() ? root : root + "/" + rel)) {
+    const std::string path = rel.empty() ? name : rel + "/" + name;
+    const std::string full = root + "/" + path;
+    struct stat st;
+    if (::lstat(full.c_str(), &st) != 0) {
+      continue;
+    }
+    Node& node = tree[path];
+    node.mode = static_cast<int>(st.st_mode & 07777);
+    if (S_ISDIR(st.st_mode)) {
+      node.type = 'd';
+      walk(root, path, tree);
+    } else if (S_ISLNK(st.st_mode)) {
+      node.type = 'l';
+      char target[4096];
+      ssize_t n = ::readlink(full.c_str(), target, sizeof target);
+      node.content.assign(target, n > 0 ? static_cast<size_t>(n) : 0);
+    } else {
+      node.type = 'f';
+      node.content = readFile(full);
+    }
+  }
+}
+
+}  // namespace
+
+Tree snapshot(const std::string& root) {
+  Tree tree;
+  walk(root, "", tree);
+  return tree;
 }
 
 }  // namespace veltest

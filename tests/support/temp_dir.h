@@ -1,11 +1,13 @@
 // Test helpers: a temporary directory removed with its contents, a scoped
-// environment variable, and small file helpers.
+// environment variable, small file helpers and a snapshot of a folder.
 #ifndef VEL_TESTS_SUPPORT_TEMP_DIR_H_
 #define VEL_TESTS_SUPPORT_TEMP_DIR_H_
 
 #include <sys/stat.h>
 
+#include <map>
 #include <string>
+#include <vector>
 
 namespace veltest {
 
@@ -53,6 +55,23 @@ int permissionsOf(const std::string& path);
 void makeDirs(const std::string& path, mode_t mode = 0755);
 // Removes `path` and everything below it; no error when absent.
 void removeTree(const std::string& path);
+// The names in the folder `path` but "." and "..", sorted; none when it
+// cannot be read.
+std::vector<std::string> namesIn(const std::string& path);
+
+// What one path holds.
+struct Node {
+  char type = '?';      // 'f' file, 'd' directory, 'l' symbolic link
+  int mode = 0;         // permission bits
+  std::string content;  // a file's bytes, a link's target
+  bool operator==(const Node& other) const {
+    return type == other.type && mode == other.mode && content == other.content;
+  }
+};
+// Every path below a folder, relative to it.
+using Tree = std::map<std::string, Node>;
+// What is below `root` now; links are not followed.
+Tree snapshot(const std::string& root);
 
 }  // namespace veltest
 

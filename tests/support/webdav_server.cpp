@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <curl/curl.h>
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -16,6 +15,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -85,28 +85,11 @@ bool asRoot() { return ::geteuid() == 0; }
 
 // Gives `path` and everything below it to `uid`, never following a link.
 void chownTree(const std::string& path, uid_t uid, gid_t gid) {
-  struct stat st;
-  if (::lstat(path.c_str(), &st) != 0) {
-    return;
-  }
-  if (::lchown(path.c_str(), uid, gid) != 0) {
-    return;
-  }
-  if (!S_ISDIR(st.st_mode)) {
-    return;
-  }
-  std::vector<std::string> names;
-  if (DIR* dir = ::opendir(path.c_str())) {
-    while (struct dirent* entry = ::readdir(dir)) {
-      std::string name = entry->d_name;
-      if (name != "." && name != "..") {
-        names.push_back(name);
-      }
-    }
-    ::closedir(dir);
-  }
-  for (const std::string& name : names) {
-    chownTree(path + "/" + name, uid, gid);
+  ::lchown(path.c_str(), uid, gid);
+  std::error_code error;
+  for (std::filesystem::recursive_directory_iterator it(path, error), end; !error && it != end;
+       it.increment(error)) {
+    ::lchown(it->path().c_str(), uid, gid);
   }
 }
 
