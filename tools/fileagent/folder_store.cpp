@@ -54,6 +54,20 @@ int readFolder(int dirFd, std::vector<StoreEntry>& out) {
   return errno;
 }
 
+// Where a path stands beneath the store: the folder that holds it, its
+// name there, and 0 or the errno of Root::locate.
+struct Place {
+  UniqueFd dir;
+  std::string name;
+  int err = 0;
+};
+
+Place locate(const Root& root, const std::string& path, bool followLast) {
+  Place place;
+  place.err = root.locate(path, followLast, place.dir, place.name);
+  return place;
+}
+
 // The entries of the folder `name` in `dirFd` (never through a link), and
 // in `sub` that folder. 0 or errno.
 int readSubFolder(int dirFd, const std::string& name, UniqueFd& sub,
@@ -224,9 +238,7 @@ Status FolderStore::list(const std::string& path, std::vector<StoreEntry>& out) 
 }
 
 Status FolderStore::download(const std::string& path, AtomicFile& target, StoreStat& copied) {
-  UniqueFd dir;
-  std::string name;
-  int err = root_.locate(path, true, dir, name);
+  auto [dir, name, err] = locate(root_, path, true);
   if (err != 0) {
     return Status::fromResolve(err);
   }
@@ -247,9 +259,7 @@ Status FolderStore::download(const std::string& path, AtomicFile& target, StoreS
 }
 
 Status FolderStore::upload(int source, const std::string& path, mode_t mode) {
-  UniqueFd dir;
-  std::string name;
-  int err = root_.locate(path, true, dir, name);
+  auto [dir, name, err] = locate(root_, path, true);
   if (err != 0) {
     return Status::fromResolve(err);
   }
@@ -292,9 +302,7 @@ Status FolderStore::makeDirs(const std::string& path) {
 }
 
 Status FolderStore::createFile(const std::string& path, mode_t mode) {
-  UniqueFd dir;
-  std::string name;
-  int err = root_.locate(path, true, dir, name);
+  auto [dir, name, err] = locate(root_, path, true);
   if (err != 0) {
     return placeFailure(err);
   }
@@ -304,17 +312,13 @@ Status FolderStore::createFile(const std::string& path, mode_t mode) {
 }
 
 Status FolderStore::move(const std::string& from, const std::string& to) {
-  UniqueFd fromDir;
-  UniqueFd toDir;
-  std::string fromName;
-  std::string toName;
-  int err = root_.locate(from, false, fromDir, fromName);
+  auto [fromDir, fromName, err] = locate(root_, from, false);
   if (err != 0) {
     return Status::fromResolve(err);
   }
-  err = root_.locate(to, false, toDir, toName);
-  if (err != 0) {
-    return placeFailure(err);
+  auto [toDir, toName, toErr] = locate(root_, to, false);
+  if (toErr != 0) {
+    return placeFailure(toErr);
   }
   if (::renameat(fromDir.get(), fromName.c_str(), toDir.get(), toName.c_str()) != 0) {
     return Status::fromErrno(errno);
@@ -323,9 +327,7 @@ Status FolderStore::move(const std::string& from, const std::string& to) {
 }
 
 Status FolderStore::chmod(const std::string& path, mode_t mode) {
-  UniqueFd dir;
-  std::string name;
-  int err = root_.locate(path, true, dir, name);
+  auto [dir, name, err] = locate(root_, path, true);
   if (err != 0) {
     return Status::fromResolve(err);
   }
@@ -349,9 +351,7 @@ Status FolderStore::chmod(const std::string& path, mode_t mode) {
 }
 
 Status FolderStore::remove(const std::string& path, bool recursive) {
-  UniqueFd dir;
-  std::string name;
-  int err = root_.locate(path, false, dir, name);
+  auto [dir, name, err] = locate(root_, path, false);
   if (err == ENOENT || err == ENOTDIR) {
     return Status::ok();
   }
@@ -387,9 +387,7 @@ Status FolderStore::remove(const std::string& path, bool recursive) {
 
 Status FolderStore::open(const std::string& path, const OpenMode& mode,
                          std::unique_ptr<StoreHandle>& out) {
-  UniqueFd dir;
-  std::string name;
-  int err = root_.locate(path, true, dir, name);
+  auto [dir, name, err] = locate(root_, path, true);
   if (err != 0) {
     return placeFailure(err);
   }
