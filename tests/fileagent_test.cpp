@@ -1,12 +1,9 @@
-// The reference file agent through a raw hiredis connection: concurrent
+// The reference file agent through connections of its own: concurrent
 // clients, malformed input, refused paths, shutdown and its options. Its
 // commands, journal and reply rules are exercised by the agent-connection and
 // remote tests that rely on them.
 #include <gtest/gtest.h>
-#include <hiredis/hiredis.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -24,66 +21,19 @@
 
 namespace {
 
+using veltest::AgentConnection;
 using veltest::AgentFixture;
 using veltest::kSvc;
 using Args = std::vector<std::string>;
-using Context = std::unique_ptr<redisContext, void (*)(redisContext*)>;
 
-Context open(const std::string& socket) {
-  struct timeval timeout = {10, 0};
-  Context ctx(redisConnectUnixWithTimeout(socket.c_str(), timeout), redisFree);
-  if (ctx != nullptr && ctx->err == 0) {
-    redisSetTimeout(ctx.get(), timeout);
-  }
-  return ctx;
-}
-
-// One request; the reply as "+status", "-error" or "$string" (other kinds
-// as "?"), and "" when none came (connection closed).
-std::string ask(const Context& ctx, const Args& args) {
-  std::vector<const char*> argv;
-  std::vector<size_t> lengths;
-  for (const std::string& arg : args) {
-    argv.push_back(arg.data());
-    lengths.push_back(arg.size());
-  }
-  auto* r = static_cast<redisReply*>(
-      redisCommandArgv(ctx.get(), static_cast<int>(argv.size()), argv.data(), lengths.data()));
-  if (r == nullptr) {
-    return "";
-  }
-  const char* kind = r->type == REDIS_REPLY_STATUS   ? "+"
-                     : r->type == REDIS_REPLY_ERROR  ? "-"
-                     : r->type == REDIS_REPLY_STRING ? "$"
-                                                     : "?";
-  std::string out = kind + (r->str != nullptr ? std::string(r->str, r->len) : "");
-  freeReplyObject(r);
-  return out;
-}
-
-// Sends raw bytes on a fresh socket and returns everything the agent sends
-// back until it closes the connection; "<still open>" is appended when it
-// has not closed it after `waitMs`.
+// Sends raw bytes on a fresh connection: everything the agent sends back
+// until it closes the connection, and "<still open>" when it has not
+// closed it after `waitMs`.
 std::string rawExchange(const std::string& socket, const std::string& bytes, int waitMs = 5000) {
-  int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-  struct sockaddr_un addr;
-  std::memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  std::strncpy(addr.sun_path, socket.c_str(), sizeof addr.sun_path - 1);
-  std::string out;
-  if (::connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) == 0 &&
-      ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size())) {
-    struct timeval timeout = {waitMs / 1000, (waitMs % 1000) * 1000};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    char buffer[4096];
-    ssize_t n;
-    while ((n = ::recv(fd, buffer, sizeof buffer, 0)) > 0) {
-      out.append(buffer, static_cast<size_t>(n));
-    }
-    out += n < 0 ? "<still open>" : "";
-  }
-  ::close(fd);
-  return out;
+  AgentConnection c(socket);
+  bool closed = false;
+  std::string out = c.sendRaw(bytes) ? c.rawUntilClosed(waitMs, closed) : "";
+  return out + (closed ? "" : "<still open>");
 }
 
 TEST(FileAgent, ServesConcurrentClientsAndADelayDoesNotBlockOthers) {
@@ -92,7 +42,7 @@ TEST(FileAgent, ServesConcurrentClientsAndADelayDoesNotBlockOthers) {
   ASSERT_TRUE(agent.ready());
   std::atomic<bool> slowDone{false};
   std::thread slow([&] {
-    EXPECT_EQ("$late", ask(open(agent.socketPath()), {"tarn.metadata", kSvc, "slow"}));
+    EXPECT_EQ("$late", AgentConnection(agent.socketPath()).ask({"tarn.metadata", kSvc, "slow"}));
     slowDone = true;
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -102,11 +52,11 @@ TEST(FileAgent, ServesConcurrentClientsAndADelayDoesNotBlockOthers) {
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
-      Context c = open(agent.socketPath());
+      AgentConnection c(agent.socketPath());
       for (int i = 0; i < kRounds; ++i) {
         std::string dir = "t" + std::to_string(t) + "/n" + std::to_string(i);
-        good += ask(c, {"tarn.createinfo", kSvc, dir, "dir"}) == "+OK" &&
-                ask(c, {"tarn.metadata", kSvc, dir}).find("\"Kind\":\"dir\"") != std::string::npos;
+        good += c.ask({"tarn.createinfo", kSvc, dir, "dir"}) == "+OK" &&
+                c.ask({"tarn.metadata", kSvc, dir}).find("\"Kind\":\"dir\"") != std::string::npos;
       }
     });
   }
@@ -137,8 +87,8 @@ TEST(FileAgent, MalformedInputGetsAnErrorAndNeverStopsTheAgent) {
   }
   EXPECT_EQ("<still open>", rawExchange(sock, "*2\r\n$4\r\ntarn", 300));  // waits for the rest
 
-  Context c = open(sock);
-  EXPECT_EQ("+OK", ask(c, {"tarn.createinfo", kSvc, "alive", "dir"}));  // still served
+  AgentConnection c(sock);
+  EXPECT_EQ("+OK", c.ask({"tarn.createinfo", kSvc, "alive", "dir"}));  // still served
 }
 
 TEST(FileAgent, PathsLeavingTheStoreOrMirrorAreRefused) {
@@ -146,7 +96,7 @@ TEST(FileAgent, PathsLeavingTheStoreOrMirrorAreRefused) {
   ASSERT_TRUE(agent.ready());
   veltest::writeFile(agent.root() + "/outside", "keep");
   veltest::makeDirs(agent.store() + "/in");
-  Context c = open(agent.socketPath());
+  AgentConnection c(agent.socketPath());
   const std::vector<Args> attempts = {
       {"tarn.metadata", kSvc, "../outside"},
       {"tarn.dir", kSvc, "..", "false"},
@@ -158,7 +108,7 @@ TEST(FileAgent, PathsLeavingTheStoreOrMirrorAreRefused) {
       {"tarn.createinfo", kSvc, "../made", "dir"},
   };
   for (const Args& args : attempts) {
-    const std::string answer = ask(c, args);
+    const std::string answer = c.ask(args);
     EXPECT_EQ("-", answer.substr(0, 1)) << args[0] << " " << args[2] << ": " << answer;
     EXPECT_NE(std::string::npos, answer.find("refused")) << answer;
   }
@@ -176,10 +126,10 @@ TEST(FileAgent, RulesPickTheNthRequestAndShapeRawOrTricklingReplies) {
                           "trickle_ms": 150}])");
   ASSERT_TRUE(agent.ready());
   veltest::makeDirs(agent.store() + "/d");
-  Context c = open(agent.socketPath());
+  AgentConnection c(agent.socketPath());
   std::vector<std::string> answers;
   for (int i = 0; i < 4; ++i) {
-    answers.push_back(ask(c, {"tarn.metadata", kSvc, "missing"}));
+    answers.push_back(c.ask({"tarn.metadata", kSvc, "missing"}));
   }
   EXPECT_EQ((std::vector<std::string>{"$file not found", "-ERR injected", "-ERR injected",
                                       "$file not found"}),
@@ -190,7 +140,7 @@ TEST(FileAgent, RulesPickTheNthRequestAndShapeRawOrTricklingReplies) {
                                   1000)
                           .substr(0, 4));
   auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ("+OK", ask(c, {"tarn.chmod", kSvc, "420", "d"}));
+  EXPECT_EQ("+OK", c.ask({"tarn.chmod", kSvc, "420", "d"}));
   // "+OK\r\n" is five bytes, each after its own pause.
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(700));
 }
@@ -203,10 +153,12 @@ TEST(FileAgent, RulesWithANumberBeyondItsRangeAreIgnored) {
   options.captureLog = true;
   AgentFixture agent(options);
   ASSERT_TRUE(agent.ready());
-  EXPECT_EQ("$file not found", ask(open(agent.socketPath()), {"tarn.metadata", kSvc, "missing"}));
+  EXPECT_EQ("$file not found",
+            AgentConnection(agent.socketPath()).ask({"tarn.metadata", kSvc, "missing"}));
   agent.setRules(
       R"([{"match": ["tarn.metadata"], "skip": 18446744073709551615, "reply": ["int", 1]}])");
-  EXPECT_EQ("$file not found", ask(open(agent.socketPath()), {"tarn.metadata", kSvc, "missing"}));
+  EXPECT_EQ("$file not found",
+            AgentConnection(agent.socketPath()).ask({"tarn.metadata", kSvc, "missing"}));
   EXPECT_NE(std::string::npos, agent.agentLog().find("ignoring rules file"));
 }
 
@@ -215,7 +167,7 @@ TEST(FileAgent, StopSignalsEndItCleanlyAndRemoveTheSocket) {
   AgentFixture agent(R"([{"match": ["tarn.dir"], "delay_ms": 60000}])");
   ASSERT_TRUE(agent.ready());
   std::thread waiting([&] {
-    EXPECT_EQ("", ask(open(agent.socketPath()), {"tarn.dir", kSvc, "", "false"}));
+    EXPECT_EQ("", AgentConnection(agent.socketPath()).ask({"tarn.dir", kSvc, "", "false"}));
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   auto start = std::chrono::steady_clock::now();
@@ -243,10 +195,10 @@ TEST(FileAgent, LogsOneLineEachForStartStopAndEveryRefusedRequest) {
   options.captureLog = true;
   AgentFixture agent(options);
   ASSERT_TRUE(agent.ready());
-  Context c = open(agent.socketPath());
-  EXPECT_EQ("-ERR path refused: '../x y'", ask(c, {"tarn.metadata", kSvc, "../x\ny"}));
-  EXPECT_EQ("-ERR unknown service 'Other'", ask(c, {"tarn.metadata", "Other", "a"}));
-  EXPECT_EQ("$file not found", ask(c, {"tarn.metadata", kSvc, "a"}));  // not refused
+  AgentConnection c(agent.socketPath());
+  EXPECT_EQ("-ERR path refused: '../x y'", c.ask({"tarn.metadata", kSvc, "../x\ny"}));
+  EXPECT_EQ("-ERR unknown service 'Other'", c.ask({"tarn.metadata", "Other", "a"}));
+  EXPECT_EQ("$file not found", c.ask({"tarn.metadata", kSvc, "a"}));  // not refused
   const std::string started = "velfileagent: started, pid " + std::to_string(agent.pid()) + ",";
   agent.stop();
   std::vector<std::string> lines;

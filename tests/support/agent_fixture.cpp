@@ -204,7 +204,7 @@ std::string encodeRequest(const std::vector<std::string>& args) {
   return out;
 }
 
-AgentConnection::AgentConnection(const std::string& socketPath) {
+AgentConnection::AgentConnection(const std::string& socketPath) : reader_(redisReaderCreate()) {
   struct sockaddr_un addr;
   std::memset(&addr, 0, sizeof addr);
   addr.sun_family = AF_UNIX;
@@ -215,7 +215,10 @@ AgentConnection::AgentConnection(const std::string& socketPath) {
   }
 }
 
-AgentConnection::~AgentConnection() { close(); }
+AgentConnection::~AgentConnection() {
+  close();
+  redisReaderFree(reader_);
+}
 
 void AgentConnection::close() {
   if (fd_ >= 0) {
@@ -243,88 +246,87 @@ bool AgentConnection::send(const std::vector<std::string>& args) {
   return sendRaw(encodeRequest(args));
 }
 
-bool AgentConnection::fill(size_t want, int timeoutMs) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (buffer_.size() < want) {
-    long long left = millisLeft(deadline);
+long AgentConnection::receive(char* chunk, size_t size,
+                              std::chrono::steady_clock::time_point deadline) {
+  for (;;) {
+    const long long left = millisLeft(deadline);
     struct pollfd pfd = {fd_, POLLIN, 0};
-    if (fd_ < 0 || left <= 0 || ::poll(&pfd, 1, static_cast<int>(left)) <= 0) {
-      return false;
+    const int ready = fd_ >= 0 && left > 0 ? ::poll(&pfd, 1, static_cast<int>(left)) : 0;
+    if (ready < 0 && errno == EINTR) {
+      continue;
     }
-    char chunk[65536];
-    ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
-    if (n <= 0) {
-      return false;
-    }
-    buffer_.append(chunk, static_cast<size_t>(n));
+    const ssize_t n = ready > 0 ? ::recv(fd_, chunk, size, 0) : -1;
+    return n < 0 && errno == ECONNRESET ? 0 : static_cast<long>(n);
   }
-  return true;
 }
 
-bool AgentConnection::line(std::string& out, int timeoutMs) {
-  size_t end;
-  while ((end = buffer_.find("\r\n")) == std::string::npos) {
-    if (!fill(buffer_.size() + 1, timeoutMs)) {
-      return false;
+namespace {
+
+// A reply in the form AgentConnection::reply() gives.
+std::string describe(const redisReply* reply) {
+  switch (reply->type) {
+    case REDIS_REPLY_STATUS:
+      return "+" + std::string(reply->str, reply->len);
+    case REDIS_REPLY_ERROR:
+      return "-" + std::string(reply->str, reply->len);
+    case REDIS_REPLY_STRING:
+      return "$" + std::string(reply->str, reply->len);
+    case REDIS_REPLY_INTEGER:
+      return ":" + std::to_string(reply->integer);
+    case REDIS_REPLY_ARRAY: {
+      std::string out = "*";
+      for (size_t i = 0; i < reply->elements; ++i) {
+        out += "\n" + describe(reply->element[i]).substr(1);
+      }
+      return out;
     }
+    default:
+      return "$nil";
   }
-  out = buffer_.substr(0, end);
-  buffer_.erase(0, end + 2);
-  return true;
 }
+
+}  // namespace
 
 std::string AgentConnection::reply(int timeoutMs) {
-  std::string head;
-  if (!line(head, timeoutMs) || head.empty()) {
-    return "";
-  }
-  if (head[0] == '$') {
-    long long size = std::atoll(head.c_str() + 1);
-    if (size < 0) {
-      return "$nil";
-    }
-    if (!fill(static_cast<size_t>(size) + 2, timeoutMs)) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  char chunk[1 << 16];
+  for (;;) {
+    void* raw = nullptr;
+    if (redisReaderGetReply(reader_, &raw) != REDIS_OK) {
       return "";
     }
-    std::string data = "$" + buffer_.substr(0, static_cast<size_t>(size));
-    buffer_.erase(0, static_cast<size_t>(size) + 2);
-    return data;
-  }
-  if (head[0] == '*') {
-    std::string out = "*";
-    for (long long i = 0, n = std::atoll(head.c_str() + 1); i < n; ++i) {
-      std::string item = reply(timeoutMs);
-      if (item.empty()) {
-        return "";
-      }
-      out += "\n" + item.substr(1);
+    if (raw != nullptr) {
+      const std::string out = describe(static_cast<redisReply*>(raw));
+      freeReplyObject(raw);
+      return out;
     }
-    return out;
+    const long n = receive(chunk, sizeof chunk, deadline);
+    if (n <= 0 || redisReaderFeed(reader_, chunk, static_cast<size_t>(n)) != REDIS_OK) {
+      return "";
+    }
   }
-  return head;
 }
 
 std::string AgentConnection::ask(const std::vector<std::string>& args, int timeoutMs) {
   return send(args) ? reply(timeoutMs) : "";
 }
 
-bool AgentConnection::closedByPeer(int timeoutMs) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  for (;;) {
-    long long left = millisLeft(deadline);
-    struct pollfd pfd = {fd_, POLLIN, 0};
-    if (fd_ < 0 || left <= 0 || ::poll(&pfd, 1, static_cast<int>(left)) <= 0) {
-      return false;
-    }
-    char chunk[65536];
-    ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
-    if (n == 0 || (n < 0 && errno == ECONNRESET)) {
-      return true;
-    }
-    if (n < 0) {
-      return false;
-    }
+std::string AgentConnection::rawUntilClosed(int timeoutMs, bool& closed) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  std::string out;
+  char chunk[4096];
+  long n;
+  while ((n = receive(chunk, sizeof chunk, deadline)) > 0) {
+    out.append(chunk, static_cast<size_t>(n));
   }
+  closed = n == 0;
+  return out;
+}
+
+bool AgentConnection::closedByPeer(int timeoutMs) {
+  bool closed = false;
+  rawUntilClosed(timeoutMs, closed);
+  return closed;
 }
 
 }  // namespace veltest

@@ -5,8 +5,10 @@
 #ifndef VEL_TESTS_SUPPORT_AGENT_FIXTURE_H_
 #define VEL_TESTS_SUPPORT_AGENT_FIXTURE_H_
 
+#include <hiredis/hiredis.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -95,8 +97,9 @@ class AgentFixture {
   int exitStatus_ = -1;
 };
 
-// One connection to the agent without hiredis, for tests that pipeline
-// requests, leave replies unread or need the raw form of a reply.
+// One connection to the agent, for tests that pipeline requests, leave
+// replies unread or send bytes of their own; replies are read with a
+// hiredis reader.
 class AgentConnection {
  public:
   explicit AgentConnection(const std::string& socketPath);
@@ -105,7 +108,6 @@ class AgentConnection {
   AgentConnection& operator=(const AgentConnection&) = delete;
 
   bool connected() const { return fd_ >= 0; }
-  int fd() const { return fd_; }
   // Sends one request without waiting for its reply; false when it could
   // not be sent whole.
   bool send(const std::vector<std::string>& args);
@@ -115,16 +117,19 @@ class AgentConnection {
   // connection ended or nothing came within `timeoutMs`.
   std::string reply(int timeoutMs = 10000);
   std::string ask(const std::vector<std::string>& args, int timeoutMs = 10000);
-  // True once the agent has closed the connection (reads its end).
+  // The bytes that come, unread by reply(), until the agent closes the
+  // connection (then `closed`) or `timeoutMs` pass.
+  std::string rawUntilClosed(int timeoutMs, bool& closed);
   bool closedByPeer(int timeoutMs);
   void close();
 
  private:
-  bool fill(size_t want, int timeoutMs);
-  bool line(std::string& out, int timeoutMs);
+  // Waits until `deadline` for bytes: how many came into `chunk`, 0 at
+  // the end of the stream, -1 on time-out or error.
+  long receive(char* chunk, size_t size, std::chrono::steady_clock::time_point deadline);
 
   int fd_ = -1;
-  std::string buffer_;
+  redisReader* reader_;
 };
 
 // The RESP bytes of a request.
