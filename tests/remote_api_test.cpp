@@ -64,7 +64,7 @@ TEST_P(RemoteApiTest, PullMakesParentsMovesConflictsAsideAndKeepsLocalOnlyFiles)
   EXPECT_EQ(readFile(mirror("solo")), "unsent solo");
 }
 
-TEST_P(RemoteApiTest, PushMakesDirectoriesBeforeTheirChildrenAndReportsTheLastEntry) {
+TEST_P(RemoteApiTest, PushMakesDirectoriesBeforeTheirChildren) {
   makeDirs(mirror("t/s"), 0750);
   ::chmod(mirror("t/s").c_str(), 0705);
   mirrorFile("t/a.txt", "alpha");
@@ -76,14 +76,6 @@ TEST_P(RemoteApiTest, PushMakesDirectoriesBeforeTheirChildrenAndReportsTheLastEn
       inOrder({"tarn.createinfo TestService t dir", "tarn.uploadlocal TestService t/a.txt"}));
   EXPECT_TRUE(inOrder({"tarn.createinfo TestService t dir", "tarn.createinfo TestService t/s dir",
                        "tarn.uploadlocal TestService t/s/z.txt"}));
-
-  // An earlier failure is forgotten, a failure of the last entry reported.
-  agent_->setRules(
-      R"([{"match": ["tarn.uploadlocal", "TestService", "t/a.txt"], "reply": ["status", "NO"]}])");
-  EXPECT_EQ(VEL::syncToServer("t", true), 0);
-  agent_->setRules(
-      R"([{"match": ["tarn.uploadlocal", "TestService", "t/s/z.txt"], "reply": ["status", "NO"]}])");
-  EXPECT_EQ(VEL::syncToServer("t", true), -6);
 }
 
 TEST_P(RemoteApiTest, QueriesAreAnsweredByTheServiceWithDecimalMasks) {
@@ -97,18 +89,11 @@ TEST_P(RemoteApiTest, QueriesAreAnsweredByTheServiceWithDecimalMasks) {
   EXPECT_EQ(st.st_mode, static_cast<mode_t>(0100644));
   ASSERT_EQ(VEL::stat("q", &st), 0);
   EXPECT_EQ(st.st_mode, static_cast<mode_t>(040751));
-  EXPECT_EQ(VEL::stat("q/mine", &st), -1);
-  EXPECT_EQ(VEL::exists("q/mine"), 0);
-  EXPECT_EQ(VEL::isFile("q/f"), 1);
-  EXPECT_EQ(VEL::isDirectory("q"), 1);
-  EXPECT_EQ(VEL::getmod("q/f"), 0644);
   EXPECT_EQ(VEL::getmod("q"), 0751);
+  EXPECT_EQ(VEL::stat("q/mine", &st), -1);  // the mirror is not asked
   // The masks are the decimal numbers 400, 200 and 100, not octal ones.
   EXPECT_EQ(VEL::access("q/g", 4), 0);
-  EXPECT_EQ(VEL::access("q/g", 2), 0);
   EXPECT_EQ(VEL::access("q/g", 1), -1);
-  EXPECT_EQ(VEL::access("q/f", 1), 0);
-  EXPECT_EQ(VEL::access("q/f", 6), -1);
 }
 
 // The service's time carries its UTC offset; the client's own time zone
@@ -117,19 +102,12 @@ TEST_P(RemoteApiTest, ModificationTimesFollowTheServicesUtcOffset) {
   agent_->setRules(
       R"([{"match": ["tarn.metadata"], "reply": ["bulk", "{\"Name\":\"t\",\"Kind\":\"file\",)"
       R"(\"Size\":1,\"LastModifiedTime\":\"2024-01-01T02:00:00+0200\",\"AccessAllowRoles\":\"\"}"]}])");
-  const char* oldZone = std::getenv("TZ");
-  const std::string kept = oldZone != nullptr ? oldZone : "";
   for (const char* zone : {"UTC0", "EST5", "JST-9"}) {
-    ::setenv("TZ", zone, 1);
+    veltest::ScopedEnv tz("TZ", zone);
     ::tzset();
     struct stat st;
     ASSERT_EQ(VEL::stat("t", &st), 0) << zone;
     EXPECT_EQ(st.st_mtime, 1704067200) << zone;  // 2024-01-01T00:00:00Z
-  }
-  if (oldZone != nullptr) {
-    ::setenv("TZ", kept.c_str(), 1);
-  } else {
-    ::unsetenv("TZ");
   }
   ::tzset();
 }
