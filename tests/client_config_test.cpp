@@ -1,32 +1,22 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <memory>
 #include <string>
 
 #include "base/tree_depth.h"
+#include "support/fake_client.h"
 #include "support/temp_dir.h"
 #include "vel/client_config.h"
 #include "vel/log.h"
 
 namespace {
 
-using veltest::readFile;
 using veltest::ScopedEnv;
-using veltest::TempDir;
 
 // Every case starts from a clean environment and a fresh log file.
 class ClientConfigTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    VEL::releaseLogger();
-    log_ = std::make_unique<ScopedEnv>("_APP_LOG_DIR", dir_.path().c_str());
-  }
-  void TearDown() override { VEL::releaseLogger(); }
-  std::string logText() const { return readFile(dir_.sub("velsdk.log")); }
-
-  TempDir dir_;
-  std::unique_ptr<ScopedEnv> log_;
+  veltest::LogCapture log_;
   ScopedEnv root_{"TARN_ROOT_DIR", nullptr};
   ScopedEnv timeout_{"TARN_TIME_OUT", nullptr};
   ScopedEnv host_{"LOCALHOST_FIXSERVERNAME", nullptr};
@@ -52,9 +42,9 @@ TEST_F(ClientConfigTest, DefaultsAndTheirDescription) {
   EXPECT_EQ('/', config.httpBaseUrl.back());
   // Without LOCALHOST_FIXSERVERNAME the "Tavora" type reports the default URL.
   EXPECT_NE(std::string::npos,
-            logText().find("ERROR [VEL] VELClient: Cannot get local ip address from "
-                           "'LOCALHOST_FIXSERVERNAME', httpBaseUrl=" +
-                           config.httpBaseUrl));
+            log_.text().find("ERROR [VEL] VELClient: Cannot get local ip address from "
+                             "'LOCALHOST_FIXSERVERNAME', httpBaseUrl=" +
+                             config.httpBaseUrl));
 }
 
 TEST_F(ClientConfigTest, TimeOutFromTheEnvironment) {
@@ -93,9 +83,9 @@ TEST_F(ClientConfigTest, RootThatCleansToTheFileSystemRootIsRefused) {
     config.loadConfig(nullptr);
     EXPECT_EQ("/opt/backup/vel", config.velRoot) << "TARN_ROOT_DIR=\"" << root << "\"";
     EXPECT_NE(std::string::npos,
-              logText().find("ERROR [VEL] VELClientConfig::loadConfig: Refused mirror root \"" +
-                             std::string(root) +
-                             "\", it is the file-system root; velRoot=/opt/backup/vel\n"))
+              log_.text().find("ERROR [VEL] VELClientConfig::loadConfig: Refused mirror root \"" +
+                               std::string(root) +
+                               "\", it is the file-system root; velRoot=/opt/backup/vel\n"))
         << root;
   }
 }
@@ -122,8 +112,8 @@ TEST_F(ClientConfigTest, ClientTypeFromTheInitMap) {
   lower.loadConfig({{"clientType", "local"}});
   EXPECT_EQ("Tavora", lower.clientType);
   EXPECT_NE(std::string::npos,
-            logText().find("ERROR [VEL] VELClientConfig::loadConfig: Invalid parameter "
-                           "\"clientType\"=local"));
+            log_.text().find("ERROR [VEL] VELClientConfig::loadConfig: Invalid parameter "
+                             "\"clientType\"=local"));
   // Other keys and other spellings of the key are not read.
   VEL::VELClientConfig other;
   other.loadConfig({{"ClientType", "Local"}, {"velRoot", "/x"}});
@@ -137,8 +127,8 @@ TEST_F(ClientConfigTest, ServerNameOnlyForTheTavoraType) {
   tavora.loadConfig(nullptr);
   EXPECT_EQ("https://10.0.0.5:18888/", tavora.httpBaseUrl);
   EXPECT_NE(std::string::npos,
-            logText().find("CALL [VEL] VELClient: LOCALHOST_FIXSERVERNAME=10.0.0.5, "
-                           "httpBaseUrl=https://10.0.0.5:18888/"));
+            log_.text().find("CALL [VEL] VELClient: LOCALHOST_FIXSERVERNAME=10.0.0.5, "
+                             "httpBaseUrl=https://10.0.0.5:18888/"));
   for (const char* type : {"Local", "TavoraEx"}) {
     VEL::VELClientConfig config;
     std::string before = config.httpBaseUrl;
@@ -180,8 +170,8 @@ TEST_F(ClientConfigTest, DescriptionTooLongIsCutAndLogged) {
   EXPECT_EQ(511u, text.size());
   EXPECT_EQ(0u, text.find("clientType=Tavora; algorithm=SHA-256; isReadOnly=0; httpBaseUrl="));
   EXPECT_NE(std::string::npos,
-            logText().find("ERROR [VEL] VELClientConfig::toString(), snprintf_s return -1, "
-                           "clientType=Tavora; algorithm=SHA-256; isReadOnly=0;"));
+            log_.text().find("ERROR [VEL] VELClientConfig::toString(), snprintf_s return -1, "
+                             "clientType=Tavora; algorithm=SHA-256; isReadOnly=0;"));
 }
 
 }  // namespace

@@ -94,10 +94,11 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  std::string text() const { return readFile(dir_.sub("velsdk.log")); }
+  std::string file() const { return dir_.sub("velsdk.log"); }
+  std::string text() const { return readFile(file()); }
   bool contains(const std::string& piece) const { return text().find(piece) != std::string::npos; }
-  size_t lines(const std::string& piece) const;            // lines that contain `piece`
-  void clear() { writeFile(dir_.sub("velsdk.log"), ""); }  // empties the file
+  size_t lines(const std::string& piece) const;  // lines that contain `piece`
+  void clear() { writeFile(file(), ""); }        // empties the file
 
  private:
   TempDir dir_;  // before env_, which is set to its path
