@@ -26,6 +26,7 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "support/agent_fixture.h"
@@ -179,55 +180,39 @@ struct Operation {
   bool movesMirrorFirst = false;
 };
 
-int32_t readWithFopen() {
-  FILE* in = VEL::fopen("t/a", "r");
-  if (in == nullptr) {
+// fopen of t/a in `mode`, a read or a write, and fclose: fclose's status,
+// or -1 when it did not open.
+int32_t throughFopen(const char* mode) {
+  FILE* f = VEL::fopen("t/a", mode);
+  if (f == nullptr) {
     return -1;
   }
   char buffer[64];
-  (void)std::fread(buffer, 1, sizeof buffer, in);
-  return VEL::fclose(in);
+  if (mode[0] == 'r') {
+    (void)std::fread(buffer, 1, sizeof buffer, f);
+  } else {
+    std::fputs("written by fopen", f);
+    std::fflush(f);  // the upload runs before the stream is closed
+  }
+  return VEL::fclose(f);
 }
 
-int32_t writeWithFopen() {
-  FILE* out = VEL::fopen("t/a", "w");
-  if (out == nullptr) {
+// A `Stream` on t/a in its default mode: a write when it can write, else a
+// read of a line, and close: 0, or -1 when it did not open or failed.
+template <typename Stream>
+int32_t throughStream() {
+  Stream stream("t/a");
+  if (!stream.is_open()) {
     return -1;
   }
-  std::fputs("written by fopen", out);
-  std::fflush(out);  // the upload runs before the stream is closed
-  return VEL::fclose(out);
-}
-
-int32_t readWithIfstream() {
-  VEL::ifstream in("t/a");
-  if (!in.is_open()) {
-    return -1;
+  if constexpr (std::is_base_of_v<std::ostream, Stream>) {
+    stream << "written by a stream";
+  } else {
+    std::string text;
+    std::getline(stream, text);
   }
-  std::string text;
-  std::getline(in, text);
-  in.close();
-  return in.fail() ? -1 : 0;
-}
-
-int32_t writeWithOfstream() {
-  VEL::ofstream out("t/a");
-  if (!out.is_open()) {
-    return -1;
-  }
-  out << "written by ofstream";
-  out.close();
-  return out.fail() ? -1 : 0;
-}
-
-int32_t updateWithFstream() {
-  VEL::fstream io("t/a", std::ios::in | std::ios::out);
-  if (!io.is_open()) {
-    return -1;
-  }
-  io << "written by fstream";
-  io.close();
-  return io.fail() ? -1 : 0;
+  stream.close();
+  return stream.fail() ? -1 : 0;
 }
 
 // newDir looks the directory up before creating it, only to tell whether it
@@ -245,14 +230,16 @@ const Operation kOperations[] = {
        return call.n < call.count ? Verdict::kSuccessMirrorKept : Verdict::kFailure;
      },
      "syncToServer reports the last entry's result; the last call sends the last entry"},
-    {"fopen for reading", readWithFopen, [](const Call&) { return Verdict::kSuccessMirrorKept; },
+    {"fopen for reading", [] { return throughFopen("r"); },
+     [](const Call&) { return Verdict::kSuccessMirrorKept; },
      "fopen opens the mirror copy when the pull fails; the failure is only logged"},
-    {"fopen for writing", writeWithFopen, [](const Call&) { return Verdict::kSuccess; },
+    {"fopen for writing", [] { return throughFopen("w"); },
+     [](const Call&) { return Verdict::kSuccess; },
      "the parent pull's result is ignored and fclose returns the system fclose's result"},
-    {"ifstream", readWithIfstream, nullptr, ""},
-    {"ofstream", writeWithOfstream, [](const Call&) { return Verdict::kSuccess; },
+    {"ifstream", throughStream<VEL::ifstream>, nullptr, ""},
+    {"ofstream", throughStream<VEL::ofstream>, [](const Call&) { return Verdict::kSuccess; },
      "the parent pull's result is ignored and a failed upload on close is only logged"},
-    {"fstream", updateWithFstream,
+    {"fstream", throughStream<VEL::fstream>,
      [](const Call& call) { return call.n == call.count ? Verdict::kSuccess : Verdict::kFailure; },
      "once the file is open, a failed upload on close is only logged"},
     {"rename of a file", [] { return VEL::rename("t/a", "t/a2"); },
@@ -343,15 +330,7 @@ class FaultMatrixBase : public ::testing::Test {
     EXPECT_EQ(status, 0) << op.name << " fails without faults";
     mirrorAfter = snapshot(agent_->mirror());
     storeAfter = snapshot(agent_->store());
-    std::vector<std::string> calls;
-    for (const std::vector<std::string>& request : agent_->journal()) {
-      std::string line;
-      for (const std::string& arg : request) {
-        line += (line.empty() ? "" : " ") + arg;
-      }
-      calls.push_back(line);
-    }
-    return calls;
+    return agent_->requests();
   }
 
   std::unique_ptr<veltest::AgentFixture> agent_;

@@ -97,15 +97,7 @@ class RemoteFixture : public ::testing::TestWithParam<StoreKind> {
   }
 
   // Every request so far, its arguments joined by single blanks.
-  std::vector<std::string> requests() const {
-    std::vector<std::string> joined;
-    for (const std::vector<std::string>& request : agent_->journal()) {
-      std::string line;
-      for (const std::string& arg : request) line += (line.empty() ? "" : " ") + arg;
-      joined.push_back(line);
-    }
-    return joined;
-  }
+  std::vector<std::string> requests() const { return agent_->requests(); }
   size_t countOf(const std::string& prefix) const {
     std::vector<std::string> all = requests();
     return std::count_if(all.begin(), all.end(), [&](const std::string& request) {

@@ -175,6 +175,18 @@ std::vector<std::vector<std::string>> AgentFixture::journal() const {
   return requests;
 }
 
+std::vector<std::string> AgentFixture::requests() const {
+  std::vector<std::string> joined;
+  for (const std::vector<std::string>& request : journal()) {
+    std::string line;
+    for (const std::string& arg : request) {
+      line += (line.empty() ? "" : " ") + arg;
+    }
+    joined.push_back(line);
+  }
+  return joined;
+}
+
 void AgentFixture::clearJournal() {
   // The agent appends, so cutting the file makes its next line the first.
   if (::truncate(journalPath().c_str(), 0) != 0) {

@@ -65,6 +65,7 @@ class AgentFixture {
   std::string journalPath() const;
   std::string rulesPath() const;
   std::vector<std::vector<std::string>> journal() const;  // every request so far
+  std::vector<std::string> requests() const;              // the same, arguments joined by blanks
   void clearJournal();
   void setRules(const std::string& rulesJson);  // applies to the next request
   void exportEnv() const;  // setenv UDS_ROOT_OSSUSER, TARN_ROOT_DIR (mirror), _APP_LOG_DIR
