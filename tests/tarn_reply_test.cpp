@@ -145,41 +145,15 @@ TEST(CappedReaderTest, RepliesWithinTheCapsAreWholeAndTheCountStartsAgain) {
 TEST(MetaDataReaders, TheFlatReaderAgreesWithTheJsonReaderOnEveryTextItTakes) {
   veltest::LogCapture log;
   static const std::vector<std::string> keys = {
-      "AccessAllowRoles", "Kind", "LastModifiedTime", "Name", "Size", "mode", "Link", "x", "",
-  };
+      "AccessAllowRoles", "Kind", "LastModifiedTime", "Name", "Size", "mode", "Link", "x", ""};
+  // clang-format off
   static const std::vector<std::string> values = {
-      R"("all")",
-      R"("file")",
-      R"("dir")",
-      R"("")",
-      R"("2024-03-05T09:07:41+0100")",
-      R"("a b")",
-      R"("\u0041")",
-      "\"\xc3\xa9\"",
-      "\"tab\there\"",
-      "0",
-      "420",
-      "-1",
-      "2147483647",
-      "2147483648",
-      "4294967295",
-      "4294967296",
-      "-2147483648",
-      "-2147483649",
-      "123456789012345678",
-      "1234567890123456789",
-      "007",
-      "-0",
-      "1.5",
-      "1e3",
-      "true",
-      "false",
-      "null",
-      "{}",
-      "[1]",
-      "-",
-      "12-3",
-  };
+      R"("all")", R"("file")", R"("dir")", R"("")", R"("2024-03-05T09:07:41+0100")", R"("a b")",
+      R"("\u0041")", "\"\xc3\xa9\"", "\"tab\there\"", "0", "420", "-1", "2147483647",
+      "2147483648", "4294967295", "4294967296", "-2147483648", "-2147483649",
+      "123456789012345678", "1234567890123456789", "007", "-0", "1.5", "1e3", "true", "false",
+      "null", "{}", "[1]", "-", "12-3"};
+  // clang-format on
   std::mt19937 rng(16);
   int flat = 0;
   int left = 0;
