@@ -11,6 +11,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -261,9 +262,9 @@ bool AgentConnection::send(const std::vector<std::string>& args) {
 long AgentConnection::receive(char* chunk, size_t size,
                               std::chrono::steady_clock::time_point deadline) {
   for (;;) {
-    const long long left = millisLeft(deadline);
+    const long long left = std::max(0LL, millisLeft(deadline));
     struct pollfd pfd = {fd_, POLLIN, 0};
-    const int ready = fd_ >= 0 && left > 0 ? ::poll(&pfd, 1, static_cast<int>(left)) : 0;
+    const int ready = fd_ >= 0 ? ::poll(&pfd, 1, static_cast<int>(left)) : 0;
     if (ready < 0 && errno == EINTR) {
       continue;
     }

@@ -115,7 +115,8 @@ class AgentConnection {
   bool sendRaw(const std::string& bytes);
   // The next reply: "+status", "-error", ":number", "$data", "$nil", or
   // "*" followed by the elements, each after a "\n"; "" when the
-  // connection ended or nothing came within `timeoutMs`.
+  // connection ended or nothing came within `timeoutMs` (0: nothing had
+  // come yet).
   std::string reply(int timeoutMs = 10000);
   std::string ask(const std::vector<std::string>& args, int timeoutMs = 10000);
   // The bytes that come, unread by reply(), until the agent closes the
