@@ -140,7 +140,9 @@ TEST_F(HooksTest, SyncFromServerPullsTheNodeThenTheTreeAndMovesALocalOnlyNodeAsi
   EXPECT_TRUE(veltest::pathExists(root_.path()));
 }
 
-TEST_F(HooksTest, SyncToServerSendsATreeBreadthFirst) {
+// A tree goes breadth-first; the last entry's result is the call's.
+TEST_F(HooksTest, SyncToServerSendsATreeBreadthFirstAndReportsTheLastEntrysResult) {
+  EXPECT_EQ(-11, VEL::syncToServer("missing", true));
   veltest::makeDirs(mirror("d/sub"));
   veltest::writeFile(mirror("d/f1"), "1");
   veltest::writeFile(mirror("d/sub/f2"), "2");
@@ -152,21 +154,13 @@ TEST_F(HooksTest, SyncToServerSendsATreeBreadthFirst) {
   // Within a level the listing order is free.
   std::sort(calls.begin() + 1, calls.begin() + 3);
   EXPECT_EQ((Calls{newDir("d", 0705), newDir("d/sub", 0750), put("d/f1"), put("d/sub/f2")}), calls);
-}
 
-TEST_F(HooksTest, SyncToServerReportsTheLastEntrysResult) {
-  EXPECT_EQ(-11, VEL::syncToServer("missing", true));
-
-  veltest::makeDirs(mirror("t/s"));
-  veltest::writeFile(mirror("t/a"), "a");
-  veltest::writeFile(mirror("t/s/b"), "b");
-  backend_.results[put("t/a")] = -6;
-  EXPECT_EQ(0, VEL::syncToServer("t", true));  // a later success clears the failure
-  backend_.results[put("t/s/b")] = -7;
-  EXPECT_EQ(-7, VEL::syncToServer("t", true));
-
+  backend_.results[put("d/f1")] = -6;
+  EXPECT_EQ(0, VEL::syncToServer("d", true));  // a later success clears the failure
+  backend_.results[put("d/sub/f2")] = -7;
+  EXPECT_EQ(-7, VEL::syncToServer("d", true));
   backend_.results["newDir"] = -12;  // already on the service: created
-  EXPECT_EQ(0, VEL::syncToServer("t/s", false));
+  EXPECT_EQ(0, VEL::syncToServer("d/sub", false));
 }
 
 TEST_F(HooksTest, OfstreamAnnouncesTheMirrorFileOnceAndUploadsOnClose) {

@@ -197,9 +197,8 @@ TEST_F(MutationTest, SafeRemovalMovesAsideIntactUnderTheFirstFreeName) {
   EXPECT_EQ("x", readFile(root_.sub("d.vel.keep.4294967295/inner/x")));
 
   EXPECT_EQ(0, VEL::safeRemoveLocalObj(root_.sub("nothing")));
-}
 
-TEST_F(MutationTest, SafeRemovalHundredTakenNamesGiveMinusNine) {
+  // A hundred taken names: -9, nothing deleted or replaced.
   writeFile(root_.sub("p"), "precious");
   writeFile(root_.sub("p.vel.keep.00000007"), "0");
   for (int i = 1; i < 100; ++i) {
@@ -207,7 +206,7 @@ TEST_F(MutationTest, SafeRemovalHundredTakenNamesGiveMinusNine) {
   }
   drawNext(7);
   EXPECT_EQ(-9, VEL::safeRemoveLocalObj(root_.sub("p")));
-  EXPECT_EQ("precious", readFile(root_.sub("p")));  // nothing deleted or replaced
+  EXPECT_EQ("precious", readFile(root_.sub("p")));
   EXPECT_TRUE(log_.contains("ERROR [VEL] safeRemoveLocalObj: fail from:" + root_.sub("p") +
                             " to:.vel.keep.00000007\n"));
   ::unlink(root_.sub("p.vel.keep.00000007_99").c_str());
