@@ -11,7 +11,6 @@
 #ifndef VEL_TESTS_REMOTE_FIXTURE_H_
 #define VEL_TESTS_REMOTE_FIXTURE_H_
 
-#include <glob.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -81,8 +80,7 @@ class RemoteFixture : public ::testing::TestWithParam<StoreKind> {
     handOver(rel, mode);
   }
   void storeFile(const std::string& rel, const std::string& content, mode_t mode = 0644) {
-    veltest::makeDirs(store(rel).substr(0, store(rel).rfind('/')), 0755);
-    veltest::writeFile(store(rel), content);
+    agent_->storeFile(rel, content);
     ::chmod(store(rel).c_str(), mode);
     handOver(rel, mode);
   }
@@ -123,14 +121,7 @@ class RemoteFixture : public ::testing::TestWithParam<StoreKind> {
   }
   // Mirror paths of the copies of `rel` kept aside under ".vel.keep.<8 digits>".
   std::vector<std::string> keptCopies(const std::string& rel) const {
-    glob_t found{};
-    std::string pattern = mirror(rel) + ".vel.keep.[0-9][0-9][0-9][0-9][0-9][0-9][0-9][0-9]*";
-    std::vector<std::string> kept;
-    if (::glob(pattern.c_str(), 0, nullptr, &found) == 0) {
-      kept.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
-    }
-    ::globfree(&found);
-    return kept;
+    return veltest::matching(mirror(rel) + ".vel.keep.[0-9][0-9][0-9][0-9][0-9][0-9][0-9][0-9]*");
   }
   // What `run` prints to standard output.
   template <typename Run>

@@ -3,7 +3,6 @@
 // a certificate of the test's own, names that need encoding, a server that
 // goes away in the middle of a download, and how HTTP answers map onto the
 // agent's replies.
-#include <glob.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -44,27 +43,6 @@ class WebDavStoreTest : public ::testing::Test {
     options.captureLog = true;
     return options;
   }
-
-  // Writes a file into the store folder and hands it to the server.
-  static void storeFile(const AgentFixture& agent, const std::string& rel,
-                        const std::string& content) {
-    std::string path = agent.store() + "/" + rel;
-    makeDirs(path.substr(0, path.rfind('/')));
-    writeFile(path, content);
-    if (agent.server() != nullptr) {
-      agent.server()->adopt();
-    }
-  }
-
-  static std::vector<std::string> partials(const std::string& folder) {
-    glob_t found{};
-    std::vector<std::string> names;
-    if (::glob((folder + "/.*.velpart.*").c_str(), 0, nullptr, &found) == 0) {
-      names.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
-    }
-    ::globfree(&found);
-    return names;
-  }
 };
 
 bool startsWith(const std::string& text, const std::string& prefix) {
@@ -75,7 +53,7 @@ TEST_F(WebDavStoreTest, WrongPasswordGivesAClearErrorAndNoCredentialIsShown) {
   const veltest::WebDavServerOptions login{"vel", "right horse battery", false};
   AgentFixture good(webdav(login));
   ASSERT_TRUE(good.ready());
-  storeFile(good, "f", "data");
+  good.storeFile("f", "data");
   AgentConnection ok(good.socketPath());
   EXPECT_NE(ok.ask({"tarn.metadata", "TestService", "f"}).find("\"Kind\":\"file\""),
             std::string::npos);
@@ -86,7 +64,7 @@ TEST_F(WebDavStoreTest, WrongPasswordGivesAClearErrorAndNoCredentialIsShown) {
   options.args = {"--webdav-password-file", secrets.sub("wrong")};
   AgentFixture bad(options);
   ASSERT_TRUE(bad.ready());
-  storeFile(bad, "f", "data");
+  bad.storeFile("f", "data");
   AgentConnection c(bad.socketPath());
   const std::string unauthorized = "-ERR webdav: 401 Unauthorized";
   EXPECT_EQ(c.ask({"tarn.metadata", "TestService", "f"}), unauthorized);
@@ -116,7 +94,7 @@ TEST_F(WebDavStoreTest, HttpsWorksWithTheGivenCertificateOnly) {
   AgentFixture trusted(webdav(tls));
   ASSERT_TRUE(trusted.ready());
   ASSERT_TRUE(startsWith(trusted.server()->url(), "https://"));
-  storeFile(trusted, "s/f", "over TLS");
+  trusted.storeFile("s/f", "over TLS");
   AgentConnection c(trusted.socketPath());
   EXPECT_EQ(c.ask({"tarn.downloadlocal", "TestService", "s"}), "+OK");
   EXPECT_EQ(c.ask({"tarn.downloadlocal", "TestService", "s/f"}), "+OK");
@@ -145,8 +123,8 @@ TEST_F(WebDavStoreTest, NamesThatNeedEncodingMatchTheFolderStore) {
   ASSERT_TRUE(dav.ready());
   ASSERT_TRUE(folder.ready());
   for (const std::string& rel : files) {
-    storeFile(dav, rel, "bytes of " + rel);
-    storeFile(folder, rel, "bytes of " + rel);
+    dav.storeFile(rel, "bytes of " + rel);
+    folder.storeFile(rel, "bytes of " + rel);
   }
   AgentConnection d(dav.socketPath());
   AgentConnection f(folder.socketPath());
@@ -194,7 +172,7 @@ TEST_F(WebDavStoreTest, ServerStoppingMidDownloadLeavesTheOldCopy) {
   AgentFixture agent(webdav());
   ASSERT_TRUE(agent.ready());
   const std::string fresh(160 * 1024, 'n');  // sent at 64 KiB/s: about 2.5 s
-  storeFile(agent, "ratelimited-doc", fresh);
+  agent.storeFile("ratelimited-doc", fresh);
   writeFile(agent.mirror() + "/ratelimited-doc", "old copy");
   AgentConnection c(agent.socketPath());
   ASSERT_TRUE(c.send({"tarn.downloadlocal", "TestService", "ratelimited-doc"}));
@@ -203,7 +181,7 @@ TEST_F(WebDavStoreTest, ServerStoppingMidDownloadLeavesTheOldCopy) {
   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   bool started = false;
   while (!started && std::chrono::steady_clock::now() < deadline) {
-    for (const std::string& partial : partials(agent.mirror())) {
+    for (const std::string& partial : veltest::matching(agent.mirror() + "/.*.velpart.*")) {
       started = started || !readFile(partial).empty();
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -213,7 +191,7 @@ TEST_F(WebDavStoreTest, ServerStoppingMidDownloadLeavesTheOldCopy) {
   std::string reply = c.reply(30000);
   EXPECT_TRUE(startsWith(reply, "-ERR webdav: ")) << reply;
   EXPECT_EQ(readFile(agent.mirror() + "/ratelimited-doc"), "old copy");
-  EXPECT_TRUE(partials(agent.mirror()).empty());
+  EXPECT_TRUE(veltest::matching(agent.mirror() + "/.*.velpart.*").empty());
 
   // Without a server every request says why.
   AgentConnection down(agent.socketPath());
@@ -224,7 +202,7 @@ TEST_F(WebDavStoreTest, ServerStoppingMidDownloadLeavesTheOldCopy) {
   EXPECT_EQ(down.ask({"tarn.downloadlocal", "TestService", "ratelimited-doc"}, 30000), "+OK");
   std::string copy = readFile(agent.mirror() + "/ratelimited-doc");
   EXPECT_TRUE(copy == fresh) << copy.size() << " bytes";
-  EXPECT_TRUE(partials(agent.mirror()).empty());
+  EXPECT_TRUE(veltest::matching(agent.mirror() + "/.*.velpart.*").empty());
 }
 
 // How the answers of the server become the agent's replies, and the
@@ -232,9 +210,9 @@ TEST_F(WebDavStoreTest, ServerStoppingMidDownloadLeavesTheOldCopy) {
 TEST_F(WebDavStoreTest, AnswersMapOntoTheAgentRepliesOverOneKeptConnection) {
   AgentFixture agent(webdav());
   ASSERT_TRUE(agent.ready());
-  storeFile(agent, "a", "A");
-  storeFile(agent, "b", "B");
-  storeFile(agent, "full/x", "X");
+  agent.storeFile("a", "A");
+  agent.storeFile("b", "B");
+  agent.storeFile("full/x", "X");
   AgentConnection c(agent.socketPath());
   EXPECT_EQ(c.ask({"tarn.move", "TestService", "a", "b"}), "-ERR move failed: File exists");
   EXPECT_EQ(readFile(agent.store() + "/a"), "A");

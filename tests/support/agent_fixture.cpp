@@ -203,6 +203,15 @@ void AgentFixture::setRules(const std::string& rulesJson) {
   std::rename(fresh.c_str(), rulesPath().c_str());
 }
 
+void AgentFixture::storeFile(const std::string& rel, const std::string& content) const {
+  const std::string path = store() + "/" + rel;
+  makeDirs(path.substr(0, path.rfind('/')));
+  writeFile(path, content);
+  if (server_) {
+    server_->adopt();
+  }
+}
+
 void AgentFixture::exportEnv() const {
   ::setenv("UDS_ROOT_OSSUSER", udsRoot().c_str(), 1);
   ::setenv("TARN_ROOT_DIR", mirror().c_str(), 1);

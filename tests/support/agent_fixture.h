@@ -68,6 +68,9 @@ class AgentFixture {
   std::vector<std::string> requests() const;              // the same, arguments joined by blanks
   void clearJournal();
   void setRules(const std::string& rulesJson);  // applies to the next request
+  // Writes a file below store() (making its folders) and, with a WebDAV
+  // server, gives it to the server's user.
+  void storeFile(const std::string& rel, const std::string& content) const;
   void exportEnv() const;  // setenv UDS_ROOT_OSSUSER, TARN_ROOT_DIR (mirror), _APP_LOG_DIR
   void stop();             // idempotent
   void kill();             // SIGKILL, reaped at once; idempotent

@@ -1,6 +1,7 @@
 #include "support/temp_dir.h"
 
 #include <dirent.h>
+#include <glob.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -107,6 +108,16 @@ std::vector<std::string> namesIn(const std::string& path) {
   }
   std::sort(names.begin(), names.end());
   return names;
+}
+
+std::vector<std::string> matching(const std::string& pattern) {
+  glob_t found{};
+  std::vector<std::string> paths;
+  if (::glob(pattern.c_str(), 0, nullptr, &found) == 0) {
+    paths.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
+  }
+  ::globfree(&found);
+  return paths;
 }
 
 namespace {

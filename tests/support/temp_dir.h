@@ -58,6 +58,8 @@ void removeTree(const std::string& path);
 // The names in the folder `path` but "." and "..", sorted; none when it
 // cannot be read.
 std::vector<std::string> namesIn(const std::string& path);
+// The paths that match the shell pattern `pattern` (glob(3)), sorted.
+std::vector<std::string> matching(const std::string& pattern);
 
 // What one path holds.
 struct Node {
