@@ -12,6 +12,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/fake_client.h"
@@ -114,6 +115,41 @@ TEST_F(LogTest, DeletedFileIsNotRecreatedAReplacedOneIsFollowed) {
   std::vector<std::string> lines = linesOf(readFile(file_));
   ASSERT_EQ(1u, lines.size());
   EXPECT_EQ(" ERROR second", lines[0].substr(19));
+}
+
+// Under ThreadSanitizer (build-tsan/) this is the test that shows an
+// unlocked logger: eight threads that do nothing but log.
+TEST_F(LogTest, ConcurrentWritersNeverInterleaveWithinALine) {
+  constexpr int kThreads = 8;
+  constexpr int kLines = 400;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      std::string body(100 + t, static_cast<char>('a' + t));
+      for (int i = 0; i < kLines; ++i) {
+        VEL::getLogger()->log(3, "t%d %s", t, body.c_str());
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  std::vector<std::string> lines = linesOf(readFile(file_));
+  ASSERT_EQ(static_cast<size_t>(kThreads * kLines), lines.size());
+  std::vector<int> perThread(kThreads, 0);
+  for (const std::string& line : lines) {
+    std::string text = line.substr(26);  // after the stamp and " DEBUG "
+    ASSERT_EQ('t', text[0]) << line;
+    int t = text[1] - '0';
+    ASSERT_GE(t, 0);
+    ASSERT_LT(t, kThreads);
+    EXPECT_EQ(std::string("t") + text[1] + " " + std::string(100 + t, static_cast<char>('a' + t)),
+              text);
+    ++perThread[t];
+  }
+  for (int count : perThread) {
+    EXPECT_EQ(kLines, count);
+  }
 }
 
 // Two processes log long lines (one write() of stdio's buffer could not hold
