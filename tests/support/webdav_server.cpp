@@ -45,12 +45,18 @@ bool runQuiet(const std::vector<std::string>& argv) {
   return waitExit(spawn(argv, quiet)) == 0;
 }
 
-int freePort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+struct sockaddr_in loopback(int port) {
   struct sockaddr_in addr;
   std::memset(&addr, 0, sizeof addr);
   addr.sin_family = AF_INET;
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  return addr;
+}
+
+int freePort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  struct sockaddr_in addr = loopback(0);
   socklen_t size = sizeof addr;
   int port = 0;
   if (::bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) == 0 &&
@@ -63,11 +69,7 @@ int freePort() {
 
 bool accepts(int port) {
   int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  struct sockaddr_in addr;
-  std::memset(&addr, 0, sizeof addr);
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<uint16_t>(port));
+  struct sockaddr_in addr = loopback(port);
   bool ok = ::connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) == 0;
   ::close(fd);
   return ok;
