@@ -87,20 +87,7 @@ int AtomicFile::begin(int dir, const std::string& name) {
   return EEXIST;
 }
 
-int AtomicFile::write(const char* data, size_t size) {
-  while (size > 0) {
-    ssize_t n = ::write(file_.get(), data, size);
-    if (n < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      return errno;
-    }
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return 0;
-}
+int AtomicFile::write(const char* data, size_t size) { return writeAll(file_.get(), data, size); }
 
 int AtomicFile::copyFrom(int source) {
   // In the kernel where the file systems allow it: no bytes pass through

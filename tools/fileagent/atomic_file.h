@@ -17,7 +17,7 @@
 
 #include <string>
 
-#include "beneath.h"
+#include "unique_fd.h"
 
 namespace velagent {
 

@@ -129,26 +129,6 @@ int walkBeneath(UniqueFd root, const std::string& rel, UniqueFd& out) {
 
 }  // namespace
 
-UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
-  if (this != &other) {
-    reset(other.release());
-  }
-  return *this;
-}
-
-int UniqueFd::release() {
-  int fd = fd_;
-  fd_ = -1;
-  return fd;
-}
-
-void UniqueFd::reset(int fd) {
-  if (fd_ >= 0) {
-    ::close(fd_);
-  }
-  fd_ = fd;
-}
-
 std::vector<std::string> splitNames(const std::string& path) {
   std::vector<std::string> names;
   size_t start = 0;

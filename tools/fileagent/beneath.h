@@ -14,27 +14,9 @@
 #include <string>
 #include <vector>
 
+#include "unique_fd.h"
+
 namespace velagent {
-
-// Owns one file descriptor and closes it.
-class UniqueFd {
- public:
-  UniqueFd() = default;
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  ~UniqueFd() { reset(); }
-  UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
-  UniqueFd& operator=(UniqueFd&& other) noexcept;
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-
-  int get() const { return fd_; }
-  explicit operator bool() const { return fd_ >= 0; }
-  int release();
-  void reset(int fd = -1);
-
- private:
-  int fd_ = -1;
-};
 
 // Splits a relative path into its names, dropping "" and "." (".." is kept).
 std::vector<std::string> splitNames(const std::string& path);

@@ -170,18 +170,8 @@ class FolderHandle : public StoreHandle {
   }
 
   Status write(const char* data, size_t n) override {
-    while (n > 0) {
-      ssize_t w = ::write(fd_.get(), data, n);
-      if (w < 0 && errno == EINTR) {
-        continue;
-      }
-      if (w < 0) {
-        return Status::fromErrno(errno);
-      }
-      data += w;
-      n -= static_cast<size_t>(w);
-    }
-    return Status::ok();
+    int err = writeAll(fd_.get(), data, n);
+    return err == 0 ? Status::ok() : Status::fromErrno(err);
   }
 
   Status close() override {
