@@ -102,13 +102,7 @@ std::string toGbk(std::string in) {
 
 const std::string kFileUtf8 = "\xe6\x96\x87\xe4\xbb\xb6.txt";  // "文件.txt"
 
-class PathsTest : public ::testing::Test {
- protected:
-  veltest::LogCapture log_;
-  veltest::TempDir root_;
-  veltest::FakeClient client_{root_.path(), /*localOnly=*/true};
-  veltest::ScopedInstance scope_{&client_};
-};
+using PathsTest = veltest::BackendTest</*kLocalOnly=*/true>;
 
 TEST_F(PathsTest, MirrorAndRelativeForms) {
   client_.ownConfig.velRoot = "/opt/backup/vel";
