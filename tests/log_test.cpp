@@ -184,19 +184,15 @@ class TwoWriters {
     ::close(done[1]);
   }
   ~TwoWriters() {
-    for (int w = 0; w < 2; ++w) {
-      if (goFd_[w] != -1) {
-        ::close(goFd_[w]);  // the writer sees the end and exits
+    for (int fd : goFd_) {
+      ::close(fd);  // the writer sees the end and exits (-1: none was made)
+    }
+    for (pid_t pid : pid_) {
+      if (pid > 0) {
+        ::waitpid(pid, nullptr, 0);
       }
     }
-    for (int w = 0; w < 2; ++w) {
-      if (pid_[w] > 0) {
-        ::waitpid(pid_[w], nullptr, 0);
-      }
-    }
-    if (doneFd_ != -1) {
-      ::close(doneFd_);
-    }
+    ::close(doneFd_);
   }
   TwoWriters(const TwoWriters&) = delete;
   TwoWriters& operator=(const TwoWriters&) = delete;
