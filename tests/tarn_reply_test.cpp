@@ -41,10 +41,8 @@ class Capped {
     }
     void* raw = nullptr;
     const int status = cap_.getReply(&raw);
-    ReplyPtr taken(raw);
-    if (reply != nullptr) {
-      *reply = std::move(taken);
-    }
+    ReplyPtr unused;
+    (reply != nullptr ? *reply : unused).reset(raw);
     return status;
   }
   const CappedReader& cap() const { return cap_; }
