@@ -246,56 +246,53 @@ TEST_F(LogTest, TwoProcessesRotatingOneFileKeepEveryLineWhole) {
   const long long lineBytes = 19 + 7 + TwoWriters::kTextLength + 1;
   const long long finalRoom = 2 * TwoWriters::kFinalLines * lineBytes;
   long long written = 0;
-  {
-    TwoWriters writers;
-    ASSERT_TRUE(writers.started());
-    // At least three rotations, then a last round that cannot rotate: both
-    // writers' last lines must be in the file.
-    for (;;) {
-      struct stat st;
-      if (written > 4 * VEL::kLogMaxFileSize && ::stat(file_.c_str(), &st) == 0 &&
-          st.st_size + finalRoom <= VEL::kLogMaxFileSize) {
-        break;
-      }
-      ASSERT_LT(written, 8 * VEL::kLogMaxFileSize);
-      ASSERT_TRUE(writers.round(false));
-      written += 2 * TwoWriters::kRoundLines * lineBytes;
+  TwoWriters writers;
+  ASSERT_TRUE(writers.started());
+  // At least three rotations, then a last round that cannot rotate: both
+  // writers' last lines must be in the file.
+  for (;;) {
+    struct stat st;
+    if (written > 4 * VEL::kLogMaxFileSize && ::stat(file_.c_str(), &st) == 0 &&
+        st.st_size + finalRoom <= VEL::kLogMaxFileSize) {
+      break;
     }
-    ASSERT_TRUE(writers.round(true));
-    const int expectedLast = writers.linesEach() - 1;
-
-    const std::vector<std::string> lines = linesOf(readFile(file_));
-    std::vector<int> seqs[2];
-    size_t bad = 0;
-    std::string torn;
-    for (const std::string& line : lines) {
-      int writer = -1;
-      int seq = -1;
-      const bool parsed = line.size() == static_cast<size_t>(lineBytes - 1) &&
-                          line.compare(19, 7, " ERROR ") == 0 &&
-                          std::sscanf(line.c_str() + 26, "w%d s%d ", &writer, &seq) == 2 &&
-                          (writer == 0 || writer == 1) &&
-                          line.compare(26, std::string::npos, TwoWriters::textOf(writer, seq)) == 0;
-      if (!parsed) {
-        torn = torn.empty() ? line.substr(0, 60) : torn;
-        ++bad;
-        continue;
-      }
-      seqs[writer].push_back(seq);
-    }
-    EXPECT_EQ(0u, bad) << "of " << lines.size() << " lines, the first: " << torn;
-    for (int w = 0; w < 2; ++w) {
-      ASSERT_FALSE(seqs[w].empty()) << "writer " << w;
-      EXPECT_EQ(expectedLast, seqs[w].back()) << "writer " << w;
-      size_t gaps = 0;
-      for (size_t i = 1; i < seqs[w].size(); ++i) {
-        gaps += seqs[w][i] != seqs[w][i - 1] + 1 ? 1 : 0;
-      }
-      EXPECT_EQ(0u, gaps) << "writer " << w << " lost lines";
-    }
-    // Lines before the last rotation are gone: the file was rotated.
-    EXPECT_LT(lines.size(), static_cast<size_t>(2 * writers.linesEach()));
+    ASSERT_LT(written, 8 * VEL::kLogMaxFileSize);
+    ASSERT_TRUE(writers.round(false));
+    written += 2 * TwoWriters::kRoundLines * lineBytes;
   }
+  ASSERT_TRUE(writers.round(true));
+  const int expectedLast = writers.linesEach() - 1;
+
+  const std::vector<std::string> lines = linesOf(readFile(file_));
+  std::vector<int> seqs[2];
+  size_t bad = 0;
+  std::string torn;
+  for (const std::string& line : lines) {
+    int writer = -1;
+    int seq = -1;
+    const bool parsed = line.size() == static_cast<size_t>(lineBytes - 1) &&
+                        line.compare(19, 7, " ERROR ") == 0 &&
+                        std::sscanf(line.c_str() + 26, "w%d s%d ", &writer, &seq) == 2 &&
+                        (writer == 0 || writer == 1) &&
+                        line.compare(26, std::string::npos, TwoWriters::textOf(writer, seq)) == 0;
+    if (parsed) {
+      seqs[writer].push_back(seq);
+    } else if (bad++ == 0) {
+      torn = line.substr(0, 60);
+    }
+  }
+  EXPECT_EQ(0u, bad) << "of " << lines.size() << " lines, the first: " << torn;
+  for (int w = 0; w < 2; ++w) {
+    ASSERT_FALSE(seqs[w].empty()) << "writer " << w;
+    EXPECT_EQ(expectedLast, seqs[w].back()) << "writer " << w;
+    size_t gaps = 0;
+    for (size_t i = 1; i < seqs[w].size(); ++i) {
+      gaps += seqs[w][i] != seqs[w][i - 1] + 1 ? 1 : 0;
+    }
+    EXPECT_EQ(0u, gaps) << "writer " << w << " lost lines";
+  }
+  // Lines before the last rotation are gone: the file was rotated.
+  EXPECT_LT(lines.size(), static_cast<size_t>(2 * writers.linesEach()));
 }
 
 // Requests for `ino` waiting in flock(), from /proc/locks.
