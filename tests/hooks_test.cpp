@@ -27,7 +27,7 @@ std::string newDir(const std::string& path, int mode) {
   return "newDir(" + path + "," + std::to_string(mode) + ",1)";
 }
 
-class HooksTest : public ::testing::Test {
+class HooksTest : public veltest::BackendTest</*kLocalOnly=*/false> {
  protected:
   std::string mirror(const std::string& rel) const { return root_.sub(rel); }
   // A mirror file whose times lie far in the past.
@@ -41,11 +41,6 @@ class HooksTest : public ::testing::Test {
     struct stat st;
     return ::stat(mirror(rel).c_str(), &st) == 0 && st.st_mtime >= std::time(nullptr) - 60;
   }
-
-  veltest::LogCapture log_;
-  veltest::TempDir root_;
-  veltest::FakeClient backend_{root_.path()};
-  veltest::ScopedInstance scope_{&backend_};
 };
 
 TEST_F(HooksTest, ModeSelectsDownloadOrParentAndUploadOrTimestamps) {
@@ -68,7 +63,7 @@ TEST_F(HooksTest, ModeSelectsDownloadOrParentAndUploadOrTimestamps) {
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.mode != nullptr ? c.mode : "(null)") + " " + std::to_string(c.bits));
     oldFile("a/b");
-    backend_.calls.clear();
+    client_.calls.clear();
     const bool file = c.bits < 0;
     EXPECT_EQ(0, file ? VEL::beforeOpenFile("a/b", c.mode) : VEL::beforeOpenStream("a/b", c.bits));
     EXPECT_EQ(0, file ? VEL::afterCloseFile("a/b", c.mode) : VEL::afterCloseStream("a/b", c.bits));
@@ -76,19 +71,19 @@ TEST_F(HooksTest, ModeSelectsDownloadOrParentAndUploadOrTimestamps) {
     if (c.upload) {
       expected.push_back(put("a/b"));
     }
-    EXPECT_EQ(expected, backend_.calls);
+    EXPECT_EQ(expected, client_.calls);
     EXPECT_EQ(!c.upload, touchedNow("a/b"));
   }
-  backend_.calls.clear();
+  client_.calls.clear();
   EXPECT_EQ(0, VEL::beforeOpenStream("top", 16));  // the parent of a top-level name is the root
-  EXPECT_EQ(Calls{sync("")}, backend_.calls);
+  EXPECT_EQ(Calls{sync("")}, client_.calls);
 }
 
 TEST_F(HooksTest, FailuresAreReportedOnlyByTheHookThatCausedThem) {
-  backend_.results["syncNodeFromRemote"] = -18;
+  client_.results["syncNodeFromRemote"] = -18;
   EXPECT_EQ(-18, VEL::beforeOpenFile("a/b", "r"));
   EXPECT_EQ(0, VEL::beforeOpenFile("a/b", "w"));  // the parent's result is ignored
-  backend_.results["putFileToRemote"] = -6;
+  client_.results["putFileToRemote"] = -6;
   EXPECT_EQ(-6, VEL::afterCloseStream("a/b", 16));
   // afterWrite's failure message names beforeRead.
   EXPECT_TRUE(
@@ -110,32 +105,32 @@ TEST_F(HooksTest, FopenRefusesTheRootAndFcloseUploadsWhatItRecorded) {
   FILE* mine = VEL::fopen(" a\\b ", "w");  // cleaned to a/b
   ASSERT_NE(nullptr, mine);
   EXPECT_EQ(0, VEL::fclose(mine));
-  EXPECT_EQ((Calls{sync("a"), put("a/b")}), backend_.calls);
+  EXPECT_EQ((Calls{sync("a"), put("a/b")}), client_.calls);
 
   // A stream fopen did not open is still closed.
   const int fd = fileno(f);
   EXPECT_EQ(0, VEL::fclose(f));
   EXPECT_TRUE(log_.contains("ERROR [VEL] fclose(), failed to call getFileOpenMode()\n"));
-  EXPECT_EQ(-1, fcntl(fd, F_GETFD));     // the descriptor is gone
-  EXPECT_EQ(2u, backend_.calls.size());  // and nothing is uploaded
+  EXPECT_EQ(-1, fcntl(fd, F_GETFD));    // the descriptor is gone
+  EXPECT_EQ(2u, client_.calls.size());  // and nothing is uploaded
 }
 
 TEST_F(HooksTest, SyncFromServerPullsTheNodeThenTheTreeAndMovesALocalOnlyNodeAside) {
   EXPECT_EQ(0, VEL::syncFromServer(" a//b/ ", true));
-  EXPECT_EQ((Calls{sync("a/b"), "syncTreeFromRemote(a/b)"}), backend_.calls);
-  backend_.results[sync("a/c")] = -18;
+  EXPECT_EQ((Calls{sync("a/b"), "syncTreeFromRemote(a/b)"}), client_.calls);
+  client_.results[sync("a/c")] = -18;
   EXPECT_EQ(-18, VEL::syncFromServer("a/c", true));  // no tree walk after a failure
-  EXPECT_EQ(sync("a/c"), backend_.calls.back());
+  EXPECT_EQ(sync("a/c"), client_.calls.back());
 
   oldFile("a/f", "precious");
-  backend_.results[sync("a/f")] = -11;
+  client_.results[sync("a/f")] = -11;
   const std::string device = VEL::setRandomDeviceForTest(root_.sub("none"));  // suffix 00000000
   EXPECT_EQ(0, VEL::syncFromServer("a/f", true));
   VEL::setRandomDeviceForTest(device);
   EXPECT_FALSE(veltest::pathExists(mirror("a/f")));
   EXPECT_EQ("precious", veltest::readFile(mirror("a/f.vel.keep.00000000")));
 
-  backend_.results[sync("")] = -11;  // the root itself is never moved
+  client_.results[sync("")] = -11;  // the root itself is never moved
   EXPECT_EQ(0, VEL::syncFromServer("/", false));
   EXPECT_TRUE(veltest::pathExists(root_.path()));
 }
@@ -149,69 +144,32 @@ TEST_F(HooksTest, SyncToServerSendsATreeBreadthFirstAndReportsTheLastEntrysResul
   ::chmod(mirror("d").c_str(), 0705);
   ::chmod(mirror("d/sub").c_str(), 0750);
   EXPECT_EQ(0, VEL::syncToServer("d", true));
-  Calls calls = backend_.calls;
+  Calls calls = client_.calls;
   ASSERT_EQ(4u, calls.size());
   // Within a level the listing order is free.
   std::sort(calls.begin() + 1, calls.begin() + 3);
   EXPECT_EQ((Calls{newDir("d", 0705), newDir("d/sub", 0750), put("d/f1"), put("d/sub/f2")}), calls);
 
-  backend_.results[put("d/f1")] = -6;
+  client_.results[put("d/f1")] = -6;
   EXPECT_EQ(0, VEL::syncToServer("d", true));  // a later success clears the failure
-  backend_.results[put("d/sub/f2")] = -7;
+  client_.results[put("d/sub/f2")] = -7;
   EXPECT_EQ(-7, VEL::syncToServer("d", true));
-  backend_.results["newDir"] = -12;  // already on the service: created
+  client_.results["newDir"] = -12;  // already on the service: created
   EXPECT_EQ(0, VEL::syncToServer("d/sub", false));
 }
 
-TEST_F(HooksTest, OfstreamAnnouncesTheMirrorFileOnceAndUploadsOnClose) {
-  veltest::makeDirs(mirror("a"));
-  testing::internal::CaptureStdout();
-  {
-    VEL::ofstream out("a/b.txt");
-    EXPECT_TRUE(out.is_open());
-    out << "hello";
-    out.close();
-    out.close();  // detached: no second upload, only failbit
-    EXPECT_TRUE(out.fail());
-  }
-  EXPECT_EQ("ofstream open file:" + root_.sub("a/b.txt") + "\n",
-            testing::internal::GetCapturedStdout());
-  EXPECT_EQ("hello", veltest::readFile(root_.sub("a/b.txt")));
-  EXPECT_EQ((Calls{sync("a"), put("a/b.txt")}), backend_.calls);
-}
-
-TEST_F(HooksTest, AStreamOnANodeUnknownToTheServiceOpensNormally) {
-  backend_.results["syncNodeFromRemote"] = -19;
-  oldFile("a/n", "local");
-  VEL::ifstream in(" a\\n ");
-  ASSERT_TRUE(in.is_open());
-  std::string text;
-  in >> text;
-  EXPECT_EQ("local", text);
-  EXPECT_EQ(Calls{sync("a/n")}, backend_.calls);
-}
-
-TEST_F(HooksTest, AStreamHookFailureLeavesTheStreamUnopenedAndItsCloseRunsNoHook) {
-  backend_.results["syncNodeFromRemote"] = -6;
-  {
-    VEL::ifstream in("a/b", std::ios_base::binary);
-    EXPECT_FALSE(in.is_open());
-    EXPECT_TRUE(in.good());  // no failbit: callers must test is_open()
-    VEL::ofstream out("a/c", std::ios_base::app);
-    EXPECT_FALSE(out.is_open());
-  }
-  // The ifstream adds in (12 = in|binary). Neither stream opened, so their
-  // destructors neither upload nor touch the mirror.
-  EXPECT_TRUE(log_.contains(
-      "ERROR [VEL] ifstream::open(), failed to call beforeOpenStream: a/b(12), errCode:-6\n"));
-  EXPECT_FALSE(log_.contains("afterCloseStream"));
-  EXPECT_EQ((Calls{sync("a/b"), sync("a/c")}), backend_.calls);
-}
-
-TEST_F(HooksTest, ReopeningAStreamClosesTheFirstFileThroughItsHookFirst) {
+// A closed stream is detached: closing it again uploads nothing. Reopening
+// closes the first file through its hook first: in|out uploads it, the
+// second, read only, is not uploaded.
+TEST_F(HooksTest, StreamsUploadOnceOnCloseAndReopeningClosesTheFirstFileFirst) {
   oldFile("a/one", "1");
   oldFile("a/two", "2");
   {
+    VEL::ofstream out("a/b.txt");
+    EXPECT_TRUE(out.is_open());
+    out.close();
+    out.close();
+    EXPECT_TRUE(out.fail());
     VEL::fstream f("a/one");
     ASSERT_TRUE(f.is_open());
     f.open("a/two", std::ios_base::in);
@@ -220,8 +178,34 @@ TEST_F(HooksTest, ReopeningAStreamClosesTheFirstFileThroughItsHookFirst) {
     f >> c;
     EXPECT_EQ('2', c);
   }
-  // in|out uploads the first file; the second, read only, is not uploaded.
-  EXPECT_EQ((Calls{sync("a/one"), put("a/one"), sync("a/two")}), backend_.calls);
+  EXPECT_EQ((Calls{sync("a"), put("a/b.txt"), sync("a/one"), put("a/one"), sync("a/two")}),
+            client_.calls);
+}
+
+// A node unknown to the service opens from the mirror; any other hook
+// failure leaves the stream unopened (without failbit: callers must test
+// is_open()), and its destructor neither uploads nor touches the mirror.
+TEST_F(HooksTest, AStreamHookFailureLeavesTheStreamUnopenedButAnUnknownNodeOpens) {
+  client_.results[sync("a/n")] = -19;
+  client_.results["syncNodeFromRemote"] = -6;
+  oldFile("a/n", "local");
+  {
+    VEL::ifstream known(" a\\n ");
+    ASSERT_TRUE(known.is_open());
+    std::string text;
+    known >> text;
+    EXPECT_EQ("local", text);
+    VEL::ifstream in("a/b", std::ios_base::binary);
+    EXPECT_FALSE(in.is_open());
+    EXPECT_TRUE(in.good());
+    VEL::ofstream out("a/c", std::ios_base::app);
+    EXPECT_FALSE(out.is_open());
+  }
+  // The ifstream adds in (12 = in|binary).
+  EXPECT_TRUE(log_.contains(
+      "ERROR [VEL] ifstream::open(), failed to call beforeOpenStream: a/b(12), errCode:-6\n"));
+  EXPECT_FALSE(log_.contains("afterCloseStream"));
+  EXPECT_EQ((Calls{sync("a/n"), sync("a/b"), sync("a/c")}), client_.calls);
 }
 
 }  // namespace

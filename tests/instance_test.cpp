@@ -22,15 +22,6 @@ class InstanceTest : public ::testing::Test {
   void SetUp() override { VEL::finish(); }
   void TearDown() override { VEL::finish(); }
 
-  // The local back-end on the mirror d/f1, d/s/f2, d/s/t/f3, d/s/t/u/.
-  VEL::VELClient* local() {
-    EXPECT_EQ(0, VEL::init({{"clientType", "Local"}}));
-    veltest::makeDirs(root_.sub("d/s/t/u"));
-    veltest::writeFile(root_.sub("d/f1"), "1");
-    veltest::writeFile(root_.sub("d/s/f2"), "2");
-    veltest::writeFile(root_.sub("d/s/t/f3"), "3");
-    return VEL::getInstance();
-  }
   Names list(const std::string& path, int32_t depth, int32_t expected = 0) {
     std::list<std::string> names = {"stale"};
     EXPECT_EQ(expected, VEL::getInstance()->listDir(path, depth, true, names));
@@ -107,7 +98,11 @@ TEST_F(InstanceTest, FinishStopsReleasesAndForgetsTheInstance) {
 }
 
 TEST_F(InstanceTest, LocalListingDepthsAndDirectoryCreation) {
-  ASSERT_NE(nullptr, local());
+  ASSERT_EQ(0, VEL::init({{"clientType", "Local"}}));
+  veltest::makeDirs(root_.sub("d/s/t/u"));
+  for (const char* file : {"d/f1", "d/s/f2", "d/s/t/f3"}) {
+    veltest::writeFile(root_.sub(file), "x");
+  }
   const Names all = {"d/f1", "d/s", "d/s/f2", "d/s/t", "d/s/t/f3", "d/s/t/u"};
   EXPECT_EQ((Names{"d/f1", "d/s"}), list("d", 1));
   EXPECT_EQ((Names{"d/f1", "d/s", "d/s/f2", "d/s/t"}), list("d", 2));

@@ -18,7 +18,7 @@ using veltest::readFile;
 using veltest::writeFile;
 
 // Kept-copy names come from a device file whose bytes the test chooses.
-class MutationTest : public ::testing::Test {
+class MutationTest : public veltest::BackendTest</*kLocalOnly=*/true> {
  protected:
   void SetUp() override { previous_ = VEL::setRandomDeviceForTest(dev_.sub("random")); }
   void TearDown() override { VEL::setRandomDeviceForTest(previous_); }
@@ -28,10 +28,6 @@ class MutationTest : public ::testing::Test {
 
   veltest::TempDir dev_;
   std::string previous_;
-  veltest::LogCapture log_;
-  veltest::TempDir root_;
-  veltest::FakeClient client_{root_.path(), /*localOnly=*/true};
-  veltest::ScopedInstance scope_{&client_};
 };
 
 TEST_F(MutationTest, LocalMkdirAndMkdirAll) {
@@ -166,10 +162,8 @@ TEST_F(MutationTest, RemoteRemovalAndRenameTrustTheService) {
   EXPECT_FALSE(pathExists(root_.sub("t")));
 
   veltest::makeDirs(root_.sub("d1"));
-  veltest::FakeNode dir;
-  dir.isFile = false;
-  client_.nodes["/d1/"] = dir;
-  client_.nodes["f"] = veltest::FakeNode();
+  client_.nodes["/d1/"] = {0, true, /*isFile=*/false};
+  client_.nodes["f"] = {};
   client_.renameMovesMirror = true;  // a directory: the back-end moves the mirror copy
   EXPECT_EQ(0, VEL::rename("/d1/", "d2", 0, "UTF-8"));
   EXPECT_EQ("RenameDir(d1,d2)", client_.calls.back());

@@ -7,6 +7,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "agent/tarn_reply.h"
@@ -40,10 +41,8 @@ class Capped {
     }
     void* raw = nullptr;
     const int status = cap_.getReply(&raw);
-    ReplyPtr taken(raw);
-    if (reply != nullptr) {
-      *reply = std::move(taken);
-    }
+    ReplyPtr unused;
+    (reply != nullptr ? *reply : unused).reset(raw);
     return status;
   }
   const CappedReader& cap() const { return cap_; }
@@ -55,10 +54,7 @@ class Capped {
 
 std::string repeat(const std::string& item, size_t times) {
   std::string out;
-  out.reserve(item.size() * times);
-  for (size_t i = 0; i < times; ++i) {
-    out += item;
-  }
+  for (size_t i = 0; i < times; ++i) out += item;
   return out;
 }
 
@@ -180,21 +176,17 @@ TEST(MetaDataReaders, TheFlatReaderAgreesWithTheJsonReaderOnEveryTextItTakes) {
     int32_t fastMode = 55;
     if (!VEL::tarn::readFlatMetaData(text.data(), text.size(), fast, fastMode)) {
       ++left;
-      ASSERT_EQ("untouched", fast.Name);
-      ASSERT_EQ(77, fast.Size);
-      ASSERT_EQ(55, fastMode);
+      ASSERT_EQ(std::make_tuple("untouched", 77, 55), std::tie(fast.Name, fast.Size, fastMode));
       continue;
     }
     ++flat;
     VEL::TarnMetaData json;
     int32_t jsonMode = 55;
     ASSERT_EQ(0, VEL::tarn::readMetaDataJson(text.data(), text.size(), json, jsonMode));
-    ASSERT_EQ(json.AccessAllowRoles, fast.AccessAllowRoles);
-    ASSERT_EQ(json.Kind, fast.Kind);
-    ASSERT_EQ(json.LastModifiedTime, fast.LastModifiedTime);
-    ASSERT_EQ(json.Name, fast.Name);
-    ASSERT_EQ(json.Size, fast.Size);
-    ASSERT_EQ(jsonMode, fastMode);
+    ASSERT_EQ(std::tie(json.AccessAllowRoles, json.Kind, json.LastModifiedTime, json.Name,
+                       json.Size, jsonMode),
+              std::tie(fast.AccessAllowRoles, fast.Kind, fast.LastModifiedTime, fast.Name,
+                       fast.Size, fastMode));
   }
   EXPECT_GT(flat, 5000);
   EXPECT_GT(left, 5000);

@@ -53,15 +53,10 @@ int32_t FakeClient::newDir(S path, uint32_t mode, bool recursive) {
 
 int32_t FakeClient::stat(S path, VEL::VELFileInfoWrap** out) {
   record(__func__, path);
-  FakeNode missing;
-  missing.errNo = -11;
   auto it = nodes.find(path);
-  const FakeNode& node = it == nodes.end() ? missing : it->second;
-  if (out == nullptr) {
-    return -4;
-  }
-  if (!node.giveWrap) {
-    return node.code;
+  const FakeNode node = it == nodes.end() ? FakeNode{0, true, true, 0644, 0, 0, -11} : it->second;
+  if (out == nullptr || !node.giveWrap) {
+    return out == nullptr ? -4 : node.code;
   }
   if (*out == nullptr) {
     *out = new VEL::VELFileInfoWrap();

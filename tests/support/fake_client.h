@@ -6,6 +6,8 @@
 #ifndef VEL_TESTS_SUPPORT_FAKE_CLIENT_H_
 #define VEL_TESTS_SUPPORT_FAKE_CLIENT_H_
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <list>
 #include <map>
@@ -20,7 +22,8 @@
 
 namespace veltest {
 
-// What slot 19 hands out for one path.
+// What slot 19 hands out for one path, in aggregate order:
+// {code, giveWrap, isFile, mode, size, lastModifyTime, errNo}.
 struct FakeNode {
   int32_t code = 0;      // the slot's return value
   bool giveWrap = true;  // false: leave the caller's wrapper pointer null
@@ -103,6 +106,17 @@ class LogCapture {
  private:
   TempDir dir_;  // before env_, which is set to its path
   ScopedEnv env_;
+};
+
+// A recording back-end published as the instance, on a mirror of its own,
+// with the log captured.
+template <bool kLocalOnly>
+class BackendTest : public ::testing::Test {
+ protected:
+  LogCapture log_;
+  TempDir root_;
+  FakeClient client_{root_.path(), kLocalOnly};
+  ScopedInstance scope_{&client_};
 };
 
 }  // namespace veltest
