@@ -28,12 +28,6 @@ namespace {
 constexpr int kStartSeconds = 30;
 constexpr int kStopSeconds = 15;
 
-long long millisLeft(std::chrono::steady_clock::time_point deadline) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
-                                                               std::chrono::steady_clock::now())
-      .count();
-}
-
 }  // namespace
 
 AgentFixture::AgentFixture(const std::string& rulesJson)

@@ -79,6 +79,16 @@ void makeDirs(const std::string& path, mode_t mode) {
   }
 }
 
+void plant(const std::string& root, const std::vector<std::pair<std::string, std::string>>& files) {
+  for (const auto& [rel, content] : files) {
+    const std::string path = root + "/" + rel;
+    makeDirs(path.substr(0, path.rfind('/')));
+    if (rel.back() != '/') {
+      writeFile(path, content);
+    }
+  }
+}
+
 void removeTree(const std::string& path) {
   struct stat st;
   if (::lstat(path.c_str(), &st) != 0) {
