@@ -85,10 +85,9 @@ TEST(AgentCopies, AFullDiskKeepsTheOldContentAndNoTemporaryFile) {
   ASSERT_TRUE(agent.ready());
   const std::string store = agent.store();
   const std::string mirror = agent.mirror();
-  plant(store, {{"up", "old store copy"}, {"down", content('d', 3 << 20)}, {"tiny", "fits too"}});
-  plant(mirror, {{"up", content('u', 3 << 20)}, {"down", "old mirror copy"}, {"small", "fits"}});
-  ::chmod((mirror + "/small").c_str(), 0640);
-  ::chmod((store + "/tiny").c_str(), 0604);
+  plant(store, {{"up", "old store copy"}, {"down", content('d', 3 << 20)}, {"tiny", "fits", 0604}});
+  plant(mirror,
+        {{"up", content('u', 3 << 20)}, {"down", "old mirror copy"}, {"small", "fit", 0640}});
 
   AgentConnection c(agent.socketPath());
   EXPECT_EQ("-ERR upload failed: File too large", c.ask({"tarn.uploadlocal", kSvc, "up"}));

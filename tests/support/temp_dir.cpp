@@ -79,12 +79,15 @@ void makeDirs(const std::string& path, mode_t mode) {
   }
 }
 
-void plant(const std::string& root, const std::vector<std::pair<std::string, std::string>>& files) {
-  for (const auto& [rel, content] : files) {
-    const std::string path = root + "/" + rel;
+void plant(const std::string& root, const std::vector<Planted>& files) {
+  for (const Planted& file : files) {
+    const std::string path = root + "/" + file.rel;
     makeDirs(path.substr(0, path.rfind('/')));
-    if (rel.back() != '/') {
-      writeFile(path, content);
+    if (file.rel.back() != '/') {
+      writeFile(path, file.content);
+    }
+    if (file.mode != 0) {
+      ::chmod(path.c_str(), file.mode);
     }
   }
 }
