@@ -75,18 +75,6 @@ TEST_P(RemoteFailureTest, RefusedAndDroppedRepliesKeepTheMirror) {
   EXPECT_EQ(readFile(store("w/doc")), "service version");
 }
 
-// An agent that lists a directory inside itself must not keep a tree walk
-// going forever: every directory is walked once.
-TEST_P(RemoteFailureTest, SelfListingDirectoryIsWalkedOnce) {
-  storeFile("a/f", "f bytes");
-  agent_->setRules(R"([{"match": ["tarn.dir"], "reply": ["array", ["a/", "a/f"]]}])");
-  EXPECT_EQ(VEL::syncFromServer("a", true), 0);
-  std::list<std::string> names;
-  EXPECT_EQ(VEL::readDir("a", names, false, true), 1);
-  EXPECT_EQ(readFile(mirror("a/f")), "f bytes");
-  EXPECT_EQ(countOf("tarn.dir "), 2u);
-}
-
 // Every directory lookup answers "a directory", as a store with a loop or
 // a hostile agent would.
 const char kAnyDirectory[] =
