@@ -20,9 +20,7 @@
 
 namespace {
 
-using veltest::pathExists;
-using veltest::permissionsOf;
-using veltest::readFile;
+using namespace veltest;
 
 using RemoteApiTest = RemoteFixture;
 
@@ -88,7 +86,7 @@ TEST_P(RemoteApiTest, ModificationTimesFollowTheServicesUtcOffset) {
       R"([{"match": ["tarn.metadata"], "reply": ["bulk", "{\"Name\":\"t\",\"Kind\":\"file\",)"
       R"(\"Size\":1,\"LastModifiedTime\":\"2024-01-01T02:00:00+0200\",\"AccessAllowRoles\":\"\"}"]}])");
   for (const char* zone : {"UTC0", "EST5", "JST-9"}) {
-    veltest::ScopedEnv tz("TZ", zone);
+    ScopedEnv tz("TZ", zone);
     ::tzset();
     struct stat st;
     ASSERT_EQ(VEL::stat("t", &st), 0) << zone;
@@ -202,7 +200,7 @@ TEST_P(RemoteApiTest, DirectoryRenameKeepsTheSourceUntilTheWholeTreeMoved) {
   // The tree is deeper than the walks may go: stopped before anything moves.
   agent_->setRules("");
   {
-    veltest::ScopedEnv depth("VEL_MAX_TREE_DEPTH", "1");
+    ScopedEnv depth("VEL_MAX_TREE_DEPTH", "1");
     EXPECT_EQ(VEL::rename("S", "D"), -1);
   }
   EXPECT_FALSE(pathExists(mirror("D")));
@@ -233,7 +231,7 @@ TEST_P(RemoteApiTest, ServiceModesReachTheMirrorAsPermissionBitsOnly) {
   EXPECT_EQ(VEL::getmod("m"), 01751);
 
   // A mirror link standing for a service directory keeps its target's mode.
-  veltest::TempDir outside;
+  TempDir outside;
   ::chmod(outside.path().c_str(), 0700);
   ASSERT_EQ(::symlink(outside.path().c_str(), mirror("m/s/l").c_str()), 0);
   storeDir("m/s/l", 0755);
@@ -245,8 +243,8 @@ TEST_P(RemoteApiTest, ServiceModesReachTheMirrorAsPermissionBitsOnly) {
 // its children, and nothing a link leads to, and goes no deeper than the
 // bound.
 TEST_P(RemoteApiTest, PushSkipsSymbolicLinksAndStopsAtTheDepthBound) {
-  veltest::TempDir outside;
-  veltest::writeFile(outside.sub("secret"), "not for the service");
+  TempDir outside;
+  writeFile(outside.sub("secret"), "not for the service");
   mirrorFile("t/file", "mine");
   mirrorFile("t/s/z.txt", "zulu");  // the walk is breadth-first: always last
   ::chmod(mirror("t/s").c_str(), 0705);
@@ -272,7 +270,7 @@ TEST_P(RemoteApiTest, PushSkipsSymbolicLinksAndStopsAtTheDepthBound) {
   EXPECT_EQ(requests().size(), withoutLoop);
 
   mirrorFile("d/1/2/3/f", "deep");
-  veltest::ScopedEnv depth("VEL_MAX_TREE_DEPTH", "2");
+  ScopedEnv depth("VEL_MAX_TREE_DEPTH", "2");
   EXPECT_EQ(VEL::syncToServer("d", true), 0);
   EXPECT_TRUE(pathExists(store("d/1/2")));
   EXPECT_FALSE(pathExists(store("d/1/2/3")));
@@ -289,7 +287,7 @@ TEST_P(RemoteApiTest, TreeWalksStopAtTheEntryBound) {
       mirrorFile("up/" + std::to_string(a) + "/" + std::to_string(b) + "/f", "y");
     }
   }
-  veltest::ScopedEnv entries("VEL_MAX_TREE_ENTRIES", "10");
+  ScopedEnv entries("VEL_MAX_TREE_ENTRIES", "10");
   EXPECT_EQ(VEL::syncFromServer("wide", true), 0);
   EXPECT_EQ(countOf("tarn.downloadlocal"), 0u);  // ten directories, no file reached
   EXPECT_TRUE(
