@@ -12,9 +12,7 @@
 
 namespace {
 
-using veltest::makeDirs;
-using veltest::pathExists;
-using veltest::readFile;
+using namespace veltest;
 
 class ToolRemoteTest : public RemoteFixture {
  protected:
@@ -26,17 +24,17 @@ class ToolRemoteTest : public RemoteFixture {
     storeFile("other/x.txt", "x\n");
   }
 
-  veltest::ProcessResult vel(std::vector<std::string> args) {
+  ProcessResult vel(std::vector<std::string> args) {
     args.insert(args.begin(), VEL_TOOL_BIN);
-    return veltest::runProcess(args, {{"UDS_ROOT_OSSUSER", agent_->udsRoot()},
-                                      {"TARN_ROOT_DIR", agent_->mirror()},
-                                      {"_APP_LOG_DIR", agent_->logDir()},
-                                      {"TARN_TIME_OUT", "10000"}});
+    return runProcess(args, {{"UDS_ROOT_OSSUSER", agent_->udsRoot()},
+                             {"TARN_ROOT_DIR", agent_->mirror()},
+                             {"_APP_LOG_DIR", agent_->logDir()},
+                             {"TARN_TIME_OUT", "10000"}});
   }
 };
 
 TEST_P(ToolRemoteTest, UpdateAndLsReadTheServiceAndEveryPathIsCheckedFirst) {
-  veltest::ProcessResult result = vel({"update", "docs"});
+  ProcessResult result = vel({"update", "docs"});
   EXPECT_EQ(0, result.status);
   EXPECT_EQ(0u, result.out.find("check Exit successed : docs\n")) << result.out;
   EXPECT_EQ(std::string::npos, result.out.find("update director failed"));
@@ -81,7 +79,7 @@ TEST_P(ToolRemoteTest, UpdateAndLsReadTheServiceAndEveryPathIsCheckedFirst) {
 TEST_P(ToolRemoteTest, RmReportsARefusedDirectoryAndGoesOn) {
   // The service refuses a non-empty directory; the tool says what it tried
   // and goes on with the next path.
-  veltest::ProcessResult result = vel({"rm", "docs/notes", "docs/readme.txt"});
+  ProcessResult result = vel({"rm", "docs/notes", "docs/readme.txt"});
   EXPECT_EQ(0, result.status);
   EXPECT_NE(std::string::npos, result.out.find("delete director : docs/notes\n")) << result.out;
   EXPECT_NE(std::string::npos, result.out.find("delete file : docs/readme.txt\n")) << result.out;
@@ -104,7 +102,7 @@ TEST_P(ToolRemoteTest, RmReportsARefusedDirectoryAndGoesOn) {
 TEST_P(ToolRemoteTest, CommitStopsAtTheFirstFailure) {
   // "other" exists on the service but not in the mirror: its commit fails.
   mirrorFile("docs/readme.txt", "edited\n");
-  veltest::ProcessResult result = vel({"commit", "other", "docs/readme.txt"});
+  ProcessResult result = vel({"commit", "other", "docs/readme.txt"});
   EXPECT_EQ(0, result.status);
   EXPECT_EQ(
       "check Exit successed : other\n"

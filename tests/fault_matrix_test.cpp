@@ -40,10 +40,6 @@
 
 namespace {
 
-using veltest::makeDirs;
-using veltest::readFile;
-using veltest::writeFile;
-
 // ---- snapshots of a folder ----
 
 using veltest::Tree;
@@ -301,23 +297,14 @@ class FaultMatrixBase : public ::testing::Test {
       for (const std::string& name : veltest::namesIn(root)) {
         veltest::removeTree(root + "/" + name);
       }
-      makeDirs(root + "/t/sub");
-      makeDirs(root + "/t/empty");
-      ::chmod((root + "/t/sub").c_str(), 0750);
+      veltest::plant(root, {{"t/sub/", "", 0750}, {"t/empty/", ""}});
     }
-    const std::string store = agent_->store();
-    const std::string mirror = agent_->mirror();
-    file(store + "/t/a", "service a", 0644);
-    file(store + "/t/b", "service b", 0640);
-    file(store + "/t/sub/c", "service c", 0600);
-    file(mirror + "/t/a", "local a", 0644);
-    file(mirror + "/t/sub/c", "service c", 0600);
-    file(mirror + "/t/local", "only in the mirror", 0644);
-  }
-
-  static void file(const std::string& path, const std::string& content, mode_t mode) {
-    writeFile(path, content);
-    ::chmod(path.c_str(), mode);
+    veltest::plant(
+        agent_->store(),
+        {{"t/a", "service a", 0644}, {"t/b", "service b", 0640}, {"t/sub/c", "service c", 0600}});
+    veltest::plant(agent_->mirror(), {{"t/a", "local a", 0644},
+                                      {"t/sub/c", "service c", 0600},
+                                      {"t/local", "only in the mirror", 0644}});
   }
 
   // The operation once without faults: its agent calls and what it leaves

@@ -15,11 +15,7 @@
 
 namespace {
 
-using veltest::AgentConnection;
-using veltest::AgentFixture;
-using veltest::AgentOptions;
-using veltest::kSvc;
-using veltest::quiet;
+using namespace veltest;
 
 constexpr size_t kLarge = 64u << 20;
 
@@ -45,13 +41,13 @@ void killDuringCopies(AgentFixture& agent, const std::string& command, const std
   std::uniform_int_distribution<long long> moment(0, full.count());
   int interrupted = 0;
   for (int round = 0; round < 6; ++round) {
-    veltest::writeFile(to, before);
+    writeFile(to, before);
     ASSERT_TRUE(agent.restart());
     AgentConnection c(agent.socketPath());
     ASSERT_TRUE(c.send({command, kSvc, "big"}));
     std::this_thread::sleep_for(std::chrono::microseconds(moment(random)));
     agent.kill();
-    const std::string now = veltest::readFile(to);
+    const std::string now = readFile(to);
     interrupted += now == before;
     EXPECT_TRUE(now == before || now == after)
         << command << " round " << round << ": " << now.size() << " bytes, neither version";
@@ -66,22 +62,20 @@ TEST(AgentCopies, KillingTheAgentDuringAnUploadOrADownloadLeavesTheOldOrTheNewCo
   ASSERT_TRUE(agent.ready());
   const std::string oldContent = content('o', kLarge);
   const std::string newContent = content('n', kLarge + 12345);
-  veltest::writeFile(agent.mirror() + "/big", newContent);
+  writeFile(agent.mirror() + "/big", newContent);
   killDuringCopies(agent, "tarn.uploadlocal", agent.store() + "/big", oldContent, newContent);
 
-  veltest::writeFile(agent.store() + "/big", newContent);
+  writeFile(agent.store() + "/big", newContent);
   killDuringCopies(agent, "tarn.downloadlocal", agent.mirror() + "/big", oldContent, newContent);
 
   // What a killed copy leaves behind never shows in a listing, and does
   // not keep a folder that looks empty from being removed.
-  veltest::writeFile(agent.store() + "/.big.velpart.k1ll3d", "partial");
-  veltest::makeDirs(agent.store() + "/gone");
-  veltest::writeFile(agent.store() + "/gone/.f.velpart.k1ll3d", "partial");
+  plant(agent.store(), {{".big.velpart.k1ll3d", "partial"}, {"gone/.f.velpart.k1ll3d", "partial"}});
   AgentConnection c(agent.socketPath());
   EXPECT_EQ("*\nbig\ngone/", c.ask({"tarn.dir", kSvc, "", "false"}));
   EXPECT_EQ("*", c.ask({"tarn.dir", kSvc, "gone", "false"}));
   EXPECT_EQ("+OK", c.ask({"tarn.remove", kSvc, "gone", "false"}));
-  EXPECT_FALSE(veltest::pathExists(agent.store() + "/gone"));
+  EXPECT_FALSE(pathExists(agent.store() + "/gone"));
 }
 
 TEST(AgentCopies, AFullDiskKeepsTheOldContentAndNoTemporaryFile) {
@@ -91,27 +85,22 @@ TEST(AgentCopies, AFullDiskKeepsTheOldContentAndNoTemporaryFile) {
   ASSERT_TRUE(agent.ready());
   const std::string store = agent.store();
   const std::string mirror = agent.mirror();
-  veltest::writeFile(store + "/up", "old store copy");
-  veltest::writeFile(mirror + "/up", content('u', 3 << 20));
-  veltest::writeFile(store + "/down", content('d', 3 << 20));
-  veltest::writeFile(mirror + "/down", "old mirror copy");
-  veltest::writeFile(mirror + "/small", "fits");
-  ::chmod((mirror + "/small").c_str(), 0640);
-  veltest::writeFile(store + "/tiny", "fits too");
-  ::chmod((store + "/tiny").c_str(), 0604);
+  plant(store, {{"up", "old store copy"}, {"down", content('d', 3 << 20)}, {"tiny", "fits", 0604}});
+  plant(mirror,
+        {{"up", content('u', 3 << 20)}, {"down", "old mirror copy"}, {"small", "fit", 0640}});
 
   AgentConnection c(agent.socketPath());
   EXPECT_EQ("-ERR upload failed: File too large", c.ask({"tarn.uploadlocal", kSvc, "up"}));
   EXPECT_EQ("-ERR download failed: File too large", c.ask({"tarn.downloadlocal", kSvc, "down"}));
-  EXPECT_EQ("old store copy", veltest::readFile(store + "/up"));
-  EXPECT_EQ("old mirror copy", veltest::readFile(mirror + "/down"));
+  EXPECT_EQ("old store copy", readFile(store + "/up"));
+  EXPECT_EQ("old mirror copy", readFile(mirror + "/down"));
   // The copies that fit get the mode of their source.
   EXPECT_EQ("+OK", c.ask({"tarn.uploadlocal", kSvc, "small"}));
   EXPECT_EQ("+OK", c.ask({"tarn.downloadlocal", kSvc, "tiny"}));
-  EXPECT_EQ(0640, veltest::permissionsOf(store + "/small"));
-  EXPECT_EQ(0604, veltest::permissionsOf(mirror + "/tiny"));
-  EXPECT_EQ((std::vector<std::string>{"down", "small", "tiny", "up"}), veltest::namesIn(store));
-  EXPECT_EQ((std::vector<std::string>{"down", "small", "tiny", "up"}), veltest::namesIn(mirror));
+  EXPECT_EQ(0640, permissionsOf(store + "/small"));
+  EXPECT_EQ(0604, permissionsOf(mirror + "/tiny"));
+  EXPECT_EQ((std::vector<std::string>{"down", "small", "tiny", "up"}), namesIn(store));
+  EXPECT_EQ((std::vector<std::string>{"down", "small", "tiny", "up"}), namesIn(mirror));
 }
 
 }  // namespace

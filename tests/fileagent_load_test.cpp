@@ -20,11 +20,7 @@
 
 namespace {
 
-using veltest::AgentConnection;
-using veltest::AgentFixture;
-using veltest::AgentOptions;
-using veltest::kSvc;
-using veltest::quiet;
+using namespace veltest;
 using Clock = std::chrono::steady_clock;
 
 constexpr long long kMiB = 1024;  // in the KiB of /proc
@@ -56,9 +52,7 @@ long long statusKiB(pid_t pid, const std::string& field) {
   return -1;
 }
 
-size_t openDescriptors(pid_t pid) {
-  return veltest::namesIn("/proc/" + std::to_string(pid) + "/fd").size();
-}
+size_t openDescriptors(pid_t pid) { return namesIn("/proc/" + std::to_string(pid) + "/fd").size(); }
 
 // Runs `client` on `count` threads at once.
 template <typename F>
@@ -75,9 +69,9 @@ void onThreads(int count, F client) {
 TEST(AgentLoad, ASmallStatIsAnsweredWithinItsTimeOutWhileALargeCopyRuns) {
   AgentFixture agent(quiet());
   ASSERT_TRUE(agent.ready());
-  veltest::writeFile(agent.store() + "/big", "");
+  writeFile(agent.store() + "/big", "");
   ASSERT_EQ(0, ::truncate((agent.store() + "/big").c_str(), 384LL << 20));
-  veltest::writeFile(agent.store() + "/small", "s");
+  writeFile(agent.store() + "/small", "s");
 
   std::atomic<bool> copied{false};
   std::thread copy([&] {
@@ -88,7 +82,7 @@ TEST(AgentLoad, ASmallStatIsAnsweredWithinItsTimeOutWhileALargeCopyRuns) {
   // Wait for the copy to have begun writing into the mirror.
   bool writing = false;
   for (auto until = Clock::now() + std::chrono::seconds(10); !writing && Clock::now() < until;) {
-    for (const std::string& name : veltest::namesIn(agent.mirror())) {
+    for (const std::string& name : namesIn(agent.mirror())) {
       struct stat st;
       std::string path = agent.mirror() + "/" + name;
       writing |= ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0;
@@ -112,23 +106,26 @@ TEST(AgentLoad, RequestsAboveTheCapsAreRefusedWithBoundedMemory) {
   const pid_t pid = agent.pid();
   const long long baseRss = statusKiB(pid, "VmRSS");
 
+  // Eight clients at once send `head` and then `body` `rounds` times:
+  // every one gets `refusal`.
+  const auto flood = [&](const std::string& head, const std::string& body, int rounds,
+                         int timeoutMs, const std::string& refusal) {
+    std::vector<std::string> answers(8);
+    onThreads(8, [&](int i) {
+      AgentConnection c(agent.socketPath());
+      bool sending = c.sendRaw(head);
+      for (int round = 0; sending && round < rounds; ++round) sending = c.sendRaw(body);
+      answers[i] = c.reply(timeoutMs);
+    });
+    EXPECT_EQ(std::vector<std::string>(8, refusal), answers);
+  };
+
   // 8 multibulks announcing a million elements each, and sending them.
-  std::vector<std::string> answers(8);
   std::string tiny;
   for (int i = 0; i < 100000; ++i) {
     tiny += "$1\r\nx\r\n";
   }
-  onThreads(8, [&](int i) {
-    AgentConnection c(agent.socketPath());
-    bool sending = c.sendRaw("*1000000\r\n");
-    for (int round = 0; sending && round < 10; ++round) {
-      sending = c.sendRaw(tiny);
-    }
-    answers[i] = c.reply(5000);
-  });
-  for (const std::string& answer : answers) {
-    EXPECT_EQ("-ERR Protocol error: too many arguments", answer);
-  }
+  flood("*1000000\r\n", tiny, 10, 5000, "-ERR Protocol error: too many arguments");
   const long long countHwm = statusKiB(pid, "VmHWM");
   std::printf("agent RSS %lld KiB; peak after 8 million-element requests %lld KiB\n", baseRss,
               countHwm);
@@ -139,18 +136,8 @@ TEST(AgentLoad, RequestsAboveTheCapsAreRefusedWithBoundedMemory) {
   // 8 requests of 1 MiB arguments, each going past 64 MiB in all: every
   // one is refused at the argument that crosses the cap.
   const std::string mib(1 << 20, 'm');
-  const std::string bulk = "$" + std::to_string(mib.size()) + "\r\n" + mib + "\r\n";
-  onThreads(8, [&](int i) {
-    AgentConnection c(agent.socketPath());
-    bool sending = c.sendRaw("*1000\r\n$10\r\ntarn.write\r\n");
-    for (int round = 0; sending && round < 160; ++round) {
-      sending = c.sendRaw(bulk);
-    }
-    answers[i] = c.reply(10000);
-  });
-  for (const std::string& answer : answers) {
-    EXPECT_EQ("-ERR Protocol error: request too large", answer);
-  }
+  flood("*1000\r\n$10\r\ntarn.write\r\n", "$" + std::to_string(mib.size()) + "\r\n" + mib + "\r\n",
+        160, 10000, "-ERR Protocol error: request too large");
   const long long bytesHwm = statusKiB(pid, "VmHWM");
   std::printf("peak after 8 requests past 64 MiB %lld KiB\n", bytesHwm);
   if (kMemoryMeasured) {
@@ -173,7 +160,7 @@ TEST(AgentLoad, RequestsAboveTheCapsAreRefusedWithBoundedMemory) {
 TEST(AgentLoad, ClientsThatDoNotReadLargeRepliesHoldLittleMemory) {
   AgentFixture agent(quiet());
   ASSERT_TRUE(agent.ready());
-  veltest::writeFile(agent.store() + "/big", "");
+  writeFile(agent.store() + "/big", "");
   ASSERT_EQ(0, ::truncate((agent.store() + "/big").c_str(), 64LL << 20));
   const pid_t pid = agent.pid();
   const long long baseRss = statusKiB(pid, "VmRSS");
@@ -207,15 +194,15 @@ TEST(AgentLoad, ClientsThatDoNotReadLargeRepliesHoldLittleMemory) {
 TEST(AgentLoad, AReplyAboveTheCapIsRefusedAndAStreamedReadIsNot) {
   AgentFixture agent(quiet({"--max-reply-bytes", "4096"}));
   ASSERT_TRUE(agent.ready());
-  veltest::makeDirs(agent.store() + "/many");
+  makeDirs(agent.store() + "/many");
   for (int i = 0; i < 300; ++i) {
-    veltest::writeFile(agent.store() + "/many/file-with-a-longer-name-" + std::to_string(i), "");
+    writeFile(agent.store() + "/many/file-with-a-longer-name-" + std::to_string(i), "");
   }
   std::string data;
   for (int i = 0; data.size() < (3u << 20); ++i) {
     data += std::to_string(i) + ",";
   }
-  veltest::writeFile(agent.store() + "/data", data);
+  writeFile(agent.store() + "/data", data);
 
   AgentConnection listing(agent.socketPath());
   EXPECT_EQ("-ERR reply too large", listing.ask({"tarn.dir", kSvc, "many", "false"}));

@@ -39,17 +39,13 @@ inline std::string storeKindName(const ::testing::TestParamInfo<StoreKind>& info
 // Both kinds: INSTANTIATE_TEST_SUITE_P(Stores, Suite, bothStores(), storeKindName).
 inline auto bothStores() { return ::testing::Values(StoreKind::kFolder, StoreKind::kWebDav); }
 
-// True (with the reason) for a WebDAV case on a machine where no server can
-// run (no Apache): the case is skipped, saying why.
-inline bool webDavServerMissing(StoreKind kind, std::string& why) {
-  return kind == StoreKind::kWebDav && !veltest::WebDavServer::available(why);
-}
-
 class RemoteFixture : public ::testing::TestWithParam<StoreKind> {
  protected:
   void SetUp() override {
+    // A WebDAV case on a machine where no server can run (no Apache) is
+    // skipped, saying why.
     std::string why;
-    if (webDavServerMissing(GetParam(), why)) {
+    if (webdav() && !veltest::WebDavServer::available(why)) {
       GTEST_SKIP() << "no WebDAV server here: " << why;
     }
     veltest::AgentOptions options;

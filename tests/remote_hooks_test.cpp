@@ -18,7 +18,7 @@
 
 namespace {
 
-using veltest::readFile;
+using namespace veltest;
 
 using RemoteHooksTest = RemoteFixture;
 
@@ -27,7 +27,7 @@ TEST_P(RemoteHooksTest, FopenAndStreamsSynchroniseByMode) {
   storeDir("w", 0751);
   FILE* f = VEL::fopen("w/new", "w");
   ASSERT_NE(f, nullptr);
-  EXPECT_EQ(veltest::permissionsOf(mirror("w")), 0751);
+  EXPECT_EQ(permissionsOf(mirror("w")), 0751);
   EXPECT_EQ(countOf("tarn.metadata TestService w/new"), 0u);
   EXPECT_EQ(countOf("tarn.downloadlocal"), 0u);
   std::fputs("written", f);
@@ -91,7 +91,7 @@ TEST_P(RemoteHooksTest, StreamThatNeverOpenedSendsNothingOnClose) {
 
   // The hook succeeds but the mirror file cannot be opened (a directory).
   agent_->setRules("");
-  veltest::makeDirs(mirror("h/d"), 0750);
+  makeDirs(mirror("h/d"), 0750);
   {
     VEL::ofstream out("h/d");
     EXPECT_FALSE(out.is_open());
@@ -113,8 +113,8 @@ TEST_P(RemoteHooksTest, FcloseForgetsTheStreamSoItsAddressCanBeReused) {
   EXPECT_EQ(countOf("tarn.uploadlocal TestService r/mine"), 1u);
   EXPECT_TRUE(logged("ERROR [VEL] fclose(), getFileOpenMode: path: r/mine, mode: w\n"));
 
-  veltest::TempDir other;
-  veltest::writeFile(other.sub("x"), "x");
+  TempDir other;
+  writeFile(other.sub("x"), "x");
   std::vector<FILE*> foreign;
   bool reused = false;
   for (int i = 0; i < 8 && !reused; ++i) {

@@ -9,9 +9,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -57,25 +57,6 @@ std::string writerText(int thread, int pass) {
   return text;
 }
 
-// Lets every thread start at the same moment, so that the first calls
-// (creating the instance and the logger) race too.
-class StartLine {
- public:
-  void wait() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (++arrived_ == kThreads) {
-      cv_.notify_all();
-      return;
-    }
-    cv_.wait(lock, [this] { return arrived_ == kThreads; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  int arrived_ = 0;
-};
-
 class StressTest : public ::testing::Test {
  protected:
   // Runs the threads with the client type `type` and the mirror at
@@ -84,10 +65,13 @@ class StressTest : public ::testing::Test {
   void race(const char* type, const std::string& logDir) {
     VEL::finish();
     VEL::releaseLogger();
-    StartLine start;
+    // Every thread starts at the same moment, so that the first calls
+    // (creating the instance and the logger) race too.
+    std::promise<void> go;
+    std::shared_future<void> start = go.get_future().share();
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
-      threads.emplace_back([this, t, type, &start] {
+      threads.emplace_back([this, t, type, start] {
         start.wait();
         VEL::init({{"clientType", type}});
         std::mt19937 random(static_cast<unsigned>(t) * 7919u + 1u);
@@ -96,6 +80,7 @@ class StressTest : public ::testing::Test {
         }
       });
     }
+    go.set_value();
     for (std::thread& thread : threads) {
       thread.join();
     }
@@ -268,14 +253,20 @@ class StressTest : public ::testing::Test {
   std::vector<int> logged_[kThreads];
 };
 
+// The shared paths as the threads find them: s/d0 and every file with
+// one whole text.
+void seed(const std::string& root) {
+  veltest::makeDirs(root + "/s/d0");
+  for (int n = 0; n < kFiles; ++n) {
+    veltest::writeFile(root + "/" + fileName(n), writerText(0, 0));
+  }
+}
+
 TEST_F(StressTest, LocalMode) {
   veltest::TempDir dir;
   const std::string mirror = dir.sub("mirror");
-  veltest::makeDirs(mirror + "/s/d0");
+  seed(mirror);
   veltest::makeDirs(dir.sub("log"));
-  for (int n = 0; n < kFiles; ++n) {
-    veltest::writeFile(mirror + "/" + fileName(n), writerText(0, 0));
-  }
   veltest::ScopedEnv root("TARN_ROOT_DIR", mirror.c_str());
   veltest::ScopedEnv log("_APP_LOG_DIR", dir.sub("log").c_str());
   race("Local", dir.sub("log"));
@@ -286,10 +277,7 @@ TEST_F(StressTest, RemoteMode) {
   veltest::AgentFixture agent;
   ASSERT_TRUE(agent.ready());
   agent.exportEnv();
-  veltest::makeDirs(agent.store() + "/s/d0");
-  for (int n = 0; n < kFiles; ++n) {
-    veltest::writeFile(agent.store() + "/" + fileName(n), writerText(0, 0));
-  }
+  seed(agent.store());
   race("Tavora", agent.logDir());
   checkFiles(agent.mirror());
   checkFiles(agent.store());

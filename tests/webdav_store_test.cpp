@@ -19,24 +19,18 @@
 
 namespace {
 
-using veltest::AgentConnection;
-using veltest::AgentFixture;
-using veltest::AgentOptions;
-using veltest::makeDirs;
-using veltest::pathExists;
-using veltest::readFile;
-using veltest::writeFile;
+using namespace veltest;
 
 class WebDavStoreTest : public ::testing::Test {
  protected:
   void SetUp() override {
     std::string why;
-    if (!veltest::WebDavServer::available(why)) {
+    if (!WebDavServer::available(why)) {
       GTEST_SKIP() << "no WebDAV server here: " << why;
     }
   }
 
-  static AgentOptions webdav(const veltest::WebDavServerOptions& server = {}) {
+  static AgentOptions webdav(const WebDavServerOptions& server = {}) {
     AgentOptions options;
     options.webdav = true;
     options.server = server;
@@ -50,15 +44,14 @@ bool startsWith(const std::string& text, const std::string& prefix) {
 }
 
 TEST_F(WebDavStoreTest, WrongPasswordGivesAClearErrorAndNoCredentialIsShown) {
-  const veltest::WebDavServerOptions login{"vel", "right horse battery", false};
+  const WebDavServerOptions login{"vel", "right horse battery", false};
   AgentFixture good(webdav(login));
   ASSERT_TRUE(good.ready());
   good.storeFile("f", "data");
   AgentConnection ok(good.socketPath());
-  EXPECT_NE(ok.ask({"tarn.metadata", "TestService", "f"}).find("\"Kind\":\"file\""),
-            std::string::npos);
+  EXPECT_NE(ok.ask({"tarn.metadata", kSvc, "f"}).find("\"Kind\":\"file\""), std::string::npos);
 
-  veltest::TempDir secrets;
+  TempDir secrets;
   writeFile(secrets.sub("wrong"), "wrong staple\n");
   AgentOptions options = webdav(login);
   options.args = {"--webdav-password-file", secrets.sub("wrong")};
@@ -67,14 +60,14 @@ TEST_F(WebDavStoreTest, WrongPasswordGivesAClearErrorAndNoCredentialIsShown) {
   bad.storeFile("f", "data");
   AgentConnection c(bad.socketPath());
   const std::string unauthorized = "-ERR webdav: 401 Unauthorized";
-  EXPECT_EQ(c.ask({"tarn.metadata", "TestService", "f"}), unauthorized);
-  EXPECT_EQ(c.ask({"tarn.dir", "TestService", "", "x"}), unauthorized);  // never an empty list
-  EXPECT_EQ(c.ask({"tarn.downloadlocal", "TestService", "f"}), unauthorized);
+  EXPECT_EQ(c.ask({"tarn.metadata", kSvc, "f"}), unauthorized);
+  EXPECT_EQ(c.ask({"tarn.dir", kSvc, "", "x"}), unauthorized);  // never an empty list
+  EXPECT_EQ(c.ask({"tarn.downloadlocal", kSvc, "f"}), unauthorized);
   EXPECT_FALSE(pathExists(bad.mirror() + "/f"));
   writeFile(bad.mirror() + "/up", "local");
-  EXPECT_EQ(c.ask({"tarn.uploadlocal", "TestService", "up"}), unauthorized);
+  EXPECT_EQ(c.ask({"tarn.uploadlocal", kSvc, "up"}), unauthorized);
   EXPECT_FALSE(pathExists(bad.store() + "/up"));
-  EXPECT_EQ(c.ask({"tarn.remove", "TestService", "f", "true"}), unauthorized);
+  EXPECT_EQ(c.ask({"tarn.remove", kSvc, "f", "true"}), unauthorized);
   EXPECT_EQ(readFile(bad.store() + "/f"), "data");
 
   // The start line says the server refuses; neither password is anywhere.
@@ -89,15 +82,15 @@ TEST_F(WebDavStoreTest, WrongPasswordGivesAClearErrorAndNoCredentialIsShown) {
 }
 
 TEST_F(WebDavStoreTest, HttpsWorksWithTheGivenCertificateOnly) {
-  veltest::WebDavServerOptions tls;
+  WebDavServerOptions tls;
   tls.https = true;
   AgentFixture trusted(webdav(tls));
   ASSERT_TRUE(trusted.ready());
   ASSERT_TRUE(startsWith(trusted.server()->url(), "https://"));
   trusted.storeFile("s/f", "over TLS");
   AgentConnection c(trusted.socketPath());
-  EXPECT_EQ(c.ask({"tarn.downloadlocal", "TestService", "s"}), "+OK");
-  EXPECT_EQ(c.ask({"tarn.downloadlocal", "TestService", "s/f"}), "+OK");
+  EXPECT_EQ(c.ask({"tarn.downloadlocal", kSvc, "s"}), "+OK");
+  EXPECT_EQ(c.ask({"tarn.downloadlocal", kSvc, "s/f"}), "+OK");
   EXPECT_EQ(readFile(trusted.mirror() + "/s/f"), "over TLS");
 
   // Another server's certificate does not vouch for this one.
@@ -106,7 +99,7 @@ TEST_F(WebDavStoreTest, HttpsWorksWithTheGivenCertificateOnly) {
   AgentFixture untrusted(options);
   ASSERT_TRUE(untrusted.ready());
   AgentConnection u(untrusted.socketPath());
-  std::string reply = u.ask({"tarn.metadata", "TestService", ""});
+  std::string reply = u.ask({"tarn.metadata", kSvc, ""});
   EXPECT_TRUE(startsWith(reply, "-ERR webdav: ")) << reply;
   EXPECT_NE(reply.find("certificate"), std::string::npos) << reply;
 }
@@ -131,9 +124,7 @@ TEST_F(WebDavStoreTest, NamesThatNeedEncodingMatchTheFolderStore) {
   std::vector<std::string> folders = {"",  "a b",     "100%",        "h#sh", "q?",
                                       "ü", "mix ?#%", "mix ?#%/ä b", "plain"};
   for (const std::string& dir : folders) {
-    EXPECT_EQ(d.ask({"tarn.dir", "TestService", dir, "x"}),
-              f.ask({"tarn.dir", "TestService", dir, "x"}))
-        << dir;
+    EXPECT_EQ(d.ask({"tarn.dir", kSvc, dir, "x"}), f.ask({"tarn.dir", kSvc, dir, "x"})) << dir;
   }
   // Equal but for the time, which the two copies need not share.
   const auto timeless = [](std::string meta) {
@@ -142,27 +133,26 @@ TEST_F(WebDavStoreTest, NamesThatNeedEncodingMatchTheFolderStore) {
   };
   for (const std::string& rel : files) {
     ::chmod((folder.store() + "/" + rel).c_str(), 0640);  // the WebDAV default
-    EXPECT_EQ(timeless(d.ask({"tarn.metadata", "TestService", rel})),
-              timeless(f.ask({"tarn.metadata", "TestService", rel})));
+    EXPECT_EQ(timeless(d.ask({"tarn.metadata", kSvc, rel})),
+              timeless(f.ask({"tarn.metadata", kSvc, rel})));
     for (size_t slash = rel.find('/'); slash != std::string::npos;
          slash = rel.find('/', slash + 1)) {
-      EXPECT_EQ(d.ask({"tarn.downloadlocal", "TestService", rel.substr(0, slash)}), "+OK");
+      EXPECT_EQ(d.ask({"tarn.downloadlocal", kSvc, rel.substr(0, slash)}), "+OK");
     }
-    EXPECT_EQ(d.ask({"tarn.downloadlocal", "TestService", rel}), "+OK") << rel;
+    EXPECT_EQ(d.ask({"tarn.downloadlocal", kSvc, rel}), "+OK") << rel;
     EXPECT_EQ(readFile(dav.mirror() + "/" + rel), "bytes of " + rel);
   }
 
-  makeDirs(dav.mirror() + "/new ä/#?%");
-  writeFile(dav.mirror() + "/new ä/#?%/ö 1%.txt", "sent");
-  EXPECT_EQ(d.ask({"tarn.uploadlocal", "TestService", "new ä/#?%/ö 1%.txt"}), "+OK");
+  plant(dav.mirror(), {{"new ä/#?%/ö 1%.txt", "sent"}});
+  EXPECT_EQ(d.ask({"tarn.uploadlocal", kSvc, "new ä/#?%/ö 1%.txt"}), "+OK");
   EXPECT_EQ(readFile(dav.store() + "/new ä/#?%/ö 1%.txt"), "sent");
-  EXPECT_EQ(d.ask({"tarn.move", "TestService", "a b/c d.txt", "h#sh/moved ?.txt"}), "+OK");
+  EXPECT_EQ(d.ask({"tarn.move", kSvc, "a b/c d.txt", "h#sh/moved ?.txt"}), "+OK");
   EXPECT_EQ(readFile(dav.store() + "/h#sh/moved ?.txt"), "bytes of a b/c d.txt");
-  EXPECT_EQ(d.ask({"tarn.move", "TestService", "100%", "ü/100% moved"}), "+OK");
+  EXPECT_EQ(d.ask({"tarn.move", kSvc, "100%", "ü/100% moved"}), "+OK");
   EXPECT_EQ(readFile(dav.store() + "/ü/100% moved/x%41y"), "bytes of 100%/x%41y");
-  EXPECT_EQ(d.ask({"tarn.remove", "TestService", "mix ?#%", "true"}), "+OK");
+  EXPECT_EQ(d.ask({"tarn.remove", kSvc, "mix ?#%", "true"}), "+OK");
   EXPECT_FALSE(pathExists(dav.store() + "/mix ?#%"));
-  EXPECT_EQ(d.ask({"tarn.dir", "TestService", "", "x"}), "*\na b/\nh#sh/\nnew ä/\nplain/\nq?/\nü/");
+  EXPECT_EQ(d.ask({"tarn.dir", kSvc, "", "x"}), "*\na b/\nh#sh/\nnew ä/\nplain/\nq?/\nü/");
 }
 
 // The server goes away while it sends a file: the mirror keeps its old
@@ -175,13 +165,13 @@ TEST_F(WebDavStoreTest, ServerStoppingMidDownloadLeavesTheOldCopy) {
   agent.storeFile("ratelimited-doc", fresh);
   writeFile(agent.mirror() + "/ratelimited-doc", "old copy");
   AgentConnection c(agent.socketPath());
-  ASSERT_TRUE(c.send({"tarn.downloadlocal", "TestService", "ratelimited-doc"}));
+  ASSERT_TRUE(c.send({"tarn.downloadlocal", kSvc, "ratelimited-doc"}));
 
   // Stopped once the first bytes reached the temporary file.
   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   bool started = false;
   while (!started && std::chrono::steady_clock::now() < deadline) {
-    for (const std::string& partial : veltest::matching(agent.mirror() + "/.*.velpart.*")) {
+    for (const std::string& partial : matching(agent.mirror() + "/.*.velpart.*")) {
       started = started || !readFile(partial).empty();
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -191,18 +181,18 @@ TEST_F(WebDavStoreTest, ServerStoppingMidDownloadLeavesTheOldCopy) {
   std::string reply = c.reply(30000);
   EXPECT_TRUE(startsWith(reply, "-ERR webdav: ")) << reply;
   EXPECT_EQ(readFile(agent.mirror() + "/ratelimited-doc"), "old copy");
-  EXPECT_TRUE(veltest::matching(agent.mirror() + "/.*.velpart.*").empty());
+  EXPECT_TRUE(matching(agent.mirror() + "/.*.velpart.*").empty());
 
   // Without a server every request says why.
   AgentConnection down(agent.socketPath());
-  reply = down.ask({"tarn.metadata", "TestService", "ratelimited-doc"});
+  reply = down.ask({"tarn.metadata", kSvc, "ratelimited-doc"});
   EXPECT_TRUE(startsWith(reply, "-ERR webdav: ")) << reply;
 
   ASSERT_TRUE(agent.server()->start());
-  EXPECT_EQ(down.ask({"tarn.downloadlocal", "TestService", "ratelimited-doc"}, 30000), "+OK");
+  EXPECT_EQ(down.ask({"tarn.downloadlocal", kSvc, "ratelimited-doc"}, 30000), "+OK");
   std::string copy = readFile(agent.mirror() + "/ratelimited-doc");
   EXPECT_TRUE(copy == fresh) << copy.size() << " bytes";
-  EXPECT_TRUE(veltest::matching(agent.mirror() + "/.*.velpart.*").empty());
+  EXPECT_TRUE(matching(agent.mirror() + "/.*.velpart.*").empty());
 }
 
 // How the answers of the server become the agent's replies, and the
@@ -214,48 +204,48 @@ TEST_F(WebDavStoreTest, AnswersMapOntoTheAgentRepliesOverOneKeptConnection) {
   agent.storeFile("b", "B");
   agent.storeFile("full/x", "X");
   AgentConnection c(agent.socketPath());
-  EXPECT_EQ(c.ask({"tarn.move", "TestService", "a", "b"}), "-ERR move failed: File exists");
+  EXPECT_EQ(c.ask({"tarn.move", kSvc, "a", "b"}), "-ERR move failed: File exists");
   EXPECT_EQ(readFile(agent.store() + "/a"), "A");
   EXPECT_EQ(readFile(agent.store() + "/b"), "B");
-  EXPECT_EQ(c.ask({"tarn.move", "TestService", "a", "new/deeper/c"}), "+OK");
+  EXPECT_EQ(c.ask({"tarn.move", kSvc, "a", "new/deeper/c"}), "+OK");
   EXPECT_EQ(readFile(agent.store() + "/new/deeper/c"), "A");
-  EXPECT_EQ(c.ask({"tarn.createinfo", "TestService", "new", "dir"}), "+OK");
-  EXPECT_EQ(c.ask({"tarn.createinfo", "TestService", "made/one/two", "dir"}), "+OK");
+  EXPECT_EQ(c.ask({"tarn.createinfo", kSvc, "new", "dir"}), "+OK");
+  EXPECT_EQ(c.ask({"tarn.createinfo", kSvc, "made/one/two", "dir"}), "+OK");
   EXPECT_TRUE(pathExists(agent.store() + "/made/one/two"));
-  EXPECT_EQ(c.ask({"tarn.createinfo", "TestService", "b/under", "dir"}),
+  EXPECT_EQ(c.ask({"tarn.createinfo", kSvc, "b/under", "dir"}),
             "-ERR cannot create folder: Not a directory");
-  EXPECT_EQ(c.ask({"tarn.createinfo", "TestService", "made/empty", "file"}), "+OK");
+  EXPECT_EQ(c.ask({"tarn.createinfo", kSvc, "made/empty", "file"}), "+OK");
   EXPECT_EQ(readFile(agent.store() + "/made/empty"), "");
-  EXPECT_NE(c.ask({"tarn.metadata", "TestService", "made/empty"}).find("\"mode\":420"),
+  EXPECT_NE(c.ask({"tarn.metadata", kSvc, "made/empty"}).find("\"mode\":420"),
             std::string::npos);  // 0644, as the folder store creates it
 
-  EXPECT_EQ(c.ask({"tarn.remove", "TestService", "full", "false"}), "-ERR directory not empty");
+  EXPECT_EQ(c.ask({"tarn.remove", kSvc, "full", "false"}), "-ERR directory not empty");
   EXPECT_EQ(readFile(agent.store() + "/full/x"), "X");
-  EXPECT_EQ(c.ask({"tarn.remove", "TestService", "gone", "false"}), "+OK");
-  EXPECT_EQ(c.ask({"tarn.remove", "TestService", "made/one/two", "false"}), "+OK");
+  EXPECT_EQ(c.ask({"tarn.remove", kSvc, "gone", "false"}), "+OK");
+  EXPECT_EQ(c.ask({"tarn.remove", kSvc, "made/one/two", "false"}), "+OK");
   EXPECT_FALSE(pathExists(agent.store() + "/made/one/two"));
-  EXPECT_EQ(c.ask({"tarn.remove", "TestService", "full", "true"}), "+OK");
+  EXPECT_EQ(c.ask({"tarn.remove", kSvc, "full", "true"}), "+OK");
   EXPECT_FALSE(pathExists(agent.store() + "/full"));
 
-  EXPECT_EQ(c.ask({"tarn.metadata", "TestService", "nothing"}), "$file not found");
-  EXPECT_EQ(c.ask({"tarn.chmod", "TestService", "420", "nothing"}), "-ERR file not found");
-  EXPECT_EQ(c.ask({"tarn.dir", "TestService", "b", "x"}), "-ERR not a directory");
-  EXPECT_EQ(c.ask({"tarn.dir", "TestService", "nothing", "x"}), "-ERR file not found");
-  EXPECT_EQ(c.ask({"tarn.downloadlocal", "TestService", "nothing"}), "$file not found");
-  EXPECT_EQ(c.ask({"tarn.create", "TestService", "b", "r"}),
+  EXPECT_EQ(c.ask({"tarn.metadata", kSvc, "nothing"}), "$file not found");
+  EXPECT_EQ(c.ask({"tarn.chmod", kSvc, "420", "nothing"}), "-ERR file not found");
+  EXPECT_EQ(c.ask({"tarn.dir", kSvc, "b", "x"}), "-ERR not a directory");
+  EXPECT_EQ(c.ask({"tarn.dir", kSvc, "nothing", "x"}), "-ERR file not found");
+  EXPECT_EQ(c.ask({"tarn.downloadlocal", kSvc, "nothing"}), "$file not found");
+  EXPECT_EQ(c.ask({"tarn.create", kSvc, "b", "r"}),
             "-ERR open failed: not supported by the WebDAV store");
 
   // Without the property a file reads 0640 and a folder 0750; chmod sets it.
-  EXPECT_NE(c.ask({"tarn.metadata", "TestService", "b"}).find("\"mode\":416"), std::string::npos);
-  EXPECT_NE(c.ask({"tarn.metadata", "TestService", "new"}).find("\"mode\":488"), std::string::npos);
-  EXPECT_EQ(c.ask({"tarn.chmod", "TestService", "1517", "new"}), "+OK");  // 02755
+  EXPECT_NE(c.ask({"tarn.metadata", kSvc, "b"}).find("\"mode\":416"), std::string::npos);
+  EXPECT_NE(c.ask({"tarn.metadata", kSvc, "new"}).find("\"mode\":488"), std::string::npos);
+  EXPECT_EQ(c.ask({"tarn.chmod", kSvc, "1517", "new"}), "+OK");  // 02755
   EXPECT_EQ(agent.server()->mode("new"), 02755);
 
   // Twenty clients one after the other, each on a connection of its own:
   // the agent asks the server over one connection it keeps.
   for (int i = 0; i < 20; ++i) {
     AgentConnection once(agent.socketPath());
-    EXPECT_EQ(once.ask({"tarn.metadata", "TestService", "b"}).substr(0, 1), "$");
+    EXPECT_EQ(once.ask({"tarn.metadata", kSvc, "b"}).substr(0, 1), "$");
   }
   std::istringstream log(readFile(agent.server()->accessLog()));
   int most = 0;

@@ -28,10 +28,13 @@ namespace {
 constexpr int kStartSeconds = 30;
 constexpr int kStopSeconds = 15;
 
-long long millisLeft(std::chrono::steady_clock::time_point deadline) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
-                                                               std::chrono::steady_clock::now())
-      .count();
+// The RESP bytes of a request.
+std::string encodeRequest(const std::vector<std::string>& args) {
+  std::string out = "*" + std::to_string(args.size()) + "\r\n";
+  for (const std::string& arg : args) {
+    out += "$" + std::to_string(arg.size()) + "\r\n" + arg + "\r\n";
+  }
+  return out;
 }
 
 }  // namespace
@@ -216,14 +219,6 @@ void AgentFixture::exportEnv() const {
   ::setenv("UDS_ROOT_OSSUSER", udsRoot().c_str(), 1);
   ::setenv("TARN_ROOT_DIR", mirror().c_str(), 1);
   ::setenv("_APP_LOG_DIR", logDir().c_str(), 1);
-}
-
-std::string encodeRequest(const std::vector<std::string>& args) {
-  std::string out = "*" + std::to_string(args.size()) + "\r\n";
-  for (const std::string& arg : args) {
-    out += "$" + std::to_string(arg.size()) + "\r\n" + arg + "\r\n";
-  }
-  return out;
 }
 
 AgentConnection::AgentConnection(const std::string& socketPath) : reader_(redisReaderCreate()) {

@@ -137,9 +137,6 @@ class AgentConnection {
   redisReader* reader_;
 };
 
-// The RESP bytes of a request.
-std::string encodeRequest(const std::vector<std::string>& args);
-
 }  // namespace veltest
 
 #endif  // VEL_TESTS_SUPPORT_AGENT_FIXTURE_H_

@@ -18,10 +18,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-long long millisLeft(Clock::time_point deadline) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-}
-
 // Puts `fd` (or /dev/null for kToNull) in place of `target`.
 void redirect(int fd, int target) {
   if (fd == kToNull) {
@@ -33,6 +29,10 @@ void redirect(int fd, int target) {
 }
 
 }  // namespace
+
+long long millisLeft(Clock::time_point deadline) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+}
 
 pid_t spawn(const std::vector<std::string>& argv, const SpawnOptions& options) {
   std::vector<char*> args;

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <string>
@@ -28,6 +29,9 @@ struct SpawnOptions {
   bool endWithParent = false;              // SIGTERM once the thread that started it ends
   std::function<void()> setUp;             // runs in the child just before the program
 };
+
+// Milliseconds until `deadline`, negative once it has passed.
+long long millisLeft(std::chrono::steady_clock::time_point deadline);
 
 // Starts argv[0] with the arguments argv[1..]: the child's process id, or
 // -1 when fork failed. A program that cannot be run exits with 127.

@@ -79,6 +79,19 @@ void makeDirs(const std::string& path, mode_t mode) {
   }
 }
 
+void plant(const std::string& root, const std::vector<Planted>& files) {
+  for (const Planted& file : files) {
+    const std::string path = root + "/" + file.rel;
+    makeDirs(path.substr(0, path.rfind('/')));
+    if (file.rel.back() != '/') {
+      writeFile(path, file.content);
+    }
+    if (file.mode != 0) {
+      ::chmod(path.c_str(), file.mode);
+    }
+  }
+}
+
 void removeTree(const std::string& path) {
   struct stat st;
   if (::lstat(path.c_str(), &st) != 0) {

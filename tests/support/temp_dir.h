@@ -53,6 +53,15 @@ bool pathExists(const std::string& path);
 int permissionsOf(const std::string& path);
 // Creates every missing directory of `path` with `mode`.
 void makeDirs(const std::string& path, mode_t mode = 0755);
+// A file to plant(): its path below the root, its content and, unless 0,
+// its permission bits. A path ending in "/" is a folder.
+struct Planted {
+  std::string rel;
+  std::string content;
+  mode_t mode = 0;
+};
+// Writes each file below `root`, making its folders.
+void plant(const std::string& root, const std::vector<Planted>& files);
 // Removes `path` and everything below it; no error when absent.
 void removeTree(const std::string& path);
 // The names in the folder `path` but "." and "..", sorted; none when it
