@@ -20,8 +20,8 @@
 #include <string>
 #include <vector>
 
+#include "stores/webdav_protocol.h"
 #include "support/process.h"
-#include "webdav_protocol.h"
 
 namespace velbench {
 

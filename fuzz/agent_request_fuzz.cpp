@@ -13,12 +13,12 @@
 #include <string>
 #include <vector>
 
-#include "beneath.h"
 #include "commands.h"
-#include "control.h"
+#include "fs/beneath.h"
 #include "fuzz_support.h"
-#include "reply.h"
-#include "request.h"
+#include "server/control.h"
+#include "server/reply.h"
+#include "server/request.h"
 
 namespace {
 

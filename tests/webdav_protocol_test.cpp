@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "webdav_protocol.h"
+#include "stores/webdav_protocol.h"
 
 namespace {
 

@@ -21,8 +21,8 @@
 #include <thread>
 #include <vector>
 
+#include "stores/webdav_protocol.h"
 #include "support/process.h"
-#include "webdav_protocol.h"
 
 namespace veltest {
 

@@ -17,14 +17,14 @@
 #include <memory>
 #include <string>
 
-#include "agent_log.h"
-#include "agent_server.h"
-#include "beneath.h"
 #include "commands.h"
-#include "control.h"
-#include "folder_store.h"
-#include "request.h"
-#include "webdav_store.h"
+#include "fs/beneath.h"
+#include "server/agent_log.h"
+#include "server/agent_server.h"
+#include "server/control.h"
+#include "server/request.h"
+#include "stores/folder_store.h"
+#include "stores/webdav_store.h"
 
 namespace {
 

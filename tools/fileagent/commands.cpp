@@ -11,7 +11,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "atomic_file.h"
+#include "fs/atomic_file.h"
 
 namespace velagent {
 

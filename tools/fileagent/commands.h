@@ -23,10 +23,10 @@
 #include <string>
 #include <vector>
 
-#include "beneath.h"
+#include "fs/beneath.h"
 #include "path_locks.h"
-#include "reply.h"
-#include "store.h"
+#include "server/reply.h"
+#include "stores/store.h"
 
 namespace velagent {
 

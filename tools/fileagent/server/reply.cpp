@@ -1,4 +1,4 @@
-#include "reply.h"
+#include "server/reply.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "webdav_store.h"
+#include "stores/webdav_store.h"
 
 #include <curl/curl.h>
 #include <errno.h>

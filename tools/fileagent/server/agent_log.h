@@ -1,8 +1,8 @@
 // The agent's own log: one line per event on standard error (start, stop,
 // every refused request), each written with a single write so that lines
 // of concurrent connections never mix. Safe from any thread.
-#ifndef VEL_TOOLS_FILEAGENT_AGENT_LOG_H_
-#define VEL_TOOLS_FILEAGENT_AGENT_LOG_H_
+#ifndef VEL_TOOLS_FILEAGENT_SERVER_AGENT_LOG_H_
+#define VEL_TOOLS_FILEAGENT_SERVER_AGENT_LOG_H_
 
 #include <string>
 #include <vector>
@@ -19,4 +19,4 @@ std::string describeRequest(const std::vector<std::string>& args);
 
 }  // namespace velagent
 
-#endif  // VEL_TOOLS_FILEAGENT_AGENT_LOG_H_
+#endif  // VEL_TOOLS_FILEAGENT_SERVER_AGENT_LOG_H_

@@ -1,4 +1,4 @@
-#include "beneath.h"
+#include "fs/beneath.h"
 
 #include <errno.h>
 #include <fcntl.h>

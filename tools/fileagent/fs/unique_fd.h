@@ -1,7 +1,7 @@
 // File descriptors for the agent: one owner that closes, and a write that
 // finishes or says why it could not.
-#ifndef VEL_TOOLS_FILEAGENT_UNIQUE_FD_H_
-#define VEL_TOOLS_FILEAGENT_UNIQUE_FD_H_
+#ifndef VEL_TOOLS_FILEAGENT_FS_UNIQUE_FD_H_
+#define VEL_TOOLS_FILEAGENT_FS_UNIQUE_FD_H_
 
 #include <errno.h>
 #include <unistd.h>
@@ -63,4 +63,4 @@ inline int writeAll(int fd, const char* data, size_t size) {
 
 }  // namespace velagent
 
-#endif  // VEL_TOOLS_FILEAGENT_UNIQUE_FD_H_
+#endif  // VEL_TOOLS_FILEAGENT_FS_UNIQUE_FD_H_

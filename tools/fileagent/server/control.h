@@ -1,6 +1,6 @@
 // Test controls of the file agent: the request journal and the reply rules.
-#ifndef VEL_TOOLS_FILEAGENT_CONTROL_H_
-#define VEL_TOOLS_FILEAGENT_CONTROL_H_
+#ifndef VEL_TOOLS_FILEAGENT_SERVER_CONTROL_H_
+#define VEL_TOOLS_FILEAGENT_SERVER_CONTROL_H_
 
 #include <sys/types.h>
 
@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "reply.h"
+#include "server/reply.h"
 
 namespace velagent {
 
@@ -74,4 +74,4 @@ class Rules {
 
 }  // namespace velagent
 
-#endif  // VEL_TOOLS_FILEAGENT_CONTROL_H_
+#endif  // VEL_TOOLS_FILEAGENT_SERVER_CONTROL_H_

@@ -8,13 +8,13 @@
 // O_NOFOLLOW and reads each link itself gives the same answers.
 //
 // Thread safety: every function may be called from any thread.
-#ifndef VEL_TOOLS_FILEAGENT_BENEATH_H_
-#define VEL_TOOLS_FILEAGENT_BENEATH_H_
+#ifndef VEL_TOOLS_FILEAGENT_FS_BENEATH_H_
+#define VEL_TOOLS_FILEAGENT_FS_BENEATH_H_
 
 #include <string>
 #include <vector>
 
-#include "unique_fd.h"
+#include "fs/unique_fd.h"
 
 namespace velagent {
 
@@ -55,4 +55,4 @@ class Root {
 
 }  // namespace velagent
 
-#endif  // VEL_TOOLS_FILEAGENT_BENEATH_H_
+#endif  // VEL_TOOLS_FILEAGENT_FS_BENEATH_H_

@@ -1,4 +1,4 @@
-#include "store.h"
+#include "stores/store.h"
 
 #include <errno.h>
 

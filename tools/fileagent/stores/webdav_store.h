@@ -21,16 +21,16 @@
 // pool and gives it back after, so a handle, and the server connection it
 // keeps alive, serves one request at a time and is reused by the next.
 // curl_global_init must have run before the first store is made.
-#ifndef VEL_TOOLS_FILEAGENT_WEBDAV_STORE_H_
-#define VEL_TOOLS_FILEAGENT_WEBDAV_STORE_H_
+#ifndef VEL_TOOLS_FILEAGENT_STORES_WEBDAV_STORE_H_
+#define VEL_TOOLS_FILEAGENT_STORES_WEBDAV_STORE_H_
 
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "store.h"
-#include "webdav_protocol.h"
+#include "stores/store.h"
+#include "stores/webdav_protocol.h"
 
 namespace velagent {
 
@@ -92,4 +92,4 @@ class WebDavStore : public Store {
 
 }  // namespace velagent
 
-#endif  // VEL_TOOLS_FILEAGENT_WEBDAV_STORE_H_
+#endif  // VEL_TOOLS_FILEAGENT_STORES_WEBDAV_STORE_H_

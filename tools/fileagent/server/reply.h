@@ -1,6 +1,6 @@
 // One answer of the file agent and its encoding on the wire.
-#ifndef VEL_TOOLS_FILEAGENT_REPLY_H_
-#define VEL_TOOLS_FILEAGENT_REPLY_H_
+#ifndef VEL_TOOLS_FILEAGENT_SERVER_REPLY_H_
+#define VEL_TOOLS_FILEAGENT_SERVER_REPLY_H_
 
 #include <cstddef>
 #include <memory>
@@ -57,4 +57,4 @@ size_t encodedSize(const Reply& reply);
 
 }  // namespace velagent
 
-#endif  // VEL_TOOLS_FILEAGENT_REPLY_H_
+#endif  // VEL_TOOLS_FILEAGENT_SERVER_REPLY_H_

@@ -8,8 +8,8 @@
 // decimal number.
 //
 // Thread safety: plain functions without shared state.
-#ifndef VEL_TOOLS_FILEAGENT_WEBDAV_PROTOCOL_H_
-#define VEL_TOOLS_FILEAGENT_WEBDAV_PROTOCOL_H_
+#ifndef VEL_TOOLS_FILEAGENT_STORES_WEBDAV_PROTOCOL_H_
+#define VEL_TOOLS_FILEAGENT_STORES_WEBDAV_PROTOCOL_H_
 
 #include <ctime>
 #include <string>
@@ -62,4 +62,4 @@ std::string modeUpdateBody(unsigned mode);
 
 }  // namespace velagent
 
-#endif  // VEL_TOOLS_FILEAGENT_WEBDAV_PROTOCOL_H_
+#endif  // VEL_TOOLS_FILEAGENT_STORES_WEBDAV_PROTOCOL_H_

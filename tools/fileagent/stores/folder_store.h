@@ -3,15 +3,15 @@
 // and works through descriptors from there, so no link can take it
 // outside; files are replaced through AtomicFile, so a copy is either all
 // there or not at all. Thread safety and statuses: see store.h.
-#ifndef VEL_TOOLS_FILEAGENT_FOLDER_STORE_H_
-#define VEL_TOOLS_FILEAGENT_FOLDER_STORE_H_
+#ifndef VEL_TOOLS_FILEAGENT_STORES_FOLDER_STORE_H_
+#define VEL_TOOLS_FILEAGENT_STORES_FOLDER_STORE_H_
 
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "beneath.h"
-#include "store.h"
+#include "fs/beneath.h"
+#include "stores/store.h"
 
 namespace velagent {
 
@@ -37,4 +37,4 @@ class FolderStore : public Store {
 
 }  // namespace velagent
 
-#endif  // VEL_TOOLS_FILEAGENT_FOLDER_STORE_H_
+#endif  // VEL_TOOLS_FILEAGENT_STORES_FOLDER_STORE_H_

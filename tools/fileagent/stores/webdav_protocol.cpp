@@ -1,4 +1,4 @@
-#include "webdav_protocol.h"
+#include "stores/webdav_protocol.h"
 
 #include <pugixml.hpp>
 

@@ -3,8 +3,8 @@
 // size. Argument bytes go straight into the request being built, so one
 // connection holds at most one request (within the caps) and the last
 // piece read. Not thread-safe: one reader per connection.
-#ifndef VEL_TOOLS_FILEAGENT_REQUEST_H_
-#define VEL_TOOLS_FILEAGENT_REQUEST_H_
+#ifndef VEL_TOOLS_FILEAGENT_SERVER_REQUEST_H_
+#define VEL_TOOLS_FILEAGENT_SERVER_REQUEST_H_
 
 #include <cstddef>
 #include <string>
@@ -53,4 +53,4 @@ class RequestReader {
 
 }  // namespace velagent
 
-#endif  // VEL_TOOLS_FILEAGENT_REQUEST_H_
+#endif  // VEL_TOOLS_FILEAGENT_SERVER_REQUEST_H_

@@ -1,4 +1,4 @@
-#include "agent_server.h"
+#include "server/agent_server.h"
 
 #include <errno.h>
 #include <poll.h>
@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "agent_log.h"
+#include "server/agent_log.h"
 
 namespace velagent {
 

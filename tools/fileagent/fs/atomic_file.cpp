@@ -1,4 +1,4 @@
-#include "atomic_file.h"
+#include "fs/atomic_file.h"
 
 #include <errno.h>
 #include <fcntl.h>

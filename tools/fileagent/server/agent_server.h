@@ -8,8 +8,8 @@
 // requests; large reads are streamed from the file, and any other reply
 // above the unsent-reply cap is refused and the connection closed. A
 // connection's handles are closed when it ends.
-#ifndef VEL_TOOLS_FILEAGENT_AGENT_SERVER_H_
-#define VEL_TOOLS_FILEAGENT_AGENT_SERVER_H_
+#ifndef VEL_TOOLS_FILEAGENT_SERVER_AGENT_SERVER_H_
+#define VEL_TOOLS_FILEAGENT_SERVER_AGENT_SERVER_H_
 
 #include <sys/types.h>
 
@@ -23,8 +23,8 @@
 #include <vector>
 
 #include "commands.h"
-#include "control.h"
-#include "request.h"
+#include "server/control.h"
+#include "server/request.h"
 
 namespace velagent {
 
@@ -76,4 +76,4 @@ class Server {
 
 }  // namespace velagent
 
-#endif  // VEL_TOOLS_FILEAGENT_AGENT_SERVER_H_
+#endif  // VEL_TOOLS_FILEAGENT_SERVER_AGENT_SERVER_H_

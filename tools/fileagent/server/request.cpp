@@ -1,4 +1,4 @@
-#include "request.h"
+#include "server/request.h"
 
 #include <algorithm>
 

@@ -11,8 +11,8 @@
 // The command layer serialises changes to one path (path_locks.h); a store
 // needs no lock of its own for that. No method throws. Any method may
 // answer kServiceError when the service behind the store fails.
-#ifndef VEL_TOOLS_FILEAGENT_STORE_H_
-#define VEL_TOOLS_FILEAGENT_STORE_H_
+#ifndef VEL_TOOLS_FILEAGENT_STORES_STORE_H_
+#define VEL_TOOLS_FILEAGENT_STORES_STORE_H_
 
 #include <sys/types.h>
 
@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "atomic_file.h"
+#include "fs/atomic_file.h"
 
 namespace velagent {
 
@@ -141,4 +141,4 @@ class Store {
 
 }  // namespace velagent
 
-#endif  // VEL_TOOLS_FILEAGENT_STORE_H_
+#endif  // VEL_TOOLS_FILEAGENT_STORES_STORE_H_

@@ -1,4 +1,4 @@
-#include "agent_log.h"
+#include "server/agent_log.h"
 
 #include <strings.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "folder_store.h"
+#include "stores/folder_store.h"
 
 #include <dirent.h>
 #include <errno.h>

@@ -10,14 +10,14 @@
 // Both sides use it: the mirror when a store fills it (downloads), and the
 // folder store when the mirror fills it (uploads). Not thread-safe; one
 // owner at a time.
-#ifndef VEL_TOOLS_FILEAGENT_ATOMIC_FILE_H_
-#define VEL_TOOLS_FILEAGENT_ATOMIC_FILE_H_
+#ifndef VEL_TOOLS_FILEAGENT_FS_ATOMIC_FILE_H_
+#define VEL_TOOLS_FILEAGENT_FS_ATOMIC_FILE_H_
 
 #include <sys/types.h>
 
 #include <string>
 
-#include "unique_fd.h"
+#include "fs/unique_fd.h"
 
 namespace velagent {
 
@@ -56,4 +56,4 @@ bool isPartialName(const std::string& name);
 
 }  // namespace velagent
 
-#endif  // VEL_TOOLS_FILEAGENT_ATOMIC_FILE_H_
+#endif  // VEL_TOOLS_FILEAGENT_FS_ATOMIC_FILE_H_

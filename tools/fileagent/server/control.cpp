@@ -1,4 +1,4 @@
-#include "control.h"
+#include "server/control.h"
 
 #include <json/json.h>
 #include <sys/stat.h>
