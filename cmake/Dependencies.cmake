@@ -25,3 +25,9 @@ if(VEL_BUILD_TOOLS)
   vel_import(curl curl/curl.h curl)
   vel_import(pugixml pugixml.hpp pugixml)
 endif()
+# The agent's sync record: SQLite for the record, xxHash for content hashes
+# (the agent's request fuzzer builds the command layer too).
+if(VEL_BUILD_TOOLS OR VEL_BUILD_FUZZ)
+  vel_import(sqlite3 sqlite3.h sqlite3)
+  vel_import(xxhash xxhash.h xxhash)
+endif()

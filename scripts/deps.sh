@@ -10,7 +10,8 @@ set -euo pipefail
 # their own. clang and libclang-rt-dev (libFuzzer): the fuzz targets.
 packages=(cmake make g++ pkg-config libhiredis-dev libjsoncpp-dev libace-dev
           libgtest-dev googletest clang-format dpkg-dev file lintian
-          libcurl4-openssl-dev libpugixml-dev apache2 openssl clang libclang-rt-dev)
+          libcurl4-openssl-dev libpugixml-dev apache2 openssl clang libclang-rt-dev
+          libsqlite3-dev libxxhash-dev)
 if [[ "${1:-}" == "--arm" ]]; then
   packages+=(g++-aarch64-linux-gnu qemu-user)
 fi

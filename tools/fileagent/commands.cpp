@@ -325,7 +325,7 @@ Reply Commands::download(const std::string& path) {
     return Reply::error(errnoText("download failed", err));
   }
   StoreStat copied = st;
-  status = store_.download(clean, target, copied);
+  status = store_.download(clean, target, copied, "");
   if (status.code() == Status::Code::kNotFound) {
     return Reply::error(errnoText("download failed", ENOENT));
   }
@@ -372,7 +372,11 @@ Reply Commands::upload(const std::string& path) {
   if (!status.isOk()) {
     return changeReply(status, path, "cannot create folder");
   }
-  return changeReply(store_.upload(source.get(), clean, st.st_mode & 07777), path, "upload failed");
+  StoreStat written;
+  ContentHash sent;
+  return changeReply(
+      store_.upload(source.get(), clean, st.st_mode & 07777, Expect::anything(), written, sent),
+      path, "upload failed");
 }
 
 Reply Commands::createInfo(const std::string& path, const std::string& kind) {
@@ -450,7 +454,7 @@ Reply Commands::remove(const std::string& path, const std::string& recursive) {
     return refused(path);
   }
   PathLocks::Guard guard = locks_.lock({clean});
-  Status status = store_.remove(clean, recursive == "true");
+  Status status = store_.remove(clean, recursive == "true", Expect::anything());
   switch (status.code()) {
     case Status::Code::kOk:
       return Reply::ok();

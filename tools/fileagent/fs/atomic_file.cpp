@@ -41,10 +41,6 @@ std::string randomSuffix() {
   return out;
 }
 
-bool copyUnsupported(int err) {
-  return err == EXDEV || err == EINVAL || err == ENOSYS || err == EOPNOTSUPP || err == EBADF;
-}
-
 }  // namespace
 
 bool isPartialName(const std::string& name) {
@@ -71,6 +67,7 @@ int AtomicFile::begin(int dir, const std::string& name) {
     return errno;
   }
   name_ = name;
+  restart();
   for (int attempt = 0; attempt < 100; ++attempt) {
     std::string temp = "." + name.substr(0, kMaxNameInTemp) + kPartialMark + randomSuffix();
     int fd = ::openat(dir_.get(), temp.c_str(),
@@ -87,45 +84,18 @@ int AtomicFile::begin(int dir, const std::string& name) {
   return EEXIST;
 }
 
-int AtomicFile::write(const char* data, size_t size) { return writeAll(file_.get(), data, size); }
+int AtomicFile::write(const char* data, size_t size) {
+  int err = writeAll(file_.get(), data, size);
+  if (err == 0) {
+    appended(data, size);
+  }
+  return err;
+}
 
 int AtomicFile::copyFrom(int source) {
-  // In the kernel where the file systems allow it: no bytes pass through
-  // this process, and some file systems share or offload the blocks.
-  constexpr size_t kKernelChunk = 1u << 30;
-  for (;;) {
-    ssize_t n = ::copy_file_range(source, nullptr, file_.get(), nullptr, kKernelChunk, 0);
-    if (n == 0) {
-      return 0;
-    }
-    if (n < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      if (copyUnsupported(errno)) {
-        break;
-      }
-      return errno;
-    }
-  }
-  constexpr size_t kBuffer = 1u << 20;
-  std::unique_ptr<char[]> buffer(new char[kBuffer]);
-  for (;;) {
-    ssize_t n = ::read(source, buffer.get(), kBuffer);
-    if (n == 0) {
-      return 0;
-    }
-    if (n < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      return errno;
-    }
-    int err = write(buffer.get(), static_cast<size_t>(n));
-    if (err != 0) {
-      return err;
-    }
-  }
+  // The bytes pass through this process once, to be hashed on the way; a
+  // second pass to hash the copy after a copy in the kernel costs more.
+  return ByteSink::copyFrom(source);
 }
 
 int AtomicFile::commit(mode_t mode) {
@@ -133,8 +103,13 @@ int AtomicFile::commit(mode_t mode) {
     return EBADF;
   }
   int err = 0;
-  if (::fchmod(file_.get(), mode) != 0 || ::fsync(file_.get()) != 0) {
+  struct stat st;
+  if (::fchmod(file_.get(), mode) != 0 || ::fsync(file_.get()) != 0 ||
+      ::fstat(file_.get(), &st) != 0) {
     err = errno;
+  } else {
+    inode_ = st.st_ino;
+    mtimeNs_ = static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec;
   }
   if (err == 0 && ::close(file_.release()) != 0) {
     err = errno;

@@ -3,9 +3,13 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <utility>
 
 namespace velagent {
@@ -14,12 +18,80 @@ namespace {
 
 const char kNotRegular[] = "not a regular file";
 
+// A change within this long of a version's modification time may leave
+// the version as it was (file systems stamp times from a clock that ticks
+// in steps, a second on some): such a version is not settled yet.
+constexpr long long kSettleNs = 1000000000LL;
+
+long long nanosOf(const struct timespec& t) {
+  return static_cast<long long>(t.tv_sec) * 1000000000LL + t.tv_nsec;
+}
+
+// A file's version: its inode, size and modification time. An upload
+// replaces the file by a rename, so the inode alone changes with every
+// upload; the size and the time catch a change made in place.
+std::string versionOf(const struct stat& st) {
+  return std::to_string(st.st_ino) + "-" + std::to_string(st.st_size) + "-" +
+         std::to_string(nanosOf(st.st_mtim));
+}
+
 void fill(const struct stat& st, StoreStat& out) {
   out.isDir = S_ISDIR(st.st_mode);
   out.isLink = S_ISLNK(st.st_mode);
   out.size = static_cast<long long>(st.st_size);
   out.mtime = st.st_mtime;
   out.mode = st.st_mode & 07777;
+  out.version.clear();
+  out.settled = false;
+  out.identity = false;
+  if (S_ISREG(st.st_mode)) {
+    struct timespec now;
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    out.version = versionOf(st);
+    out.settled = nanosOf(now) - nanosOf(st.st_mtim) >= kSettleNs;
+    // A rename keeps the inode, the size and the time.
+    out.identity = true;
+  }
+}
+
+// Holds an advisory lock on a folder while a change checks the version of
+// a name in it and then replaces or removes that name, so that agents on
+// other machines or mirrors serving the same folder never slip a change
+// between the check and the act. A folder that cannot be opened for
+// reading is changed without the lock.
+class FolderLock {
+ public:
+  explicit FolderLock(int dirFd) : fd_(::openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    if (fd_) {
+      while (::flock(fd_.get(), LOCK_EX) != 0 && errno == EINTR) {
+      }
+    }
+  }
+
+ private:
+  UniqueFd fd_;  // closing it releases the lock
+};
+
+// Ok when `name` in `dirFd` is what `expect` says; kConflict otherwise.
+Status checkExpected(int dirFd, const std::string& name, const Expect& expect) {
+  if (expect.kind == Expect::Kind::kAnything) {
+    return Status::ok();
+  }
+  struct stat st;
+  if (::fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (errno != ENOENT) {
+      return Status::fromErrno(errno);
+    }
+    return expect.kind == Expect::Kind::kAbsent
+               ? Status::ok()
+               : Status::error(Status::Code::kConflict, "the file is gone");
+  }
+  if (expect.kind == Expect::Kind::kAbsent) {
+    return Status::error(Status::Code::kConflict, "a file of that name is there");
+  }
+  return S_ISREG(st.st_mode) && versionOf(st) == expect.version
+             ? Status::ok()
+             : Status::error(Status::Code::kConflict, "the file changed");
 }
 
 // The names in the open folder `dirFd` (not "." and ".."), with whether
@@ -48,7 +120,10 @@ int readFolder(int dirFd, std::vector<StoreEntry>& out) {
       isDir = ::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
               S_ISDIR(st.st_mode);
     }
-    out.push_back({name, isDir});
+    StoreEntry item;
+    item.name = name;
+    item.isDir = isDir;
+    out.push_back(std::move(item));
     errno = 0;
   }
   return errno;
@@ -227,7 +302,14 @@ Status FolderStore::list(const std::string& path, std::vector<StoreEntry>& out) 
   return Status::ok();
 }
 
-Status FolderStore::download(const std::string& path, AtomicFile& target, StoreStat& copied) {
+std::string FolderStore::identity() const {
+  char real[PATH_MAX];
+  return std::string("folder:") +
+         (::realpath(root_.path().c_str(), real) != nullptr ? real : root_.path());
+}
+
+Status FolderStore::download(const std::string& path, ByteSink& target, StoreStat& copied,
+                             const std::string& ifNoneMatch) {
   auto [dir, name, err] = locate(root_, path, true);
   if (err != 0) {
     return Status::fromResolve(err);
@@ -244,11 +326,23 @@ Status FolderStore::download(const std::string& path, AtomicFile& target, StoreS
     return status;
   }
   fill(st, copied);
+  if (!ifNoneMatch.empty() && copied.version == ifNoneMatch) {
+    return Status::error(Status::Code::kNotModified);
+  }
   err = target.copyFrom(in.get());
-  return err == 0 ? Status::ok() : Status::fromErrno(err);
+  if (err != 0) {
+    return Status::fromErrno(err);
+  }
+  // Changed in place while it was copied: the copy may mix two versions.
+  struct stat after;
+  if (::fstat(in.get(), &after) == 0 && versionOf(after) != copied.version) {
+    return Status::error(Status::Code::kFailed, "the file changed while it was copied");
+  }
+  return Status::ok();
 }
 
-Status FolderStore::upload(int source, const std::string& path, mode_t mode) {
+Status FolderStore::upload(int source, const std::string& path, mode_t mode, const Expect& expect,
+                           StoreStat& written, ContentHash& sent) {
   auto [dir, name, err] = locate(root_, path, true);
   if (err != 0) {
     return Status::fromResolve(err);
@@ -257,10 +351,31 @@ Status FolderStore::upload(int source, const std::string& path, mode_t mode) {
   if (::fstatat(dir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode)) {
     return Status::fromErrno(EISDIR);
   }
+  Status status = checkExpected(dir.get(), name, expect);
+  if (!status.isOk()) {
+    return status;  // refused before a byte is copied
+  }
   AtomicFile out;
-  if ((err = out.begin(dir.get(), name)) != 0 || (err = out.copyFrom(source)) != 0 ||
-      (err = out.commit(mode)) != 0) {
+  if ((err = out.begin(dir.get(), name)) != 0 || (err = out.copyFrom(source)) != 0) {
     return Status::fromErrno(err);
+  }
+  {
+    // Checked again just before the rename, under the folder's lock.
+    FolderLock lock(dir.get());
+    status = checkExpected(dir.get(), name, expect);
+    if (!status.isOk()) {
+      return status;
+    }
+    if ((err = out.commit(mode)) != 0) {
+      return Status::fromErrno(err);
+    }
+  }
+  sent = out.hash();
+  if (::fstatat(dir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+      st.st_ino == out.committedInode()) {
+    fill(st, written);
+  } else {
+    written = StoreStat();  // replaced again meanwhile: the caller asks
   }
   return Status::ok();
 }
@@ -340,7 +455,7 @@ Status FolderStore::chmod(const std::string& path, mode_t mode) {
   return Status::fromErrno(errno);
 }
 
-Status FolderStore::remove(const std::string& path, bool recursive) {
+Status FolderStore::remove(const std::string& path, bool recursive, const Expect& expect) {
   auto [dir, name, err] = locate(root_, path, false);
   if (err == ENOENT || err == ENOTDIR) {
     return Status::ok();
@@ -357,7 +472,14 @@ Status FolderStore::remove(const std::string& path, bool recursive) {
     return err == 0 ? Status::ok() : Status::fromErrno(err);
   }
   if (!S_ISDIR(st.st_mode)) {
-    return ::unlinkat(dir.get(), name.c_str(), 0) == 0 ? Status::ok() : Status::fromErrno(errno);
+    FolderLock lock(dir.get());
+    Status status = checkExpected(dir.get(), name, expect);
+    if (!status.isOk()) {
+      return status;
+    }
+    return ::unlinkat(dir.get(), name.c_str(), 0) == 0 || errno == ENOENT
+               ? Status::ok()
+               : Status::fromErrno(errno);
   }
   if (::unlinkat(dir.get(), name.c_str(), AT_REMOVEDIR) == 0) {
     return Status::ok();

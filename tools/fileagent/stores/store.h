@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "fs/atomic_file.h"
+#include "fs/byte_sink.h"
 
 namespace velagent {
 
@@ -39,6 +39,12 @@ class Status {
     // reached, credentials refused, an unexpected status): message() is the
     // whole error text, passed to the client as it is.
     kServiceError,
+    // A change found the service's version of the path other than the
+    // caller expected (Expect): nothing was changed.
+    kConflict,
+    // A download found the service still at the version the caller named:
+    // nothing was written.
+    kNotModified,
   };
 
   static Status ok() { return Status(Code::kOk, ""); }
@@ -65,11 +71,47 @@ struct StoreStat {
   long long size = 0;
   time_t mtime = 0;
   unsigned mode = 0;  // permission bits, & 07777
+  // The service's version of a file: a text that changes whenever the
+  // file's content may have changed (a folder store: inode, size and
+  // modification time in nanoseconds; a web server: its entity tag, else
+  // its last-modified time and size). Empty when the store cannot tell:
+  // every read is then "maybe changed".
+  std::string version;
+  // False when `version` was read so soon after the file's last change
+  // (within the same second, or behind a weak entity tag) that a further
+  // change in that moment may have left it as it was. Such a version says
+  // "maybe changed" until the content is compared.
+  bool settled = false;
+  // True when `version` stays with this content wherever the file is moved
+  // on the service and no other content can carry it: a new name with the
+  // version of a name that went is that file, renamed.
+  bool identity = false;
 };
 
 struct StoreEntry {
   std::string name;
   bool isDir = false;  // a link is never a folder here
+  // Stores that learn more from a listing than the names (a web server's
+  // multistatus answer) fill `stat` and set `described`.
+  bool described = false;
+  StoreStat stat;
+};
+
+// What a change expects of the version the service holds at the path when
+// the change is made; a store that finds otherwise answers kConflict and
+// changes nothing.
+struct Expect {
+  enum class Kind {
+    kAnything,  // no condition: the old behaviour
+    kAbsent,    // nothing is there (a new name)
+    kVersion,   // the file is there at `version`
+  };
+  Kind kind = Kind::kAnything;
+  std::string version;
+
+  static Expect anything() { return Expect(); }
+  static Expect absent() { return Expect{Kind::kAbsent, ""}; }
+  static Expect at(const std::string& version) { return Expect{Kind::kVersion, version}; }
 };
 
 // How tarn.create opens a file.
@@ -99,6 +141,11 @@ class Store {
  public:
   virtual ~Store() = default;
 
+  // Names the service behind the store (a folder's real path, a server's
+  // URL without credentials), so that the sync records of one mirror for
+  // two services never mix.
+  virtual std::string identity() const = 0;
+
   // What `path` is. With `followLast` a link in the last name is followed
   // (while it stays in the store); without, a link is reported as a link.
   // kNotFound, kRefused.
@@ -107,16 +154,26 @@ class Store {
   // temporary names of copies under way. kNotFound, kNotDirectory,
   // kRefused, kFailed.
   virtual Status list(const std::string& path, std::vector<StoreEntry>& out) = 0;
-  // Writes the whole content of the file `path` into `target` (begun, not
-  // committed: the caller commits) and describes what it copied in
-  // `copied`, which comes in holding what stat() said of `path` just
-  // before (a store that learns less while copying keeps the rest).
-  // kNotFound, kRefused, kFailed.
-  virtual Status download(const std::string& path, AtomicFile& target, StoreStat& copied) = 0;
+  // Writes the whole content of the file `path` into `target` (for a
+  // mirror copy, begun and not committed: the caller commits) and
+  // describes what it copied in `copied`, which comes in holding what
+  // stat() said of `path` just before (a store that learns less while
+  // copying keeps the rest; `version` is the version of the bytes copied).
+  // With `ifNoneMatch` not empty, a store that can tell that the service
+  // still holds that version answers kNotModified and writes nothing.
+  // kNotFound, kRefused, kFailed, kNotModified.
+  virtual Status download(const std::string& path, ByteSink& target, StoreStat& copied,
+                          const std::string& ifNoneMatch) = 0;
   // Replaces the file `path` with everything readable from `source`, with
   // permission bits `mode`: atomically, so a failure at any point leaves
-  // the old content. Its folder must exist. kRefused, kFailed.
-  virtual Status upload(int source, const std::string& path, mode_t mode) = 0;
+  // the old content, and only when the service's version is what `expect`
+  // says (otherwise kConflict, nothing sent or nothing replaced). Its
+  // folder must exist. `written` gets what the store knows of the new
+  // version (its `version` empty when the store cannot tell without
+  // asking again) and `sent` the hash of the bytes sent. kRefused,
+  // kFailed, kConflict.
+  virtual Status upload(int source, const std::string& path, mode_t mode, const Expect& expect,
+                        StoreStat& written, ContentHash& sent) = 0;
   // Creates every missing folder of `path`. kRefused, kFailed (a file on
   // the way: "Not a directory").
   virtual Status makeDirs(const std::string& path) = 0;
@@ -131,8 +188,10 @@ class Store {
   virtual Status chmod(const std::string& path, mode_t mode) = 0;
   // Removes `path` (a last link is removed, never followed); with
   // `recursive` a folder goes with everything in it. OK when nothing is
-  // there. kNotEmpty, kRefused, kFailed.
-  virtual Status remove(const std::string& path, bool recursive) = 0;
+  // there. For a file, only when its version is what `expect` says
+  // (kConflict otherwise; a folder is removed whatever `expect` says).
+  // kNotEmpty, kRefused, kFailed, kConflict.
+  virtual Status remove(const std::string& path, bool recursive, const Expect& expect) = 0;
   // Opens the regular file `path` for tarn.create; the handle is the
   // caller's. A store without handles answers kFailed. kRefused, kFailed.
   virtual Status open(const std::string& path, const OpenMode& mode,

@@ -192,6 +192,8 @@ bool parseMultistatus(const std::string& xml, std::vector<DavNode>& out, std::st
           }
         } else if (is(prop, kDav, "getlastmodified")) {
           parseHttpDate(trimmed(prop.text().get()), node.mtime);
+        } else if (is(prop, kDav, "getetag")) {
+          node.etag = trimmed(prop.text().get());
         } else if (is(prop, kModeNamespace, "mode")) {
           if (parseNumber(trimmed(prop.text().get()), number) && number <= 07777) {
             node.mode = static_cast<unsigned>(number);
@@ -248,7 +250,8 @@ std::string propfindBody() {
              "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
              "<D:propfind xmlns:D=\"DAV:\" xmlns:V=\"") +
          kModeNamespace +
-         "\"><D:prop><D:resourcetype/><D:getcontentlength/><D:getlastmodified/><V:mode/>"
+         "\"><D:prop><D:resourcetype/><D:getcontentlength/><D:getlastmodified/><D:getetag/>"
+         "<V:mode/>"
          "</D:prop></D:propfind>\n";
 }
 

@@ -42,6 +42,7 @@ struct DavNode {
   long long size = 0;
   time_t mtime = 0;
   unsigned mode = 0;  // the mode property, or the default of its kind
+  std::string etag;   // the entity tag as the server gives it (quotes, W/), or ""
 };
 
 // The responses of a PROPFIND answer, in order. False with `error` set for

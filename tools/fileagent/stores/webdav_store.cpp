@@ -5,9 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <strings.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <ctime>
 
 namespace velagent {
 
@@ -41,7 +44,8 @@ struct WebDavStore::Request {
   std::string body;
   int source = -1;               // a PUT streamed from this descriptor ...
   long long sourceSize = 0;      // ... of this many bytes
-  AtomicFile* target = nullptr;  // a GET's body when the status is 200
+  Hasher* sourceHash = nullptr;  // ... hashing what is sent
+  ByteSink* target = nullptr;    // a GET's body when the status is 200
 };
 
 struct WebDavStore::Response {
@@ -51,6 +55,7 @@ struct WebDavStore::Response {
   std::string reason;
   std::string body;
   time_t modified = -1;
+  std::string etag;        // the ETag header, as given
   long long received = 0;  // bytes written to the target
   int fileError = 0;       // errno of the mirror file, read or written
 };
@@ -93,12 +98,14 @@ namespace {
 struct Transfer {
   long code = 0;
   std::string reason;
+  std::string etag;
   std::string* body;
-  AtomicFile* target;
+  ByteSink* target;
   long long* received;
   int* fileError;
   int source;
   long long sourceSize;
+  Hasher* sourceHash;
   long long sent = 0;
 };
 
@@ -114,6 +121,11 @@ size_t onHeader(char* data, size_t size, size_t count, void* user) {
     while (!t.reason.empty() && std::isspace(static_cast<unsigned char>(t.reason.back()))) {
       t.reason.pop_back();
     }
+    t.etag.clear();
+  } else if (line.size() > 5 && strncasecmp(line.c_str(), "etag:", 5) == 0) {
+    size_t from = line.find_first_not_of(" \t", 5);
+    size_t to = line.find_last_not_of(" \t\r\n");
+    t.etag = from == std::string::npos || to < from ? "" : line.substr(from, to - from + 1);
   }
   return size * count;
 }
@@ -155,6 +167,9 @@ size_t onRead(char* buffer, size_t size, size_t count, void* user) {
       return CURL_READFUNC_ABORT;
     }
     t.sent += n;
+    if (t.sourceHash != nullptr) {
+      t.sourceHash->update(buffer, static_cast<size_t>(n));
+    }
     return static_cast<size_t>(n);
   }
 }
@@ -238,12 +253,14 @@ WebDavStore::Response WebDavStore::perform(const Request& request) {
   curl_easy_reset(curl);
   Transfer transfer{0,
                     "",
+                    "",
                     &response.body,
                     request.target,
                     &response.received,
                     &response.fileError,
                     request.source,
-                    request.sourceSize};
+                    request.sourceSize,
+                    request.sourceHash};
   char errorText[CURL_ERROR_SIZE] = "";
   struct curl_slist* headers = nullptr;
   for (const std::string& header : request.headers) {
@@ -294,6 +311,7 @@ WebDavStore::Response WebDavStore::perform(const Request& request) {
   CURLcode result = curl_easy_perform(curl);
   response.code = transfer.code;
   response.reason = transfer.reason;
+  response.etag = transfer.etag;
   if (result != CURLE_OK) {
     response.failed = true;
     response.error = errorText[0] != '\0' ? errorText : curl_easy_strerror(result);
@@ -323,6 +341,29 @@ Status failureOf(const WebDavStore::Response& r) {
 }
 
 bool answered(const WebDavStore::Response& r, long code) { return !r.failed && r.code == code; }
+
+bool weakTag(const std::string& etag) { return etag.compare(0, 2, "W/") == 0; }
+
+// A file's version from what the server says of it: its entity tag, else
+// its last-modified time and size. A tag is strong unless marked weak; a
+// time read within the second it names may not show a change made in the
+// same second.
+void describeVersion(const std::string& etag, time_t mtime, long long size, StoreStat& out) {
+  out.version = !etag.empty() ? etag : "lm:" + std::to_string(mtime) + "-" + std::to_string(size);
+  out.settled = !etag.empty() && !weakTag(etag) && ::time(nullptr) - mtime >= 1;
+  out.identity = false;
+}
+
+void describeNode(const DavNode& node, StoreStat& out) {
+  out = StoreStat();
+  out.isDir = node.isDir;
+  out.size = node.isDir ? 0 : node.size;
+  out.mtime = node.mtime;
+  out.mode = node.mode;
+  if (!node.isDir) {
+    describeVersion(node.etag, node.mtime, node.size, out);
+  }
+}
 
 bool succeeded(const WebDavStore::Response& r) {
   return !r.failed && r.fileError == 0 && r.code >= 200 && r.code <= 299;
@@ -398,11 +439,7 @@ Status WebDavStore::stat(const std::string& path, bool /*followLast*/, StoreStat
   if (node == nullptr) {
     return Status::error(Status::Code::kServiceError, "webdav: the answer names another path");
   }
-  out = StoreStat();
-  out.isDir = node->isDir;
-  out.size = node->isDir ? 0 : node->size;
-  out.mtime = node->mtime;
-  out.mode = node->mode;
+  describeNode(*node, out);
   return Status::ok();
 }
 
@@ -432,18 +469,32 @@ Status WebDavStore::list(const std::string& path, std::vector<StoreEntry>& out) 
     if (name.empty() || name == "." || name == "..") {
       continue;
     }
-    out.push_back({name, entry.isDir});
+    StoreEntry item;
+    item.name = name;
+    item.isDir = entry.isDir;
+    item.described = true;
+    describeNode(entry, item.stat);
+    out.push_back(std::move(item));
   }
   return Status::ok();
 }
 
-Status WebDavStore::download(const std::string& path, AtomicFile& target, StoreStat& copied) {
+std::string WebDavStore::identity() const { return "webdav:" + options_.user + "@" + options_.url; }
+
+Status WebDavStore::download(const std::string& path, ByteSink& target, StoreStat& copied,
+                             const std::string& ifNoneMatch) {
   Request request;
   request.url = urlOf(path, false);
   request.target = &target;
+  if (!ifNoneMatch.empty() && ifNoneMatch.compare(0, 3, "lm:") != 0) {
+    request.headers.push_back("If-None-Match: " + ifNoneMatch);
+  }
   Response response = perform(request);
   if (answered(response, 404)) {
     return Status::error(Status::Code::kNotFound);
+  }
+  if (answered(response, 304)) {
+    return Status::error(Status::Code::kNotModified);
   }
   if (!answered(response, 200) || response.fileError != 0) {
     return failureOf(response);
@@ -452,6 +503,9 @@ Status WebDavStore::download(const std::string& path, AtomicFile& target, StoreS
   copied.size = response.received;
   if (response.modified >= 0) {
     copied.mtime = response.modified;
+  }
+  if (!response.etag.empty() || response.modified >= 0) {
+    describeVersion(response.etag, copied.mtime, copied.size, copied);
   }
   return Status::ok();
 }
@@ -480,24 +534,46 @@ Status WebDavStore::setMode(const std::string& path, bool collection, mode_t mod
   return Status::ok();
 }
 
-Status WebDavStore::upload(int source, const std::string& path, mode_t mode) {
+namespace {
+
+// The condition headers of a change that expects `expect`.
+void addConditions(const Expect& expect, std::vector<std::string>& headers) {
+  if (expect.kind == Expect::Kind::kAbsent) {
+    headers.push_back("If-None-Match: *");
+  } else if (expect.kind == Expect::Kind::kVersion && expect.version.compare(0, 3, "lm:") != 0) {
+    headers.push_back("If-Match: " + expect.version);
+  }
+}
+
+}  // namespace
+
+Status WebDavStore::upload(int source, const std::string& path, mode_t mode, const Expect& expect,
+                           StoreStat& written, ContentHash& sent) {
   struct stat st;
   if (::fstat(source, &st) != 0) {
     return Status::fromErrno(errno);
   }
+  Hasher hasher;
   Request request;
   request.method = "PUT";
   request.url = urlOf(path, false);
   request.headers = {"Content-Type: application/octet-stream"};
+  addConditions(expect, request.headers);
   request.source = source;
   request.sourceSize = static_cast<long long>(st.st_size);
+  request.sourceHash = &hasher;
   Response response = perform(request);
   if (answered(response, 405)) {
     return Status::fromErrno(EISDIR);  // a collection stands there
   }
+  if (answered(response, 412)) {
+    return Status::error(Status::Code::kConflict, "the server refused the condition");
+  }
   if (!succeeded(response)) {
     return failureOf(response);
   }
+  sent = hasher.digest();
+  written = StoreStat();  // the version is asked for again
   return setMode(path, false, mode);
 }
 
@@ -588,7 +664,7 @@ Status WebDavStore::chmod(const std::string& path, mode_t mode) {
   return setMode(path, false, mode & 07777);
 }
 
-Status WebDavStore::remove(const std::string& path, bool recursive) {
+Status WebDavStore::remove(const std::string& path, bool recursive, const Expect& expect) {
   std::vector<DavNode> nodes;
   Status status = propfind(path, recursive ? "0" : "1", nodes);
   if (status.code() == Status::Code::kNotFound) {
@@ -605,9 +681,15 @@ Status WebDavStore::remove(const std::string& path, bool recursive) {
   Request request;
   request.method = "DELETE";
   request.url = urlOf(path, isDir);
+  if (!isDir) {
+    addConditions(expect, request.headers);
+  }
   Response response = perform(request);
   if (answered(response, 404)) {
     return Status::ok();
+  }
+  if (answered(response, 412)) {
+    return Status::error(Status::Code::kConflict, "the server refused the condition");
   }
   // A 207 lists what could not be removed.
   return succeeded(response) && !answered(response, 207) ? Status::ok() : failureOf(response);

@@ -57,13 +57,16 @@ class WebDavStore : public Store {
 
   Status stat(const std::string& path, bool followLast, StoreStat& out) override;
   Status list(const std::string& path, std::vector<StoreEntry>& out) override;
-  Status download(const std::string& path, AtomicFile& target, StoreStat& copied) override;
-  Status upload(int source, const std::string& path, mode_t mode) override;
+  std::string identity() const override;
+  Status download(const std::string& path, ByteSink& target, StoreStat& copied,
+                  const std::string& ifNoneMatch) override;
+  Status upload(int source, const std::string& path, mode_t mode, const Expect& expect,
+                StoreStat& written, ContentHash& sent) override;
   Status makeDirs(const std::string& path) override;
   Status createFile(const std::string& path, mode_t mode) override;
   Status move(const std::string& from, const std::string& to) override;
   Status chmod(const std::string& path, mode_t mode) override;
-  Status remove(const std::string& path, bool recursive) override;
+  Status remove(const std::string& path, bool recursive, const Expect& expect) override;
   Status open(const std::string& path, const OpenMode& mode,
               std::unique_ptr<StoreHandle>& out) override;
 
