@@ -101,6 +101,7 @@ TEST_P(ToolRemoteTest, RmReportsARefusedDirectoryAndGoesOn) {
 
 TEST_P(ToolRemoteTest, CommitStopsAtTheFirstFailure) {
   // "other" exists on the service but not in the mirror: its commit fails.
+  ASSERT_EQ(0, vel({"update", "docs"}).status);
   mirrorFile("docs/readme.txt", "edited\n");
   ProcessResult result = vel({"commit", "other", "docs/readme.txt"});
   EXPECT_EQ(0, result.status);

@@ -289,9 +289,10 @@ class FaultMatrixBase : public ::testing::Test {
   }
 
   // The store holds t/a, t/b, t/sub/c and the empty t/empty; the mirror a
-  // local edit of t/a, t/sub/c as the service has it, t/empty and a file
-  // never sent, t/local.
+  // local edit of t/a and t/sub/c, both as synced from the service (so the
+  // agent's record knows them), t/empty and a file never sent, t/local.
   void reset() {
+    agent_->forgetRecord();
     // The folders themselves stay: the agent serves them by their paths.
     for (const std::string& root : {agent_->store(), agent_->mirror()}) {
       for (const std::string& name : veltest::namesIn(root)) {
@@ -302,9 +303,12 @@ class FaultMatrixBase : public ::testing::Test {
     veltest::plant(
         agent_->store(),
         {{"t/a", "service a", 0644}, {"t/b", "service b", 0640}, {"t/sub/c", "service c", 0600}});
-    veltest::plant(agent_->mirror(), {{"t/a", "local a", 0644},
-                                      {"t/sub/c", "service c", 0600},
-                                      {"t/local", "only in the mirror", 0644}});
+    veltest::AgentConnection agent(agent_->socketPath());
+    for (const char* synced : {"t/a", "t/sub/c"}) {
+      ASSERT_EQ("+OK", agent.ask({"tarn.downloadlocal", veltest::kSvc, synced})) << synced;
+    }
+    veltest::plant(agent_->mirror(),
+                   {{"t/a", "local a", 0644}, {"t/local", "only in the mirror", 0644}});
   }
 
   // The operation once without faults: its agent calls and what it leaves

@@ -86,10 +86,12 @@ TEST(AgentCopies, AFullDiskKeepsTheOldContentAndNoTemporaryFile) {
   const std::string store = agent.store();
   const std::string mirror = agent.mirror();
   plant(store, {{"up", "old store copy"}, {"down", content('d', 3 << 20)}, {"tiny", "fits", 0604}});
-  plant(mirror,
-        {{"up", content('u', 3 << 20)}, {"down", "old mirror copy"}, {"small", "fit", 0640}});
-
+  plant(mirror, {{"down", "old mirror copy"}, {"small", "fit", 0640}});
   AgentConnection c(agent.socketPath());
+  // "up" synced, then edited in the mirror: the upload is due.
+  ASSERT_EQ("+OK", c.ask({"tarn.downloadlocal", kSvc, "up"}));
+  writeFile(mirror + "/up", content('u', 3 << 20));
+
   EXPECT_EQ("-ERR upload failed: File too large", c.ask({"tarn.uploadlocal", kSvc, "up"}));
   EXPECT_EQ("-ERR download failed: File too large", c.ask({"tarn.downloadlocal", kSvc, "down"}));
   EXPECT_EQ("old store copy", readFile(store + "/up"));

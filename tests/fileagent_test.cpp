@@ -193,15 +193,19 @@ TEST(FileAgent, LogsOneLineEachForStartStopAndEveryRefusedRequest) {
   for (size_t start = 0, end; (end = log.find('\n', start)) != std::string::npos; start = end + 1) {
     lines.push_back(log.substr(start, end - start));
   }
-  ASSERT_EQ(4u, lines.size()) << log;
-  EXPECT_EQ(started, lines[0].substr(0, started.size()));
-  EXPECT_NE(std::string::npos, lines[0].find("store " + agent.store())) << lines[0];
+  // A new sync record is made, and said so, before the start line.
+  ASSERT_EQ(5u, lines.size()) << log;
+  const std::string made = "velfileagent: sync record " + agent.stateDir() + "/sync-";
+  EXPECT_EQ(made, lines[0].substr(0, made.size()));
+  EXPECT_EQ(".db created", lines[0].substr(lines[0].size() - 11));
+  EXPECT_EQ(started, lines[1].substr(0, started.size()));
+  EXPECT_NE(std::string::npos, lines[1].find("store " + agent.store())) << lines[1];
   EXPECT_NE(std::string::npos,
-            lines[1].find("refused 'tarn.metadata' 'TestService' '../x\\x0ay' from pid " +
+            lines[2].find("refused 'tarn.metadata' 'TestService' '../x\\x0ay' from pid " +
                           std::to_string(::getpid()) + ": ERR path refused"))
-      << lines[1];
-  EXPECT_NE(std::string::npos, lines[2].find("ERR unknown service 'Other'")) << lines[2];
-  EXPECT_EQ("velfileagent: stopped on SIGTERM", lines[3]);
+      << lines[2];
+  EXPECT_NE(std::string::npos, lines[3].find("ERR unknown service 'Other'")) << lines[3];
+  EXPECT_EQ("velfileagent: stopped on SIGTERM", lines[4]);
 }
 
 TEST(FileAgent, RefusesToStartWhenTheStoreAndTheMirrorOverlap) {

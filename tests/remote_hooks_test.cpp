@@ -61,15 +61,15 @@ TEST_P(RemoteHooksTest, FopenAndStreamsSynchroniseByMode) {
   EXPECT_EQ(readFile(store("w/both")), "xy23");
 
   // An ofstream announces its mirror file and uploads on close; an
-  // ifstream reads the service's copy.
+  // ifstream reads the service's copy once it changed there.
   std::string printed = stdoutOf([] { VEL::ofstream("w/f.txt") << "stream bytes"; });
   EXPECT_EQ(printed,
             "ofstream open file:" + mirror("w/f.txt") + "\n[TARN]upload file success[w/f.txt]!\n");
   EXPECT_EQ(readFile(store("w/f.txt")), "stream bytes");
-  mirrorFile("w/read", "stale again");
+  storeFile("w/read", "service copy, changed");
   std::stringstream all;
   all << VEL::ifstream("w/read").rdbuf();
-  EXPECT_EQ(all.str(), "service copy");
+  EXPECT_EQ(all.str(), "service copy, changed");
 }
 
 // A stream that never opened has written nothing: closing it must not send

@@ -21,6 +21,8 @@
 
 #include "support/process.h"
 
+#include <sqlite3.h>
+
 namespace veltest {
 
 namespace {
@@ -79,6 +81,19 @@ std::string AgentFixture::socketPath() const {
 std::string AgentFixture::logDir() const { return dir_.sub("log"); }
 std::string AgentFixture::journalPath() const { return dir_.sub("journal.jsonl"); }
 std::string AgentFixture::rulesPath() const { return dir_.sub("rules.json"); }
+std::string AgentFixture::stateDir() const { return dir_.sub("state"); }
+
+void AgentFixture::forgetRecord() const {
+  for (const std::string& file : matching(stateDir() + "/sync-*.db")) {
+    sqlite3* db = nullptr;
+    if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
+      sqlite3_busy_timeout(db, 5000);
+      EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, "DELETE FROM files", nullptr, nullptr, nullptr))
+          << sqlite3_errmsg(db);
+    }
+    sqlite3_close_v2(db);
+  }
+}
 std::string AgentFixture::agentLogPath() const { return dir_.sub("agent.log"); }
 std::string AgentFixture::agentLog() const { return readFile(agentLogPath()); }
 
@@ -87,9 +102,9 @@ bool AgentFixture::start() {
   if (::pipe2(fds, O_CLOEXEC) != 0) {
     return false;
   }
-  std::vector<std::string> args = {VEL_AGENT_BIN, "--mirror",   mirror(),
-                                   "--socket",    socketPath(), "--journal",
-                                   journalPath(), "--rules",    rulesPath()};
+  std::vector<std::string> args = {VEL_AGENT_BIN, "--mirror",  mirror(),      "--socket",
+                                   socketPath(),  "--journal", journalPath(), "--rules",
+                                   rulesPath(),   "--state",   stateDir()};
   if (server_) {
     args.insert(args.end(), {"--webdav", server_->url()});
     if (!options_.server.user.empty()) {

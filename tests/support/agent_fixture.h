@@ -64,6 +64,10 @@ class AgentFixture {
   std::string logDir() const;  // value for _APP_LOG_DIR
   std::string journalPath() const;
   std::string rulesPath() const;
+  std::string stateDir() const;  // the agent's sync record (--state)
+  // Empties the sync record while the agent runs (as a second process
+  // would), for tests that set up the store and the mirror again.
+  void forgetRecord() const;
   std::vector<std::vector<std::string>> journal() const;  // every request so far
   std::vector<std::string> requests() const;              // the same, arguments joined by blanks
   void clearJournal();

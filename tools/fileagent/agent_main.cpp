@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <pwd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -25,6 +27,7 @@
 #include "server/request.h"
 #include "stores/folder_store.h"
 #include "stores/webdav_store.h"
+#include "sync/record.h"
 
 namespace {
 
@@ -33,7 +36,8 @@ const char kUsage[] =
     "                    [--webdav-password-file FILE] [--ca-file FILE])\n"
     "                    [--mirror DIR] [--socket PATH] [--journal FILE]\n"
     "                    [--rules FILE] [--max-request-args N] [--max-request-bytes N]\n"
-    "                    [--max-reply-bytes N] [--no-openat2]\n"
+    "                    [--max-reply-bytes N] [--no-openat2] [--state DIR]\n"
+    "                    [--last-writer-wins]\n"
     "\n"
     "Serves the folder given by --store, or the WebDAV collection given by\n"
     "--webdav, as the remote file service on a Unix-domain socket, for the\n"
@@ -67,6 +71,19 @@ const char kUsage[] =
     "  --socket PATH   socket to listen on (default:\n"
     "                  $UDS_ROOT_OSSUSER/velfileagent/velfileagent.sock; the folder is\n"
     "                  created)\n"
+    "  --state DIR     folder of the sync record: what was last synced of each path\n"
+    "                  (default: $STATE_DIRECTORY, else $XDG_STATE_HOME/velfileagent,\n"
+    "                  else ~/.local/state/velfileagent; made if missing; never\n"
+    "                  inside the mirror or the store). With it nothing unchanged is\n"
+    "                  copied, an upload that would overwrite a change made on the\n"
+    "                  service since is refused (\"ERR conflict: ...\"), a mirror copy\n"
+    "                  changed here is kept aside as <name>.vel.keep.NNNNNNNN before\n"
+    "                  the service's version replaces it, and removals and renames\n"
+    "                  seen in a listing reach the mirror copies nobody changed\n"
+    "  --last-writer-wins\n"
+    "                  no conflicts: an update takes the service's version over a\n"
+    "                  changed mirror copy, a commit the mirror's over a changed\n"
+    "                  service file, a removal removes whatever is there\n"
     "  --journal FILE  append every request to FILE, one JSON array of its\n"
     "                  arguments per line, before it is answered\n"
     "  --rules FILE    JSON list of {\"match\": [leading arguments...],\n"
@@ -79,6 +96,9 @@ const char kUsage[] =
     "                  after the delay. trickle_ms sends the reply one byte at a\n"
     "                  time with that pause before each; skip lets the first N\n"
     "                  matching requests through; times spends the rule after N.\n"
+    "                  \"crash\": \"after-rename\" or \"after-record\" kills the agent\n"
+    "                  (SIGKILL) at that point of a download or an upload;\n"
+    "                  \"record\": \"fail\" makes the sync record refuse every write.\n"
     "                  The file is re-read when it changes (counts start again);\n"
     "                  a missing or empty file means no rules.\n"
     "  --max-request-args N\n"
@@ -177,6 +197,41 @@ std::string overlapOf(const std::string& store, const std::string& mirror) {
   return "";
 }
 
+// The default folder of the sync record: what the service manager gives
+// (StateDirectory=), else the user's state folder.
+std::string defaultStateDir() {
+  const char* given = std::getenv("STATE_DIRECTORY");
+  if (given != nullptr && *given != '\0') {
+    std::string first = given;
+    return first.substr(0, first.find(':'));  // the first of several
+  }
+  const char* xdg = std::getenv("XDG_STATE_HOME");
+  if (xdg != nullptr && xdg[0] == '/') {
+    return std::string(xdg) + "/velfileagent";
+  }
+  const char* home = std::getenv("HOME");
+  std::string homeDir = home != nullptr ? home : "";
+  if (homeDir.empty()) {
+    if (struct passwd* user = ::getpwuid(::getuid())) {
+      homeDir = user->pw_dir;
+    }
+  }
+  return homeDir + "/.local/state/velfileagent";
+}
+
+// Makes `path` and its missing parents (mode 0700); false with errno.
+bool makeStateDir(const std::string& path) {
+  for (size_t pos = path.find('/', 1);; pos = path.find('/', pos + 1)) {
+    std::string part = pos == std::string::npos ? path : path.substr(0, pos);
+    if (::mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
+      return false;
+    }
+    if (pos == std::string::npos) {
+      return isDirectory(path) || (errno = ENOTDIR, false);
+    }
+  }
+}
+
 // A cap from the command line: a decimal number from `least` up.
 bool parseCap(const std::string& text, unsigned long long least, size_t& out) {
   if (text.empty() || text.size() > 15 ||
@@ -216,8 +271,11 @@ int main(int argc, char** argv) {
   std::string socketPath;
   std::string journalPath;
   std::string rulesPath;
+  std::string stateDir;
   bool mirrorSet = false;
   bool socketSet = false;
+  bool stateSet = false;
+  velagent::SyncOptions syncOptions;
   velagent::RequestLimits limits;
   for (int i = 1; i < argc; ++i) {
     std::string option = argv[i];
@@ -227,6 +285,10 @@ int main(int argc, char** argv) {
     }
     if (option == "--no-openat2") {
       velagent::Root::forceWalk();
+      continue;
+    }
+    if (option == "--last-writer-wins") {
+      syncOptions.lastWriterWins = true;
       continue;
     }
     std::string* target = nullptr;
@@ -248,6 +310,9 @@ int main(int argc, char** argv) {
     } else if (option == "--socket") {
       target = &socketPath;
       socketSet = true;
+    } else if (option == "--state") {
+      target = &stateDir;
+      stateSet = true;
     } else if (option == "--journal") {
       target = &journalPath;
     } else if (option == "--rules") {
@@ -332,6 +397,33 @@ int main(int argc, char** argv) {
   while (store.size() > 1 && store.back() == '/') {
     store.pop_back();
   }
+  if (!stateSet) {
+    stateDir = defaultStateDir();
+  }
+  while (stateDir.size() > 1 && stateDir.back() == '/') {
+    stateDir.pop_back();
+  }
+  if (stateDir.empty()) {
+    std::fprintf(stderr, "velfileagent: --state needs a folder\n");
+    return 2;
+  }
+  // The record never lives where a listing or a commit would carry it to
+  // the service.
+  for (const std::string& served : {mirror, webdav ? std::string() : store}) {
+    if (served.empty()) {
+      continue;
+    }
+    std::string realState = realPathOf(stateDir);
+    std::string realServed = realPathOf(served);
+    if (realState == realServed || within(realState, realServed) ||
+        sameOrAncestor(realServed, realState)) {
+      std::fprintf(stderr,
+                   "velfileagent: the state folder %s lies inside %s; give a folder outside "
+                   "the mirror and the store\n",
+                   stateDir.c_str(), served.c_str());
+      return 2;
+    }
+  }
   std::string overlap = webdav ? "" : overlapOf(store, mirror);
   if (!overlap.empty()) {
     std::fprintf(stderr,
@@ -391,19 +483,39 @@ int main(int argc, char** argv) {
   } else {
     backing = std::make_unique<velagent::FolderStore>(store);
   }
+  // A state folder that cannot be made leaves the record in memory (logged
+  // by the record): the agent serves anyway.
+  int stateError = makeStateDir(stateDir) ? 0 : errno;
+  std::string note;
+  std::unique_ptr<velagent::SyncRecord> record =
+      velagent::SyncRecord::open(stateDir, realPathOf(mirror), backing->identity(), note);
+  if (stateError != 0) {
+    velagent::logLine("cannot make the state folder " + stateDir + ": " +
+                      std::strerror(stateError));
+  }
+  if (!note.empty()) {
+    velagent::logLine(note);
+  }
+  if (!record) {
+    std::fprintf(stderr, "velfileagent: cannot keep a sync record, not even in memory\n");
+    return 1;
+  }
   // A read answered from memory must fit the reply cap with room to spare.
   velagent::Commands commands(*backing, mirror,
-                              std::min<size_t>(1u << 20, limits.maxUnsentReply / 2));
+                              std::min<size_t>(1u << 20, limits.maxUnsentReply / 2), *record,
+                              syncOptions);
   velagent::Server server(commands, journal, rules, limits);
   if (!server.listenOn(socketPath)) {
     return 1;
   }
-  velagent::logLine("started, pid " + std::to_string(::getpid()) + ", store " + storeText +
-                    ", mirror " + mirror + ", socket " + socketPath + ", paths resolved by " +
-                    (openat2 ? "openat2" : "a walk of one name at a time") + ", caps " +
-                    std::to_string(limits.maxArgs) + " arguments and " +
-                    std::to_string(limits.maxBytes) + " bytes per request, " +
-                    std::to_string(limits.maxUnsentReply) + " bytes per reply");
+  velagent::logLine(
+      "started, pid " + std::to_string(::getpid()) + ", store " + storeText + ", mirror " + mirror +
+      ", socket " + socketPath + ", sync record " +
+      (record->file().empty() ? std::string("in memory") : record->file()) +
+      (syncOptions.lastWriterWins ? " (last writer wins)" : "") + ", paths resolved by " +
+      (openat2 ? "openat2" : "a walk of one name at a time") + ", caps " +
+      std::to_string(limits.maxArgs) + " arguments and " + std::to_string(limits.maxBytes) +
+      " bytes per request, " + std::to_string(limits.maxUnsentReply) + " bytes per reply");
   std::fputs("ready\n", stdout);
   std::fflush(stdout);
   server.run(gStopPipe[0]);

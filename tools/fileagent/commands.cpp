@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "command_replies.h"
 #include "fs/atomic_file.h"
 
 namespace velagent {
@@ -18,26 +19,6 @@ namespace velagent {
 namespace {
 
 constexpr long long kMaxReadLength = 64LL * 1024 * 1024;
-const char* const kNotFound = "file not found";
-
-std::string errnoText(const std::string& what, int err) {
-  return "ERR " + what + ": " + std::strerror(err);
-}
-
-// A failure of the service behind the store is told as it is, whatever the
-// command was.
-std::string failureText(const std::string& what, const Status& status) {
-  if (status.code() == Status::Code::kServiceError) {
-    return "ERR " + status.message();
-  }
-  return "ERR " + what + ": " + status.message();
-}
-
-Reply serviceError(const Status& status) { return Reply::error("ERR " + status.message()); }
-
-std::string under(const std::string& base, const std::string& relative) {
-  return relative.empty() ? base : base + "/" + relative;
-}
 
 // A non-negative decimal number without sign or spaces, at most `limit`.
 bool parseDecimal(const std::string& text, long long limit, long long& out) {
@@ -84,45 +65,6 @@ const CommandShape kCommands[] = {
     {"tarn.close", 3, 3, false},         {"tarn.read", 5, 5, true},
     {"tarn.write", 4, 4, true},
 };
-
-// Splits `path` for a command; false when it is refused (absolute, climbing,
-// or naming the store root where a node is required).
-bool resolve(const std::string& path, bool allowRoot, std::vector<std::string>& names,
-             std::string& clean) {
-  if (!splitPath(path, names) || (!allowRoot && names.empty())) {
-    return false;
-  }
-  clean = joinNames(names, names.size());
-  return true;
-}
-
-Reply refused(const std::string& path) {
-  return Reply::refusal("ERR path refused: '" + path + "'");
-}
-
-// The reply for a failed lookup of `path`: refused, the service's failure
-// as it is, or `missing`.
-Reply lookupFailure(const Status& status, const std::string& path, Reply missing) {
-  if (status.code() == Status::Code::kRefused) {
-    return refused(path);
-  }
-  return status.code() == Status::Code::kServiceError ? serviceError(status) : missing;
-}
-
-// The reply for a change of the store at `path`: done, refused, or failed
-// (`what` says what failed).
-Reply changeReply(const Status& status, const std::string& path, const std::string& what) {
-  if (status.code() == Status::Code::kRefused) {
-    return refused(path);
-  }
-  return status.isOk() ? Reply::ok() : Reply::error(failureText(what, status));
-}
-
-// The parent of a clean path ("" for a top-level name).
-std::string parentOf(const std::string& clean) {
-  size_t slash = clean.rfind('/');
-  return slash == std::string::npos ? "" : clean.substr(0, slash);
-}
 
 // Streams a read from a handle; the handle stays open as long as the reply
 // is being sent.
@@ -221,7 +163,7 @@ Reply Commands::metadata(const std::string& path) {
   StoreStat st;
   Status status = store_.stat(clean, false, st);
   if (!status.isOk()) {
-    return lookupFailure(status, path, Reply::bulk(kNotFound));
+    return lookupFailure(status, path, Reply::bulk(kNotFoundText));
   }
   Json::Value meta(Json::objectValue);
   meta["Name"] = names.empty() ? "" : names.back();
@@ -267,116 +209,10 @@ Reply Commands::dir(const std::string& path) {
   for (const StoreEntry& entry : entries) {
     items.push_back(prefix + entry.name + (entry.isDir ? "/" : ""));
   }
+  // What the listing says of recorded paths that went (removed or moved
+  // elsewhere) reaches the mirror; the reply is the listing either way.
+  reconcile(clean, entries);
   return Reply::array(std::move(items));
-}
-
-Reply Commands::download(const std::string& path) {
-  std::vector<std::string> names;
-  std::string clean;
-  if (!resolve(path, false, names, clean)) {
-    return refused(path);
-  }
-  PathLocks::Guard guard = locks_.lock({clean});
-  StoreStat st;
-  Status status = store_.stat(clean, true, st);
-  if (!status.isOk()) {
-    return lookupFailure(status, path, Reply::bulk(kNotFound));
-  }
-  const std::string parentRel = joinNames(names, names.size() - 1);
-  UniqueFd parent;
-  int err = mirror_.openDir(parentRel, parent);
-  if (err == EXDEV) {
-    return refused(path);
-  }
-  if (err != 0) {
-    return Reply::error("ERR mirror folder missing: '" + under(mirror_.path(), parentRel) + "'");
-  }
-  // The mirror copy goes where the name leads, links included, as long as
-  // that stays in the mirror.
-  UniqueFd dir;
-  std::string name;
-  err = mirror_.locate(clean, true, dir, name);
-  if (err == EXDEV) {
-    return refused(path);
-  }
-  if (err != 0) {
-    return Reply::error(errnoText("download failed", err));
-  }
-  struct stat existing;
-  bool exists = ::fstatat(dir.get(), name.c_str(), &existing, AT_SYMLINK_NOFOLLOW) == 0;
-  if (st.isDir) {
-    if (!exists && ::mkdirat(dir.get(), name.c_str(), st.mode) != 0 && errno != EEXIST) {
-      return Reply::error(errnoText("cannot create folder", errno));
-    }
-    struct stat made;
-    if (::fstatat(dir.get(), name.c_str(), &made, AT_SYMLINK_NOFOLLOW) != 0 ||
-        !S_ISDIR(made.st_mode)) {
-      return Reply::error("ERR not a directory: '" + under(mirror_.path(), clean) + "'");
-    }
-    ::fchmodat(dir.get(), name.c_str(), st.mode, AT_SYMLINK_NOFOLLOW);
-    return Reply::ok();
-  }
-  if (exists && S_ISDIR(existing.st_mode)) {
-    return Reply::error(errnoText("download failed", EISDIR));
-  }
-  AtomicFile target;
-  err = target.begin(dir.get(), name);
-  if (err != 0) {
-    return Reply::error(errnoText("download failed", err));
-  }
-  StoreStat copied = st;
-  status = store_.download(clean, target, copied, "");
-  if (status.code() == Status::Code::kNotFound) {
-    return Reply::error(errnoText("download failed", ENOENT));
-  }
-  if (!status.isOk()) {
-    return changeReply(status, path, "download failed");
-  }
-  err = target.commit(copied.mode);
-  return err == 0 ? Reply::ok() : Reply::error(errnoText("download failed", err));
-}
-
-Reply Commands::upload(const std::string& path) {
-  std::vector<std::string> names;
-  std::string clean;
-  if (!resolve(path, false, names, clean)) {
-    return refused(path);
-  }
-  PathLocks::Guard guard = locks_.lock({clean});
-  UniqueFd dir;
-  std::string name;
-  int err = mirror_.locate(clean, true, dir, name);
-  if (err == EXDEV) {
-    return refused(path);
-  }
-  struct stat st;
-  if (err != 0 || ::fstatat(dir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
-    return Reply::bulk(kNotFound);
-  }
-  if (S_ISDIR(st.st_mode)) {
-    return changeReply(store_.makeDirs(clean), path, "cannot create folder");
-  }
-  // Non-blocking: a FIFO or device in the mirror must not hold the agent.
-  UniqueFd source(
-      ::openat(dir.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  if (!source) {
-    return Reply::error(errnoText("upload failed", errno));
-  }
-  if (::fstat(source.get(), &st) != 0) {
-    return Reply::error(errnoText("upload failed", errno));
-  }
-  if (!S_ISREG(st.st_mode)) {
-    return Reply::error("ERR upload failed: not a regular file");
-  }
-  Status status = store_.makeDirs(parentOf(clean));
-  if (!status.isOk()) {
-    return changeReply(status, path, "cannot create folder");
-  }
-  StoreStat written;
-  ContentHash sent;
-  return changeReply(
-      store_.upload(source.get(), clean, st.st_mode & 07777, Expect::anything(), written, sent),
-      path, "upload failed");
 }
 
 Reply Commands::createInfo(const std::string& path, const std::string& kind) {
@@ -417,7 +253,11 @@ Reply Commands::move(const std::string& from, const std::string& to) {
   if (!status.isOk()) {
     return changeReply(status, to, "cannot create folder");
   }
-  return changeReply(store_.move(fromClean, toClean), to, "move failed");
+  status = store_.move(fromClean, toClean);
+  if (status.isOk()) {
+    record_.move(fromClean, toClean);  // the records follow the files
+  }
+  return changeReply(status, to, "move failed");
 }
 
 Reply Commands::chmod(const std::string& mode, const std::string& path) {
@@ -441,29 +281,6 @@ Reply Commands::chmod(const std::string& mode, const std::string& path) {
       return Reply::error("ERR file not found");
     default:
       return Reply::error(failureText("chmod failed", status));
-  }
-}
-
-Reply Commands::remove(const std::string& path, const std::string& recursive) {
-  if (recursive != "false" && recursive != "true") {
-    return Reply::refusal("ERR bad recursion flag '" + recursive + "'");
-  }
-  std::vector<std::string> names;
-  std::string clean;
-  if (!resolve(path, false, names, clean)) {
-    return refused(path);
-  }
-  PathLocks::Guard guard = locks_.lock({clean});
-  Status status = store_.remove(clean, recursive == "true", Expect::anything());
-  switch (status.code()) {
-    case Status::Code::kOk:
-      return Reply::ok();
-    case Status::Code::kRefused:
-      return refused(path);
-    case Status::Code::kNotEmpty:
-      return Reply::error("ERR directory not empty");
-    default:
-      return Reply::error(failureText("remove failed", status));
   }
 }
 

@@ -5,6 +5,13 @@
 // folder downloads write to and uploads read from, resolved beneath its
 // root like the store (beneath.h) and written through AtomicFile.
 //
+// Downloads, uploads, removals, renames and listings go through the sync
+// record (sync/record.h) and its decision table (sync/decision.h): nothing
+// unchanged is copied, no edit is overwritten (a conflict is refused, or
+// the mirror copy kept aside), a removal or a rename seen in a listing of
+// the service reaches the mirror copies nobody changed, and every copy is
+// recorded after it is in place.
+//
 // Replies to requests it does not accept (unknown command or service,
 // wrong arguments, a path that leaves the store or the mirror) are marked
 // as refusals, for the log.
@@ -27,12 +34,22 @@
 #include "path_locks.h"
 #include "server/reply.h"
 #include "stores/store.h"
+#include "sync/decision.h"
+#include "sync/record.h"
 
 namespace velagent {
 
 constexpr const char* kServiceName = "TestService";
 // Open handles one connection may hold at a time.
 constexpr size_t kMaxHandlesPerClient = 256;
+
+struct SyncOptions {
+  // The last command wins: no conflict is refused and nothing kept aside
+  // (an update takes the service's version, a commit the mirror's, a
+  // removal removes whatever is there). Copies of unchanged files are
+  // still skipped, and removals and renames still travel.
+  bool lastWriterWins = false;
+};
 
 class Commands {
  public:
@@ -42,10 +59,12 @@ class Commands {
     std::map<std::string, std::shared_ptr<StoreHandle>> handles;
   };
 
-  // `store` must outlive this object. Reads up to `inlineRead` bytes are
-  // answered from memory, longer ones streamed from the file while sent.
-  Commands(Store& store, const std::string& mirror, size_t inlineRead)
-      : store_(store), mirror_(mirror), inlineRead_(inlineRead) {}
+  // `store` and `record` must outlive this object. Reads up to
+  // `inlineRead` bytes are answered from memory, longer ones streamed from
+  // the file while sent.
+  Commands(Store& store, const std::string& mirror, size_t inlineRead, SyncRecord& record,
+           const SyncOptions& sync = SyncOptions())
+      : store_(store), mirror_(mirror), inlineRead_(inlineRead), record_(record), sync_(sync) {}
   Commands(const Commands&) = delete;
   Commands& operator=(const Commands&) = delete;
 
@@ -67,9 +86,43 @@ class Commands {
              const std::string& length);
   Reply write(Client& client, const std::string& handle, const std::string& data);
 
+  // The sync side (sync_commands.cpp).
+  struct Place;
+  sync::Action decide(sync::Action (*table)(const sync::Facts&), const sync::Facts& facts) const;
+  Reply downloadFile(const std::string& path, const std::string& clean, const StoreStat& st,
+                     Place& place);
+  Reply removeTree(const std::string& path, const std::string& clean);
+  // A file of the service that another device renamed from a name this
+  // mirror recorded: its unchanged copy is moved to `clean` instead of
+  // being fetched again. The candidates' paths are locked by the caller.
+  bool adoptMovedCopy(const std::string& clean, const StoreStat& st,
+                      const std::vector<RecordEntry>& candidates);
+  // A file the mirror renamed by other means (same inode): moved on the
+  // service instead of being sent again, while the service still holds the
+  // old name at its recorded version.
+  bool moveRenamedCopy(const std::string& clean, const Place& copy,
+                       const std::vector<RecordEntry>& candidates);
+  // After a listing of the folder `clean`: the recorded paths below it that
+  // the service no longer shows leave the mirror, or follow a rename, where
+  // no edit touched them.
+  void reconcile(const std::string& clean, const std::vector<StoreEntry>& entries);
+  // Removes the mirror copy of a recorded path that went from the service,
+  // or moves it to `to` (true), or forgets it (sync::decideGone).
+  bool settleGone(const RecordEntry& record, const std::string& to);
+  // Makes the missing folders of `rel` in the mirror; false when one
+  // cannot be made or is no folder.
+  bool makeMirrorDirs(const std::string& rel);
+  // Removes the mirror folder `rel` and the folders below it that are
+  // empty, never following a link.
+  void pruneMirrorFolder(const std::string& rel);
+  // Writes `entry`, saying in the log when it could not.
+  void keep(const RecordEntry& entry);
+
   Store& store_;
   Root mirror_;
   size_t inlineRead_;
+  SyncRecord& record_;
+  SyncOptions sync_;
   PathLocks locks_;
   std::atomic<unsigned long> nextHandle_{1};
 };

@@ -18,9 +18,7 @@ Hasher::~Hasher() = default;
 
 void Hasher::reset() { XXH3_128bits_reset(state_->xxh); }
 
-void Hasher::update(const void* data, size_t size) {
-  XXH3_128bits_update(state_->xxh, data, size);
-}
+void Hasher::update(const void* data, size_t size) { XXH3_128bits_update(state_->xxh, data, size); }
 
 ContentHash Hasher::digest() const {
   XXH128_hash_t h = XXH3_128bits_digest(state_->xxh);

@@ -20,9 +20,7 @@ struct ContentHash {
   uint64_t high = 0;
   uint64_t low = 0;
 
-  bool operator==(const ContentHash& other) const {
-    return high == other.high && low == other.low;
-  }
+  bool operator==(const ContentHash& other) const { return high == other.high && low == other.low; }
   bool operator!=(const ContentHash& other) const { return !(*this == other); }
   // 32 lower-case hex digits, high half first; fromHex() reads them back
   // (false for anything else).

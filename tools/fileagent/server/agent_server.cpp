@@ -246,7 +246,11 @@ bool Server::answer(Session& session, Commands::Client& client,
   if (ruled && rule.hasReply) {
     reply = rule.reply;
   } else {
+    if (ruled) {
+      armFaults(rule.faults);
+    }
     reply = commands_.execute(client, args);
+    disarmFaults();
   }
   if (reply.refused) {
     refuse(session, describeRequest(args), reply.text);

@@ -159,6 +159,24 @@ bool Rules::parse(const std::string& text, std::vector<Rule>& out, std::string& 
         return false;
       }
     }
+    if (item.isMember("crash")) {
+      std::string point;
+      if (!textOf(item["crash"], point) ||
+          (point != kCrashAfterRename && point != kCrashAfterRecord)) {
+        error = std::string("\"crash\" must be \"") + kCrashAfterRename + "\" or \"" +
+                kCrashAfterRecord + "\"";
+        return false;
+      }
+      rule.faults.crashAt = point;
+    }
+    if (item.isMember("record")) {
+      std::string how;
+      if (!textOf(item["record"], how) || how != "fail") {
+        error = "\"record\" must be \"fail\"";
+        return false;
+      }
+      rule.faults.recordFails = true;
+    }
     struct Count {
       const char* key;
       long* target;

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "faults.h"
 #include "server/reply.h"
 
 namespace velagent {
@@ -44,6 +45,10 @@ struct Rule {
   long skip = 0;
   long times = -1;  // -1: no limit
   long seen = 0;    // matching requests so far
+  // Armed while the matching request is served (faults.h): "crash" kills
+  // the agent at a point of the command, "record": "fail" makes every
+  // write of the sync record fail.
+  ArmedFaults faults;
 };
 
 // The rules file, re-read whenever its identity, size or time changes.

@@ -536,11 +536,20 @@ Status WebDavStore::setMode(const std::string& path, bool collection, mode_t mod
 
 namespace {
 
+// True when the server can check `expect` itself: a strong tag (servers
+// compare If-Match strongly, so a weak one never matches) or "nothing
+// there".
+bool serverChecks(const Expect& expect) {
+  return expect.kind == Expect::Kind::kAbsent ||
+         (expect.kind == Expect::Kind::kVersion && expect.version.compare(0, 3, "lm:") != 0 &&
+          !weakTag(expect.version));
+}
+
 // The condition headers of a change that expects `expect`.
 void addConditions(const Expect& expect, std::vector<std::string>& headers) {
   if (expect.kind == Expect::Kind::kAbsent) {
     headers.push_back("If-None-Match: *");
-  } else if (expect.kind == Expect::Kind::kVersion && expect.version.compare(0, 3, "lm:") != 0) {
+  } else if (serverChecks(expect)) {
     headers.push_back("If-Match: " + expect.version);
   }
 }
@@ -552,6 +561,18 @@ Status WebDavStore::upload(int source, const std::string& path, mode_t mode, con
   struct stat st;
   if (::fstat(source, &st) != 0) {
     return Status::fromErrno(errno);
+  }
+  if (expect.kind == Expect::Kind::kVersion && !serverChecks(expect)) {
+    // Checked here, just before the PUT: the server cannot.
+    StoreStat now;
+    Status status = stat(path, true, now);
+    if (status.code() == Status::Code::kNotFound ||
+        (status.isOk() && now.version != expect.version)) {
+      return Status::error(Status::Code::kConflict, "the file changed");
+    }
+    if (!status.isOk()) {
+      return status;
+    }
   }
   Hasher hasher;
   Request request;

@@ -1,0 +1,1039 @@
+// The commands that move content between the mirror and the service
+// (tarn.downloadlocal, tarn.uploadlocal, tarn.remove) and what a listing
+// of the service (tarn.dir) tells the mirror, through the sync record: each
+// one detects how both sides stand against the record, asks the decision
+// table what to do (asking it again as facts come in: a hash of the
+// mirror copy, the service's content) and acts. A copy is put in place
+// first and recorded after, so a crash in between costs a comparison at
+// the next command, never an edit.
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <set>
+
+#include "command_replies.h"
+#include "commands.h"
+#include "faults.h"
+#include "fs/atomic_file.h"
+#include "fs/content_hash.h"
+#include "fs/kept_copy.h"
+#include "server/agent_log.h"
+#include "sync/detect.h"
+
+namespace velagent {
+
+using sync::Action;
+using sync::Contents;
+using sync::Facts;
+using sync::Side;
+
+// A path in the mirror: the folder that holds its last name, that name, and
+// what stands there.
+struct Commands::Place {
+  UniqueFd dir;
+  std::string name;
+  bool exists = false;
+  struct stat st {};
+};
+
+namespace {
+
+// Rounds of the decision table one command may take (facts come in a few
+// at a time; a service that keeps changing under a conditional upload
+// ends it).
+constexpr int kMaxRounds = 12;
+// Bounds of the walk that looks for the new names of moved files below a
+// folder that appeared in a listing.
+constexpr int kMaxWalkDepth = 64;
+constexpr size_t kMaxWalkEntries = 100000;
+constexpr mode_t kMirrorFolderMode = 0750;
+
+void syncLog(const std::string& text) { logLine("sync: " + text); }
+
+// The mirror file `name` in `dirFd`: its hash (and its status in `st`).
+// 0, or errno (EINVAL for something other than a regular file).
+int hashMirror(int dirFd, const std::string& name, ContentHash& out, struct stat* st = nullptr) {
+  UniqueFd fd(::openat(dirFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!fd) {
+    return errno;
+  }
+  struct stat own;
+  struct stat& status = st != nullptr ? *st : own;
+  if (::fstat(fd.get(), &status) != 0) {
+    return errno;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    return EINVAL;
+  }
+  return hashFile(fd.get(), out);
+}
+
+bool sameFile(const struct stat& a, const struct stat& b) {
+  return a.st_ino == b.st_ino && a.st_dev == b.st_dev && a.st_size == b.st_size &&
+         sync::nanosOf(a.st_mtim) == sync::nanosOf(b.st_mtim);
+}
+
+void describeService(RecordEntry& entry, const StoreStat& st) {
+  entry.version = st.version;
+  entry.settled = st.settled;
+  entry.identity = st.identity;
+}
+
+void describeCopy(RecordEntry& entry, const struct stat& st) {
+  entry.mirrorInode = st.st_ino;
+  entry.mirrorSize = static_cast<long long>(st.st_size);
+  entry.mirrorMtimeNs = sync::nanosOf(st.st_mtim);
+  entry.mirrorSettled = sync::mirrorStampSettled(st, sync::nowNanos());
+}
+
+// The reply that refuses a change for a conflict, with the way out.
+Reply conflict(const std::string& path, bool madeElsewhere, const char* notDone) {
+  std::string what = madeElsewhere ? "was made on the service with other content"
+                                   : "changed on the service since this mirror last synced it";
+  return Reply::error("ERR conflict: '" + path + "' " + what + "; nothing was " + notDone +
+                      ". Run 'vel update " + path +
+                      "' to fetch the service's version: your copy is then kept beside it as '" +
+                      path + ".vel.keep.NNNNNNNN'");
+}
+
+}  // namespace
+
+sync::Action Commands::decide(Action (*table)(const Facts&), const Facts& facts) const {
+  Action action = table(facts);
+  if (!sync_.lastWriterWins) {
+    return action;
+  }
+  // The acting side wins what would otherwise be a conflict.
+  if (action == Action::kKeepAsideAndFetch) {
+    return Action::kFetch;
+  }
+  if (action == Action::kConflict) {
+    return table == &sync::decideRemove ? Action::kRemove : Action::kSend;
+  }
+  return action;
+}
+
+// ---------------------------------------------------------------------------
+// tarn.downloadlocal
+
+Reply Commands::download(const std::string& path) {
+  std::vector<std::string> names;
+  std::string clean;
+  if (!resolve(path, false, names, clean)) {
+    return refused(path);
+  }
+  std::vector<std::string> lockPaths = {clean};
+  std::vector<RecordEntry> movedFrom;
+  for (int attempt = 0;; ++attempt) {
+    PathLocks::Guard guard = locks_.lock(lockPaths);
+    StoreStat st;
+    Status status = store_.stat(clean, true, st);
+    if (!status.isOk()) {
+      return lookupFailure(status, path, Reply::bulk(kNotFoundText));
+    }
+    if (attempt == 0 && !st.isDir && st.identity && !st.version.empty()) {
+      // A file new to this mirror may be one it holds under the name it had
+      // before another device renamed it: those names are locked as well.
+      RecordEntry own;
+      if (!record_.get(clean, own)) {
+        for (RecordEntry& candidate : record_.withVersion(st.version)) {
+          if (candidate.path != clean) {
+            lockPaths.push_back(candidate.path);
+            movedFrom.push_back(std::move(candidate));
+          }
+        }
+        if (!movedFrom.empty()) {
+          continue;
+        }
+      }
+    }
+    const std::string parentRel = joinNames(names, names.size() - 1);
+    UniqueFd parent;
+    int err = mirror_.openDir(parentRel, parent);
+    if (err == EXDEV) {
+      return refused(path);
+    }
+    if (err != 0) {
+      return Reply::error("ERR mirror folder missing: '" + under(mirror_.path(), parentRel) + "'");
+    }
+    // The mirror copy goes where the name leads, links included, as long as
+    // that stays in the mirror.
+    Place place;
+    err = mirror_.locate(clean, true, place.dir, place.name);
+    if (err == EXDEV) {
+      return refused(path);
+    }
+    if (err != 0) {
+      return Reply::error(errnoText("download failed", err));
+    }
+    place.exists =
+        ::fstatat(place.dir.get(), place.name.c_str(), &place.st, AT_SYMLINK_NOFOLLOW) == 0;
+    if (st.isDir) {
+      if (!place.exists && ::mkdirat(place.dir.get(), place.name.c_str(), st.mode) != 0 &&
+          errno != EEXIST) {
+        return Reply::error(errnoText("cannot create folder", errno));
+      }
+      struct stat made;
+      if (::fstatat(place.dir.get(), place.name.c_str(), &made, AT_SYMLINK_NOFOLLOW) != 0 ||
+          !S_ISDIR(made.st_mode)) {
+        return Reply::error("ERR not a directory: '" + under(mirror_.path(), clean) + "'");
+      }
+      ::fchmodat(place.dir.get(), place.name.c_str(), st.mode, AT_SYMLINK_NOFOLLOW);
+      return Reply::ok();
+    }
+    if (place.exists && S_ISDIR(place.st.st_mode)) {
+      return Reply::error(errnoText("download failed", EISDIR));
+    }
+    if (!movedFrom.empty() && !place.exists && adoptMovedCopy(clean, st, movedFrom)) {
+      place.exists =
+          ::fstatat(place.dir.get(), place.name.c_str(), &place.st, AT_SYMLINK_NOFOLLOW) == 0;
+    }
+    return downloadFile(path, clean, st, place);
+  }
+}
+
+Reply Commands::downloadFile(const std::string& path, const std::string& clean,
+                             const StoreStat& st, Place& place) {
+  RecordEntry record;
+  const bool recorded = record_.get(clean, record);
+  Facts facts;
+  facts.recorded = recorded;
+  facts.service = recorded ? sync::serviceAgainst(record, st) : Side::kChanged;
+  if (!place.exists) {
+    facts.mirror = Side::kAbsent;
+  } else if (!S_ISREG(place.st.st_mode)) {
+    facts.mirror = Side::kChanged;  // a FIFO or a device holds no edit to compare
+    facts.contents = Contents::kDiffer;
+  } else {
+    facts.mirror = recorded ? sync::mirrorAgainst(record, place.st) : Side::kChanged;
+  }
+
+  AtomicFile target;
+  bool fetched = false;
+  StoreStat copied = st;
+  ContentHash mirrorHash;
+  bool mirrorHashed = false;
+  bool mirrorConfirmed = false;   // hashed: unchanged since the record
+  bool serviceConfirmed = false;  // fetched: the recorded content
+  // Copies the service's file into the mirror's temporary file (not yet in
+  // place); with `ifNoneMatch`, kNotModified when the service still holds
+  // that version.
+  auto fetch = [&](const std::string& ifNoneMatch) -> Status {
+    int err = target.begin(place.dir.get(), place.name);
+    if (err != 0) {
+      return Status::fromErrno(err);
+    }
+    copied = st;
+    Status status = store_.download(clean, target, copied, ifNoneMatch);
+    fetched = status.isOk();
+    return status;
+  };
+  auto fetchFailed = [&](const Status& status) {
+    if (status.code() == Status::Code::kNotFound) {
+      return Reply::error(errnoText("download failed", ENOENT));
+    }
+    return changeReply(status, path, "download failed");
+  };
+  auto hashOfMirror = [&]() -> int {
+    if (mirrorHashed) {
+      return 0;
+    }
+    int err = hashMirror(place.dir.get(), place.name, mirrorHash);
+    mirrorHashed = err == 0;
+    return err;
+  };
+  // Puts the fetched copy in place and records it.
+  auto commit = [&]() -> Reply {
+    int err = target.commit(copied.mode);
+    if (err != 0) {
+      return Reply::error(errnoText("download failed", err));
+    }
+    crashPoint(kCrashAfterRename);
+    RecordEntry entry;
+    entry.path = clean;
+    describeService(entry, copied);
+    entry.mirrorInode = target.committedInode();
+    entry.mirrorSize = target.size();
+    entry.mirrorMtimeNs = target.committedMtimeNs();
+    entry.mirrorSettled = false;  // stamped just now
+    entry.hash = target.hash();
+    record_.put(entry);
+    crashPoint(kCrashAfterRecord);
+    return Reply::ok();
+  };
+
+  for (int round = 0; round < kMaxRounds; ++round) {
+    Action action = decide(&sync::decideDownload, facts);
+    switch (action) {
+      case Action::kCheckMirror: {
+        int err = hashOfMirror();
+        if (err != 0) {
+          return Reply::error(errnoText("download failed", err));
+        }
+        mirrorConfirmed = mirrorHash == record.hash;
+        facts.mirror = mirrorConfirmed ? Side::kUnchanged : Side::kChanged;
+        break;
+      }
+      case Action::kCheckService:
+      case Action::kCompare: {
+        if (!fetched) {
+          Status status = fetch("");
+          if (!status.isOk()) {
+            return fetchFailed(status);
+          }
+        }
+        if (action == Action::kCheckService) {
+          serviceConfirmed = target.hash() == record.hash;
+          facts.service = serviceConfirmed ? Side::kUnchanged : Side::kChanged;
+          break;
+        }
+        int err = hashOfMirror();
+        if (err != 0) {
+          return Reply::error(errnoText("download failed", err));
+        }
+        facts.contents = mirrorHash == target.hash() ? Contents::kSame : Contents::kDiffer;
+        break;
+      }
+      case Action::kNothing:
+      case Action::kKeepMirror: {
+        target.discard();
+        // What the checks learnt saves them next time.
+        if (serviceConfirmed || mirrorConfirmed) {
+          if (serviceConfirmed) {
+            describeService(record, copied);
+          }
+          if (mirrorConfirmed) {
+            describeCopy(record, place.st);
+          }
+          record_.put(record);
+        }
+        return Reply::ok();
+      }
+      case Action::kRecordOnly: {
+        target.discard();
+        RecordEntry entry;
+        entry.path = clean;
+        describeService(entry, copied);
+        describeCopy(entry, place.st);
+        entry.hash = mirrorHash;
+        record_.put(entry);
+        return Reply::ok();
+      }
+      case Action::kFetch: {
+        if (!fetched) {
+          // The record's settled version, asked for again: a service at it
+          // sends no bytes (the stat before may have been an older answer).
+          bool askAgain = recorded && record.settled && facts.mirror == Side::kUnchanged;
+          Status status = fetch(askAgain ? record.version : "");
+          if (status.code() == Status::Code::kNotModified) {
+            target.discard();
+            return Reply::ok();
+          }
+          if (!status.isOk()) {
+            return fetchFailed(status);
+          }
+        }
+        return commit();
+      }
+      case Action::kKeepAsideAndFetch: {
+        if (!fetched) {
+          Status status = fetch("");
+          if (!status.isOk()) {
+            return fetchFailed(status);
+          }
+        }
+        std::string kept;
+        int err = keepAside(place.dir.get(), place.name, kept);
+        if (err != 0) {
+          return Reply::error(errnoText("cannot keep the mirror copy aside", err));
+        }
+        syncLog("kept the mirror copy of '" + clean + "' as '" + kept +
+                "': it changed here, and the service holds other content");
+        return commit();
+      }
+      default:
+        return Reply::error(std::string("ERR download failed: unexpected step ") +
+                            sync::actionName(action));
+    }
+  }
+  return Reply::error("ERR download failed: the service keeps changing");
+}
+
+bool Commands::adoptMovedCopy(const std::string& clean, const StoreStat& st,
+                              const std::vector<RecordEntry>& candidates) {
+  for (const RecordEntry& candidate : candidates) {
+    if (candidate.version != st.version) {
+      continue;
+    }
+    StoreStat old;
+    Status status = store_.stat(candidate.path, false, old);
+    if (status.code() != Status::Code::kNotFound) {
+      continue;  // still there: a copy, not a rename
+    }
+    if (settleGone(candidate, clean)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// ---------------------------------------------------------------------------
+// tarn.uploadlocal
+
+Reply Commands::upload(const std::string& path) {
+  std::vector<std::string> names;
+  std::string clean;
+  if (!resolve(path, false, names, clean)) {
+    return refused(path);
+  }
+  std::vector<std::string> lockPaths = {clean};
+  std::vector<RecordEntry> renamedFrom;
+  for (int attempt = 0;; ++attempt) {
+    PathLocks::Guard guard = locks_.lock(lockPaths);
+    Place place;
+    int err = mirror_.locate(clean, true, place.dir, place.name);
+    if (err == EXDEV) {
+      return refused(path);
+    }
+    if (err != 0 ||
+        ::fstatat(place.dir.get(), place.name.c_str(), &place.st, AT_SYMLINK_NOFOLLOW) != 0) {
+      return Reply::bulk(kNotFoundText);
+    }
+    if (S_ISDIR(place.st.st_mode)) {
+      return changeReply(store_.makeDirs(clean), path, "cannot create folder");
+    }
+    // Non-blocking: a FIFO or device in the mirror must not hold the agent.
+    UniqueFd source(::openat(place.dir.get(), place.name.c_str(),
+                             O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!source) {
+      return Reply::error(errnoText("upload failed", errno));
+    }
+    struct stat& copy = place.st;
+    if (::fstat(source.get(), &copy) != 0) {
+      return Reply::error(errnoText("upload failed", errno));
+    }
+    if (!S_ISREG(copy.st_mode)) {
+      return Reply::error("ERR upload failed: not a regular file");
+    }
+    if (attempt == 0) {
+      // A file new to the record may be a recorded copy renamed in the
+      // mirror: those names are locked as well.
+      RecordEntry own;
+      if (!record_.get(clean, own)) {
+        for (RecordEntry& candidate :
+             record_.withMirrorCopy(copy.st_ino, static_cast<long long>(copy.st_size))) {
+          if (candidate.path != clean) {
+            lockPaths.push_back(candidate.path);
+            renamedFrom.push_back(std::move(candidate));
+          }
+        }
+        if (!renamedFrom.empty()) {
+          continue;
+        }
+      }
+    }
+    if (!renamedFrom.empty() && moveRenamedCopy(clean, place, renamedFrom)) {
+      return Reply::ok();
+    }
+
+    StoreStat st;
+    Status status = store_.stat(clean, true, st);
+    bool servicePresent = status.isOk();
+    if (!servicePresent && status.code() != Status::Code::kNotFound) {
+      return lookupFailure(status, path, Reply::error(failureText("upload failed", status)));
+    }
+    if (servicePresent && st.isDir) {
+      return Reply::error(errnoText("upload failed", EISDIR));
+    }
+    RecordEntry record;
+    bool recorded = record_.get(clean, record);
+    Facts facts;
+    facts.recorded = recorded;
+    facts.mirror = recorded ? sync::mirrorAgainst(record, copy) : Side::kChanged;
+    facts.service = !servicePresent ? Side::kAbsent
+                    : recorded      ? sync::serviceAgainst(record, st)
+                                    : Side::kChanged;
+    ContentHash mirrorHash;
+    ContentHash serviceHash;
+    bool mirrorHashed = false;
+    bool serviceHashed = false;
+    bool mirrorConfirmed = false;
+    bool serviceConfirmed = false;
+    StoreStat current = st;  // the latest the agent learnt of the service's file
+
+    for (int round = 0; round < kMaxRounds; ++round) {
+      Action action = decide(&sync::decideUpload, facts);
+      switch (action) {
+        case Action::kCheckMirror:
+        case Action::kCheckService:
+        case Action::kCompare: {
+          if (action != Action::kCheckService && !mirrorHashed) {
+            if ((err = hashFile(source.get(), mirrorHash)) != 0) {
+              return Reply::error(errnoText("upload failed", err));
+            }
+            mirrorHashed = true;
+          }
+          if (action == Action::kCheckMirror) {
+            mirrorConfirmed = mirrorHash == record.hash;
+            facts.mirror = mirrorConfirmed ? Side::kUnchanged : Side::kChanged;
+            break;
+          }
+          if (!serviceHashed) {
+            HashSink sink;
+            StoreStat got = current;
+            status = store_.download(clean, sink, got, "");
+            if (status.code() == Status::Code::kNotFound) {
+              facts.service = Side::kAbsent;
+              facts.contents = Contents::kUnknown;
+              break;
+            }
+            if (!status.isOk()) {
+              return changeReply(status, path, "upload failed");
+            }
+            serviceHash = sink.hash();
+            serviceHashed = true;
+            current = got;
+          }
+          if (action == Action::kCheckService) {
+            serviceConfirmed = serviceHash == record.hash;
+            facts.service = serviceConfirmed ? Side::kUnchanged : Side::kChanged;
+          } else {
+            facts.contents = mirrorHash == serviceHash ? Contents::kSame : Contents::kDiffer;
+          }
+          break;
+        }
+        case Action::kNothing:
+        case Action::kStale: {
+          if (action == Action::kStale) {
+            syncLog("nothing sent for '" + clean +
+                    "': unchanged here, and the service holds a newer version (update to "
+                    "fetch it)");
+          }
+          if (mirrorConfirmed || (serviceConfirmed && action == Action::kNothing)) {
+            if (mirrorConfirmed) {
+              describeCopy(record, copy);
+            }
+            if (serviceConfirmed) {
+              describeService(record, current);
+            }
+            record_.put(record);
+          }
+          return Reply::ok();
+        }
+        case Action::kRecordOnly: {
+          RecordEntry entry;
+          entry.path = clean;
+          describeService(entry, current);
+          describeCopy(entry, copy);
+          entry.hash = mirrorHash;
+          record_.put(entry);
+          return Reply::ok();
+        }
+        case Action::kRemoveMirror: {
+          struct stat now;
+          if (::fstatat(place.dir.get(), place.name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+              sameFile(now, copy)) {
+            ::unlinkat(place.dir.get(), place.name.c_str(), 0);
+          }
+          record_.drop(clean, false);
+          syncLog("removed '" + clean + "' from the mirror: it was removed on the service");
+          return Reply::ok();
+        }
+        case Action::kConflict:
+          return conflict(path, !recorded, "sent");
+        case Action::kSend:
+        case Action::kSendNew: {
+          if (action == Action::kSendNew && recorded) {
+            // The edit wins over the removal: it counts as a new file.
+            record_.drop(clean, false);
+            recorded = false;
+            facts.recorded = false;
+          }
+          status = store_.makeDirs(parentOf(clean));
+          if (!status.isOk()) {
+            return changeReply(status, path, "cannot create folder");
+          }
+          Expect expect = sync_.lastWriterWins          ? Expect::anything()
+                          : action == Action::kSendNew ? Expect::absent()
+                                                       : Expect::at(current.version);
+          if (::lseek(source.get(), 0, SEEK_SET) != 0) {
+            return Reply::error(errnoText("upload failed", errno));
+          }
+          StoreStat written;
+          ContentHash sent;
+          status = store_.upload(source.get(), clean, copy.st_mode & 07777, expect, written, sent);
+          if (status.code() == Status::Code::kConflict) {
+            // The service changed in the meantime: what does it hold now?
+            StoreStat again;
+            Status restat = store_.stat(clean, true, again);
+            if (!restat.isOk() && restat.code() != Status::Code::kNotFound) {
+              return changeReply(restat, path, "upload failed");
+            }
+            current = again;
+            serviceHashed = false;
+            facts.contents = Contents::kUnknown;
+            facts.service = !restat.isOk() ? Side::kAbsent
+                            : recorded     ? sync::serviceAgainst(record, again)
+                                           : Side::kChanged;
+            if (facts.service == Side::kUnchanged) {
+              facts.service = Side::kUnsure;  // refused at that version: look closer
+            }
+            break;
+          }
+          if (!status.isOk()) {
+            return changeReply(status, path, "upload failed");
+          }
+          crashPoint(kCrashAfterRename);
+          RecordEntry entry;
+          entry.path = clean;
+          entry.hash = sent;
+          if (written.version.empty()) {
+            // Asked again: someone may have written since, so it vouches
+            // for nothing until the content is compared.
+            StoreStat after;
+            if (store_.stat(clean, true, after).isOk()) {
+              written = after;
+            }
+            written.settled = false;
+          }
+          describeService(entry, written);
+          struct stat after;
+          if (::fstat(source.get(), &after) == 0 && sameFile(after, copy)) {
+            describeCopy(entry, copy);
+          }  // else the copy changed while it was sent: its hash will tell
+          record_.put(entry);
+          crashPoint(kCrashAfterRecord);
+          return Reply::ok();
+        }
+        default:
+          return Reply::error(std::string("ERR upload failed: unexpected step ") +
+                              sync::actionName(action));
+      }
+    }
+    return Reply::error("ERR upload failed: the service keeps changing");
+  }
+}
+
+bool Commands::moveRenamedCopy(const std::string& clean, const Place& place,
+                               const std::vector<RecordEntry>& candidates) {
+  const struct stat& copy = place.st;
+  StoreStat target;
+  if (store_.stat(clean, true, target).code() != Status::Code::kNotFound) {
+    return false;  // the new name is taken on the service: an upload decides
+  }
+  for (const RecordEntry& candidate : candidates) {
+    if (candidate.mirrorInode != copy.st_ino ||
+        candidate.mirrorMtimeNs != sync::nanosOf(copy.st_mtim) ||
+        candidate.mirrorSize != static_cast<long long>(copy.st_size)) {
+      continue;
+    }
+    // The old name must have let the copy go...
+    Place old;
+    if (mirror_.locate(candidate.path, false, old.dir, old.name) == 0 &&
+        ::fstatat(old.dir.get(), old.name.c_str(), &old.st, AT_SYMLINK_NOFOLLOW) == 0 &&
+        old.st.st_ino == copy.st_ino) {
+      continue;  // a second link to the same file
+    }
+    // ...with content the record vouches for (a copy stamped in the same
+    // tick as an edit is hashed)...
+    if (!candidate.mirrorSettled) {
+      ContentHash hash;
+      if (hashMirror(place.dir.get(), place.name, hash) != 0 || hash != candidate.hash) {
+        continue;
+      }
+    }
+    // ...and the service must still hold the old name at its version.
+    StoreStat st;
+    if (!store_.stat(candidate.path, false, st).isOk() || st.isDir || st.isLink) {
+      continue;
+    }
+    Side side = sync::serviceAgainst(candidate, st);
+    if (side == Side::kUnsure) {
+      HashSink sink;
+      StoreStat got = st;
+      if (!store_.download(candidate.path, sink, got, "").isOk() ||
+          got.version != candidate.version) {
+        continue;
+      }
+      side = sink.hash() == candidate.hash ? Side::kUnchanged : Side::kChanged;
+    }
+    if (side != Side::kUnchanged) {
+      continue;
+    }
+    if (!store_.makeDirs(parentOf(clean)).isOk() || !store_.move(candidate.path, clean).isOk()) {
+      return false;
+    }
+    record_.move(candidate.path, clean);
+    syncLog("moved '" + candidate.path + "' to '" + clean +
+            "' on the service: renamed in the mirror");
+    return true;
+  }
+  return false;
+}
+
+// ---------------------------------------------------------------------------
+// tarn.remove
+
+Reply Commands::remove(const std::string& path, const std::string& recursive) {
+  if (recursive != "false" && recursive != "true") {
+    return Reply::refusal("ERR bad recursion flag '" + recursive + "'");
+  }
+  std::vector<std::string> names;
+  std::string clean;
+  if (!resolve(path, false, names, clean)) {
+    return refused(path);
+  }
+  PathLocks::Guard guard = locks_.lock({clean});
+  auto removed = [&](const Status& status) {
+    switch (status.code()) {
+      case Status::Code::kOk:
+        record_.drop(clean, true);
+        return Reply::ok();
+      case Status::Code::kRefused:
+        return refused(path);
+      case Status::Code::kNotEmpty:
+        return Reply::error("ERR directory not empty");
+      case Status::Code::kConflict:
+        return conflict(path, false, "removed");
+      default:
+        return Reply::error(failureText("remove failed", status));
+    }
+  };
+  StoreStat st;
+  Status status = store_.stat(clean, false, st);
+  if (status.code() == Status::Code::kNotFound) {
+    record_.drop(clean, true);
+    return Reply::ok();  // nothing there
+  }
+  if (!status.isOk()) {
+    return removed(status);
+  }
+  if (st.isDir) {
+    if (recursive == "true") {
+      Reply refusal = removeTree(path, clean);
+      if (refusal.kind == Reply::Kind::kError) {
+        return refusal;
+      }
+    }
+    return removed(store_.remove(clean, recursive == "true", Expect::anything()));
+  }
+  RecordEntry record;
+  const bool recorded = !st.isLink && record_.get(clean, record);
+  Facts facts;
+  facts.recorded = recorded;
+  facts.service = recorded ? sync::serviceAgainst(record, st) : Side::kChanged;
+  StoreStat current = st;
+  for (int round = 0; round < kMaxRounds; ++round) {
+    Action action = decide(&sync::decideRemove, facts);
+    switch (action) {
+      case Action::kCheckService: {
+        HashSink sink;
+        StoreStat got = current;
+        status = store_.download(clean, sink, got, "");
+        if (status.code() == Status::Code::kNotFound) {
+          facts.service = Side::kAbsent;
+          break;
+        }
+        if (!status.isOk()) {
+          return removed(status);
+        }
+        current = got;
+        facts.service = sink.hash() == record.hash ? Side::kUnchanged : Side::kChanged;
+        break;
+      }
+      case Action::kForget:
+        record_.drop(clean, true);
+        return Reply::ok();
+      case Action::kConflict:
+        return conflict(path, false, "removed");
+      case Action::kRemove: {
+        Expect expect = recorded && !sync_.lastWriterWins && !current.version.empty()
+                            ? Expect::at(current.version)
+                            : Expect::anything();
+        return removed(store_.remove(clean, recursive == "true", expect));
+      }
+      default:
+        return Reply::error(std::string("ERR remove failed: unexpected step ") +
+                            sync::actionName(action));
+    }
+  }
+  return Reply::error("ERR remove failed: the service keeps changing");
+}
+
+Reply Commands::removeTree(const std::string& path, const std::string& clean) {
+  if (sync_.lastWriterWins) {
+    return Reply::ok();
+  }
+  // Every recorded file below must still be what this mirror saw: a file
+  // someone else changed since is not removed with the folder.
+  for (const RecordEntry& record : record_.below(clean, false)) {
+    StoreStat st;
+    Status status = store_.stat(record.path, false, st);
+    if (status.code() == Status::Code::kNotFound || (status.isOk() && st.isDir)) {
+      continue;
+    }
+    if (!status.isOk()) {
+      return Reply::error(failureText("remove failed", status));
+    }
+    Side side = sync::serviceAgainst(record, st);
+    if (side == Side::kUnsure) {
+      HashSink sink;
+      StoreStat got = st;
+      status = store_.download(record.path, sink, got, "");
+      if (status.code() == Status::Code::kNotFound) {
+        continue;
+      }
+      if (!status.isOk()) {
+        return Reply::error(failureText("remove failed", status));
+      }
+      side = sink.hash() == record.hash ? Side::kUnchanged : Side::kChanged;
+    }
+    if (side == Side::kChanged) {
+      return conflict(path, false, "removed");
+    }
+  }
+  return Reply::ok();
+}
+
+// ---------------------------------------------------------------------------
+// What a listing tells the mirror
+
+bool Commands::settleGone(const RecordEntry& record, const std::string& to) {
+  Place place;
+  int err = mirror_.locate(record.path, false, place.dir, place.name);
+  Facts facts;
+  facts.recorded = true;
+  facts.service = Side::kAbsent;
+  if (err == EXDEV) {
+    record_.drop(record.path, false);  // a link out of the mirror: never touched
+    return false;
+  }
+  place.exists = err == 0 && ::fstatat(place.dir.get(), place.name.c_str(), &place.st,
+                                       AT_SYMLINK_NOFOLLOW) == 0;
+  if (!place.exists) {
+    facts.mirror = Side::kAbsent;
+  } else if (!S_ISREG(place.st.st_mode)) {
+    facts.mirror = Side::kChanged;  // something else stands there now
+  } else {
+    facts.mirror = sync::mirrorAgainst(record, place.st);
+  }
+  for (int round = 0; round < kMaxRounds; ++round) {
+    switch (sync::decideGone(facts, !to.empty())) {
+      case Action::kCheckMirror: {
+        ContentHash hash;
+        struct stat now;
+        facts.mirror = hashMirror(place.dir.get(), place.name, hash, &now) == 0 &&
+                               sameFile(now, place.st) && hash == record.hash
+                           ? Side::kUnchanged
+                           : Side::kChanged;
+        break;
+      }
+      case Action::kMoveMirror: {
+        Place target;
+        if (makeMirrorDirs(parentOf(to)) &&
+            mirror_.locate(to, false, target.dir, target.name) == 0 &&
+            ::renameat2(place.dir.get(), place.name.c_str(), target.dir.get(),
+                        target.name.c_str(), RENAME_NOREPLACE) == 0) {
+          record_.move(record.path, to);
+          syncLog("moved '" + record.path + "' to '" + to +
+                  "' in the mirror: it was renamed on the service");
+          return true;
+        }
+        facts.mirror = Side::kUnchanged;
+        return settleGone(record, "");  // the new name is taken: fetched there instead
+      }
+      case Action::kRemoveMirror: {
+        struct stat now;
+        if (::fstatat(place.dir.get(), place.name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+            sameFile(now, place.st)) {
+          ::unlinkat(place.dir.get(), place.name.c_str(), 0);
+        }
+        record_.drop(record.path, false);
+        syncLog("removed '" + record.path + "' from the mirror: it was removed on the service");
+        return false;
+      }
+      case Action::kForget:
+      default:
+        record_.drop(record.path, false);
+        if (facts.mirror == Side::kChanged) {
+          syncLog("kept '" + record.path +
+                  "' in the mirror although it was removed on the service: it changed here "
+                  "(commit it to bring it back)");
+        }
+        return false;
+    }
+  }
+  return false;
+}
+
+bool Commands::makeMirrorDirs(const std::string& rel) {
+  std::vector<std::string> names = splitNames(rel);
+  for (size_t i = 1; i <= names.size(); ++i) {
+    UniqueFd parent;
+    if (mirror_.openDir(joinNames(names, i - 1), parent) != 0) {
+      return false;
+    }
+    if (::mkdirat(parent.get(), names[i - 1].c_str(), kMirrorFolderMode) != 0 && errno != EEXIST) {
+      return false;
+    }
+  }
+  UniqueFd made;
+  return mirror_.openDir(rel, made) == 0;
+}
+
+void Commands::pruneMirrorFolder(const std::string& rel) {
+  UniqueFd folder;
+  if (rel.empty() || mirror_.openDir(rel, folder) != 0) {
+    return;
+  }
+  // Below first; links are never followed (openDir of a child that is a
+  // link would lead elsewhere: only real folders are walked).
+  UniqueFd readable(::openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (readable) {
+    std::vector<std::string> subfolders;
+    if (DIR* dir = ::fdopendir(::dup(readable.get()))) {
+      while (struct dirent* entry = ::readdir(dir)) {
+        std::string name = entry->d_name;
+        struct stat st;
+        if (name != "." && name != ".." &&
+            ::fstatat(readable.get(), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISDIR(st.st_mode)) {
+          subfolders.push_back(name);
+        }
+      }
+      ::closedir(dir);
+    }
+    for (const std::string& name : subfolders) {
+      pruneMirrorFolder(rel + "/" + name);
+    }
+  }
+  Place place;
+  if (mirror_.locate(rel, false, place.dir, place.name) == 0 &&
+      ::unlinkat(place.dir.get(), place.name.c_str(), AT_REMOVEDIR) == 0) {
+    syncLog("removed the folder '" + rel + "' from the mirror: it was removed on the service");
+  }
+}
+
+void Commands::reconcile(const std::string& folder, const std::vector<StoreEntry>& entries) {
+  std::vector<SyncRecord::Child> recorded = record_.children(folder);
+  if (recorded.empty()) {
+    return;
+  }
+  const std::string prefix = folder.empty() ? "" : folder + "/";
+  std::map<std::string, const StoreEntry*> listed;
+  for (const StoreEntry& entry : entries) {
+    listed[entry.name] = &entry;
+  }
+  // The recorded files that went, and the folders whose recorded files
+  // all went with them.
+  std::vector<RecordEntry> gone;
+  std::vector<std::string> goneFolders;
+  std::set<std::string> recordedNames;
+  for (const SyncRecord::Child& child : recorded) {
+    recordedNames.insert(child.name);
+    auto it = listed.find(child.name);
+    const std::string full = prefix + child.name;
+    if (child.file && (it == listed.end() || it->second->isDir)) {
+      RecordEntry record;
+      if (record_.get(full, record)) {
+        gone.push_back(record);
+      }
+    }
+    if (child.folder && (it == listed.end() || !it->second->isDir)) {
+      std::vector<RecordEntry> below = record_.below(full, false);
+      gone.insert(gone.end(), below.begin(), below.end());
+      goneFolders.push_back(full);
+    }
+  }
+  if (gone.empty()) {
+    return;
+  }
+  // Where did they go? A new name of this listing (or below a new folder
+  // of it) that carries a gone file's version is that file, moved.
+  std::map<std::string, std::string> newNameOf;  // version -> path
+  bool identities = std::any_of(gone.begin(), gone.end(),
+                                [](const RecordEntry& record) { return record.identity; });
+  size_t walked = 0;
+  std::function<void(const std::string&, const StoreEntry&, int)> visit;
+  visit = [&](const std::string& full, const StoreEntry& entry, int depth) {
+    if (++walked > kMaxWalkEntries) {
+      return;
+    }
+    if (!entry.isDir) {
+      StoreStat st = entry.stat;
+      if (entry.described || store_.stat(full, false, st).isOk()) {
+        if (st.identity && !st.version.empty() && !st.isLink) {
+          newNameOf.emplace(st.version, full);
+        }
+      }
+      return;
+    }
+    std::vector<StoreEntry> children;
+    if (depth >= kMaxWalkDepth || !store_.list(full, children).isOk()) {
+      return;
+    }
+    for (const StoreEntry& child : children) {
+      visit(full + "/" + child.name, child, depth + 1);
+    }
+  };
+  if (identities) {
+    for (const StoreEntry& entry : entries) {
+      if (recordedNames.count(entry.name) == 0) {
+        visit(prefix + entry.name, entry, 0);
+      }
+    }
+  }
+  std::vector<std::string> lockPaths;
+  std::map<std::string, std::string> moves;  // gone path -> new path
+  std::set<std::string> taken;
+  for (const RecordEntry& record : gone) {
+    lockPaths.push_back(record.path);
+    auto it = record.identity ? newNameOf.find(record.version) : newNameOf.end();
+    RecordEntry there;
+    if (it != newNameOf.end() && taken.insert(it->second).second &&
+        !record_.get(it->second, there)) {
+      moves[record.path] = it->second;
+      lockPaths.push_back(it->second);
+    }
+  }
+  for (const std::string& path : goneFolders) {
+    lockPaths.push_back(path);
+  }
+  PathLocks::Guard guard = locks_.lock(lockPaths);
+  for (const RecordEntry& listedRecord : gone) {
+    // Read again under the lock: a command may have changed it since.
+    RecordEntry record;
+    if (!record_.get(listedRecord.path, record)) {
+      continue;
+    }
+    StoreStat st;
+    if (store_.stat(record.path, false, st).code() != Status::Code::kNotFound) {
+      continue;  // back already
+    }
+    auto move = moves.find(record.path);
+    std::string to;
+    if (move != moves.end()) {
+      Place target;
+      if (mirror_.locate(move->second, false, target.dir, target.name) != 0 ||
+          ::fstatat(target.dir.get(), target.name.c_str(), &target.st, AT_SYMLINK_NOFOLLOW) != 0) {
+        to = move->second;  // free in the mirror
+      }
+    }
+    settleGone(record, to);
+  }
+  for (const std::string& path : goneFolders) {
+    StoreStat st;
+    if (store_.stat(path, false, st).code() == Status::Code::kNotFound) {
+      pruneMirrorFolder(path);
+    }
+  }
+}
+
+}  // namespace velagent
