@@ -124,4 +124,21 @@ TEST_F(InstanceTest, LocalListingDepthsAndDirectoryCreation) {
   EXPECT_EQ(-1, client->newDir("plain", 0775, false));
 }
 
+// chmod in local mode changes the mirror's own objects, never the target of
+// a link that stands in the mirror.
+TEST_F(InstanceTest, LocalChmodNeverFollowsALink) {
+  ASSERT_EQ(0, VEL::init({{"clientType", "Local"}}));
+  veltest::TempDir outside;
+  ASSERT_EQ(0, ::chmod(outside.path().c_str(), 0755));
+  ASSERT_EQ(0, ::symlink(outside.path().c_str(), root_.sub("d").c_str()));
+  EXPECT_EQ(0, VEL::mkdir_all("d", 0700));
+  EXPECT_EQ(-1, VEL::chmod("d", 0700));
+  EXPECT_EQ(0755, veltest::permissionsOf(outside.path()));
+  EXPECT_TRUE(log_.contains("ERROR [VEL] VELClientLocal::chmod(d, 448) Failed to chmod, errno=40"));
+
+  veltest::makeDirs(root_.sub("real"), 0755);  // the mirror's own folder does change
+  EXPECT_EQ(0, VEL::chmod("real", 0701));
+  EXPECT_EQ(0701, veltest::permissionsOf(root_.sub("real")));
+}
+
 }  // namespace

@@ -215,6 +215,24 @@ TEST_P(RemoteApiTest, DirectoryRenameKeepsTheSourceUntilTheWholeTreeMoved) {
   EXPECT_EQ(readFile(mirror("D/x")), "x");
 }
 
+// A folder that the mirror holds as a link to a folder elsewhere keeps its
+// target's mode when the service's folder gets one.
+TEST_P(RemoteApiTest, MkdirAllAndChmodThroughALinkKeepTheTargetsMode) {
+  TempDir outside;
+  ::chmod(outside.path().c_str(), 0755);
+  ASSERT_EQ(::symlink(outside.path().c_str(), mirror("d").c_str()), 0);
+  EXPECT_EQ(VEL::mkdir_all("d", 0700), 0);
+  EXPECT_EQ(permissionsOf(outside.path()), 0755);
+  EXPECT_EQ(storeMode("d"), 0700);
+
+  std::string out = stdoutOf([] { EXPECT_EQ(VEL::chmod("d", 0711), 0); });
+  EXPECT_EQ(permissionsOf(outside.path()), 0755);
+  EXPECT_EQ(storeMode("d"), 0711);
+  EXPECT_EQ(out.find("chmod local success"), std::string::npos) << out;
+  EXPECT_TRUE(logged("ERROR [TARN] VELClientTavora::chmod(d, 457) Kept the mode of " + mirror("d") +
+                     ", a symbolic link\n"));
+}
+
 // Set-user-ID, set-group-ID and sticky bits of the service stay out of the
 // mirror; the queries still report what the service said.
 TEST_P(RemoteApiTest, ServiceModesReachTheMirrorAsPermissionBitsOnly) {

@@ -10,6 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "base/dir_mode.h"
+#include "base/tree_depth.h"
+#include "vel/codeset.h"
 #include "vel/listing.h"
 #include "vel/log.h"
 #include "vel/mutations.h"
@@ -84,7 +87,7 @@ int32_t VELClientLocal::newDir(const std::string& path, uint32_t mode, bool recu
     if (::mkdir(local.c_str(), mode) != 0) {
       return -1;
     }
-    (void)::chmod(local.c_str(), mode);
+    (void)chmodDirectory(local.c_str(), mode);
     return 0;
   }
 
@@ -130,7 +133,8 @@ int32_t VELClientLocal::newDir(const std::string& path, uint32_t mode, bool recu
 
 int32_t VELClientLocal::chmod(const std::string& path, uint32_t mode) {
   std::string local = getMirrorPath(path);
-  int ret = ::chmod(local.c_str(), mode);
+  // A link in the mirror is refused (ELOOP), never followed.
+  int ret = chmodNoFollow(local.c_str(), mode);
   if (ret != 0) {
     getLogger()->log(kLogError, "[VEL] VELClientLocal::chmod(%s, %d) Failed to chmod, errno=%d",
                      path.c_str(), static_cast<int>(mode), errno);

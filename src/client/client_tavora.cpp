@@ -16,6 +16,7 @@
 #include <string>
 
 #include "api/push_tree.h"
+#include "base/dir_mode.h"
 #include "client/tavora_internal.h"
 #include "vel/client_config.h"
 #include "vel/log.h"
@@ -286,7 +287,7 @@ int32_t VELClientTavora::chmod(const std::string& path, uint32_t mode) {
 
     std::string local = getMirrorPath(path);
     struct stat st;
-    if (::stat(local.c_str(), &st) != 0) {
+    if (::lstat(local.c_str(), &st) != 0) {
       std::printf("chmod local fail, %s do not exist on local.\n", path.c_str());
       std::fflush(stdout);
       VEL_TAVORA_LOG(
@@ -295,7 +296,16 @@ int32_t VELClientTavora::chmod(const std::string& path, uint32_t mode) {
           path.c_str(), shownMode, kMissing);
       return kMissing;
     }
-    if (::chmod(local.c_str(), mode) != 0) {
+    if (S_ISLNK(st.st_mode)) {
+      // A link standing in the mirror for the service's node keeps its
+      // target's mode: the target may lie outside the mirror. The service
+      // has the mode, and that is the success reported.
+      VEL_TAVORA_LOG(kLogError,
+                     "[TARN] VELClientTavora::chmod(%s, %d) Kept the mode of %s, a symbolic link",
+                     path.c_str(), shownMode, local.c_str());
+      return 0;
+    }
+    if (chmodNoFollow(local.c_str(), mode) != 0) {
       VEL_TAVORA_LOG(kLogError,
                      "[TARN] VELClientTavora::chmod(%s, %d) Failed to chmod on local server, "
                      "std::chmod errno=%d",
