@@ -233,6 +233,18 @@ TEST_P(RemoteApiTest, MkdirAllAndChmodThroughALinkKeepTheTargetsMode) {
                      ", a symbolic link\n"));
 }
 
+// The service's folder gets its mode even when the mirror's cannot be made
+// (something that is neither file nor folder holds the name).
+TEST_P(RemoteApiTest, NewDirSetsTheServiceModeWhenTheMirrorFolderFails) {
+  ASSERT_EQ(::mkfifo(mirror("pipe").c_str(), 0600), 0);
+  EXPECT_EQ(VEL::mkdir("pipe", 0701), -1);
+  EXPECT_EQ(storeMode("pipe"), 0701);
+  EXPECT_TRUE(inOrder({"tarn.createinfo TestService pipe dir", "tarn.chmod TestService 449 pipe"}));
+  struct stat st;
+  ASSERT_EQ(::lstat(mirror("pipe").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISFIFO(st.st_mode));
+}
+
 // Set-user-ID, set-group-ID and sticky bits of the service stay out of the
 // mirror; the queries still report what the service said.
 TEST_P(RemoteApiTest, ServiceModesReachTheMirrorAsPermissionBitsOnly) {

@@ -343,11 +343,12 @@ int32_t VELClientTavora::delDir(const std::string& path, bool /*flag*/) {
 
 // Creates the directory on the service, then in the mirror from a record
 // made here (no metadata round trip for it), then sets the mode on both
-// sides. The agent accepts an existing directory silently, so the service is
-// asked first whether it already holds one: then the result is -12
-// ("already exists"), which callers treat as success or as "exists" as
-// they need. The recursive flag is not needed: the service creates missing
-// levels and the mirror sync fetches them.
+// sides; on the service also when the mirror's directory could not be made.
+// The agent accepts an existing directory silently, so the service is asked
+// first whether it already holds one: then the result is -12 ("already
+// exists"), which callers treat as success or as "exists" as they need. The
+// recursive flag is not needed: the service creates missing levels and the
+// mirror sync fetches them.
 int32_t VELClientTavora::newDir(const std::string& path, uint32_t mode, bool /*recursive*/) {
   return guarded("newDir", [&]() -> int32_t {
     std::unique_ptr<TarnClient> client = TarnGetClient();
@@ -383,9 +384,13 @@ int32_t VELClientTavora::newDir(const std::string& path, uint32_t mode, bool /*r
       VEL_TAVORA_LOG(kLogError,
                      "[VEL] VELClientTavora::newDir() Failed to create local dir:%s, errCode=%d",
                      path.c_str(), synced);
+    }
+    // The service's folder gets its mode even when the mirror's could not
+    // be made; the mirror's failure is then what the caller hears.
+    int32_t changed = chmod(path, mode);
+    if (synced != 0) {
       return synced;
     }
-    int32_t changed = chmod(path, mode);
     if (changed != 0) {
       return changed;
     }
