@@ -215,6 +215,29 @@ TEST_P(RemoteApiTest, DirectoryRenameKeepsTheSourceUntilTheWholeTreeMoved) {
   EXPECT_EQ(readFile(mirror("D/x")), "x");
 }
 
+// A mirror link standing for a service directory is not pushed, so the
+// service lacks that directory under the new name: the source stays.
+TEST_P(RemoteApiTest, DirectoryRenameThroughALinkedFolderKeepsTheSource) {
+  storeFile("proj/a.txt", "a");
+  storeFile("proj/big/f.txt", "big f");
+  makeDirs(mirror("proj"), 0750);
+  makeDirs(mirror("other"), 0750);
+  ASSERT_EQ(::symlink("../other", mirror("proj/big").c_str()), 0);
+
+  EXPECT_EQ(VEL::rename("proj", "proj2"), -1);
+  EXPECT_EQ(readFile(store("proj/big/f.txt")), "big f");
+  EXPECT_EQ(readFile(store("proj/a.txt")), "a");
+  EXPECT_EQ(countOf("tarn.remove"), 0u);
+  EXPECT_TRUE(
+      logged("ERROR [TARN] VELClientTavora::RenameDir() proj/big/ is not on the service "
+             "under proj2, proj is kept there\n"));
+
+  // The mirror moved as a whole, the link with it.
+  struct stat st;
+  ASSERT_EQ(::lstat(mirror("proj2/big").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
+}
+
 // A folder that the mirror holds as a link to a folder elsewhere keeps its
 // target's mode when the service's folder gets one.
 TEST_P(RemoteApiTest, MkdirAllAndChmodThroughALinkKeepTheTargetsMode) {

@@ -213,7 +213,8 @@ int32_t VELClientTavora::renameCache(const std::string& src, const std::string& 
 // uploaded under its new name, and only then removed under its old name on
 // the service, so that the service never lacks a copy. Both walks are the
 // strict ones: a node that did not reach the mirror, or an upload that
-// failed, stops the rename before anything is removed.
+// failed, stops the rename before anything is removed; and so does a node
+// that the service has under the old name but not under the new one.
 int32_t VELClientTavora::RenameDir(const std::string& src, const std::string& dst) {
   return guarded("RenameDir", [&]() -> int32_t {
     VEL_TAVORA_LOG(kLogError, "[TARN] VELClientTavora::RenameDir() move:%s->%s", src.c_str(),
@@ -247,6 +248,26 @@ int32_t VELClientTavora::RenameDir(const std::string& src, const std::string& ds
     rtn = pushTree(this, dst, true, true);
     if (rtn != 0) {
       VEL_TAVORA_LOG(kLogError, "[TARN] VELClientTavora::RenameDir() syncToServer failed(%d)", rtn);
+      return rtn;
+    }
+    // The push skips what it must not follow (a link standing in the mirror
+    // for a service directory), so the service itself is asked whether it
+    // now holds the whole tree under the new name.
+    const std::string cleanedDst = normalizePath(dst, true, '/');
+    std::string missing;
+    rtn = holdsTreeUnder(cleanedSrc, cleanedDst, missing);
+    if (rtn != 0) {
+      if (!missing.empty()) {
+        VEL_TAVORA_LOG(kLogError,
+                       "[TARN] VELClientTavora::RenameDir() %s is not on the service under %s, %s "
+                       "is kept there",
+                       missing.c_str(), cleanedDst.c_str(), cleanedSrc.c_str());
+      } else {
+        VEL_TAVORA_LOG(kLogError,
+                       "[TARN] VELClientTavora::RenameDir() Failed to compare %s with %s on the "
+                       "service (%d), %s is kept there",
+                       cleanedSrc.c_str(), cleanedDst.c_str(), rtn, cleanedSrc.c_str());
+      }
       return rtn;
     }
     rtn = delTree(src.c_str(), "UTF-8");
