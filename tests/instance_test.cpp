@@ -124,6 +124,34 @@ TEST_F(InstanceTest, LocalListingDepthsAndDirectoryCreation) {
   EXPECT_EQ(-1, client->newDir("plain", 0775, false));
 }
 
+// Links are listed, never descended, and the walk keeps to the tree
+// bounds, so links back into the tree (l1 -> ., l2 -> .) end the listing.
+TEST_F(InstanceTest, LocalListingDoesNotDescendLinksAndKeepsToTheTreeBounds) {
+  ASSERT_EQ(0, VEL::init({{"clientType", "Local"}}));
+  veltest::makeDirs(root_.sub("x/s"));
+  veltest::writeFile(root_.sub("x/f"), "x");
+  ASSERT_EQ(0, ::symlink(".", root_.sub("x/l1").c_str()));
+  ASSERT_EQ(0, ::symlink(".", root_.sub("x/l2").c_str()));
+  const Names flat = {"x/f", "x/l1", "x/l2", "x/s"};
+  ASSERT_EQ(flat, list("x", 6));
+  EXPECT_EQ(flat, list("x", 0));
+  EXPECT_EQ(flat, list("x", -1));
+
+  veltest::makeDirs(root_.sub("deep/1/2/3/4"));
+  {
+    veltest::ScopedEnv depth("VEL_MAX_TREE_DEPTH", "2");
+    EXPECT_EQ((Names{"deep/1", "deep/1/2"}), list("deep", 0));
+    EXPECT_EQ((Names{"deep/1", "deep/1/2"}), list("deep", 9));
+  }
+  EXPECT_TRUE(
+      log_.contains("ERROR [VEL] listDir: Stopped at the depth bound 2, not listed: deep/1/2\n"));
+  {
+    veltest::ScopedEnv entries("VEL_MAX_TREE_ENTRIES", "3");
+    EXPECT_EQ(3u, list("deep", 0).size());
+  }
+  EXPECT_TRUE(log_.contains("ERROR [VEL] listDir: Stopped at the entry bound 3, in: deep/1/2/3\n"));
+}
+
 // chmod in local mode changes the mirror's own objects, never the target of
 // a link that stands in the mirror.
 TEST_F(InstanceTest, LocalChmodNeverFollowsALink) {
