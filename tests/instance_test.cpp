@@ -169,4 +169,21 @@ TEST_F(InstanceTest, LocalChmodNeverFollowsALink) {
   EXPECT_EQ(0701, veltest::permissionsOf(root_.sub("real")));
 }
 
+// A mirror root that does not exist yet is made (0750, with its missing
+// parents) before the module folders, so that the first file can be made.
+TEST_F(InstanceTest, AMissingMirrorRootIsMadeWithItsParents) {
+  const std::string fresh = root_.sub("not/yet/there");
+  veltest::ScopedEnv env("TARN_ROOT_DIR", fresh.c_str());
+  ASSERT_EQ(0, VEL::init({{"clientType", "Local"}}));
+  EXPECT_EQ(0750, veltest::permissionsOf(root_.sub("not")));
+  EXPECT_EQ(0750, veltest::permissionsOf(fresh));
+  EXPECT_EQ(0750, veltest::permissionsOf(fresh + "/corea"));
+  EXPECT_EQ(0u, log_.lines(" is not exist, create it. ret:-1"));
+  FILE* file = VEL::fopen("a.txt", "w");
+  ASSERT_NE(nullptr, file);
+  EXPECT_EQ(3u, std::fwrite("new", 1, 3, file));
+  EXPECT_EQ(0, VEL::fclose(file));
+  EXPECT_EQ("new", veltest::readFile(fresh + "/a.txt"));
+}
+
 }  // namespace
