@@ -124,4 +124,66 @@ TEST_F(InstanceTest, LocalListingDepthsAndDirectoryCreation) {
   EXPECT_EQ(-1, client->newDir("plain", 0775, false));
 }
 
+// Links are listed, never descended, and the walk keeps to the tree
+// bounds, so links back into the tree (l1 -> ., l2 -> .) end the listing.
+TEST_F(InstanceTest, LocalListingDoesNotDescendLinksAndKeepsToTheTreeBounds) {
+  ASSERT_EQ(0, VEL::init({{"clientType", "Local"}}));
+  veltest::makeDirs(root_.sub("x/s"));
+  veltest::writeFile(root_.sub("x/f"), "x");
+  ASSERT_EQ(0, ::symlink(".", root_.sub("x/l1").c_str()));
+  ASSERT_EQ(0, ::symlink(".", root_.sub("x/l2").c_str()));
+  const Names flat = {"x/f", "x/l1", "x/l2", "x/s"};
+  ASSERT_EQ(flat, list("x", 6));
+  EXPECT_EQ(flat, list("x", 0));
+  EXPECT_EQ(flat, list("x", -1));
+
+  veltest::makeDirs(root_.sub("deep/1/2/3/4"));
+  {
+    veltest::ScopedEnv depth("VEL_MAX_TREE_DEPTH", "2");
+    EXPECT_EQ((Names{"deep/1", "deep/1/2"}), list("deep", 0));
+    EXPECT_EQ((Names{"deep/1", "deep/1/2"}), list("deep", 9));
+  }
+  EXPECT_TRUE(
+      log_.contains("ERROR [VEL] listDir: Stopped at the depth bound 2, not listed: deep/1/2\n"));
+  {
+    veltest::ScopedEnv entries("VEL_MAX_TREE_ENTRIES", "3");
+    EXPECT_EQ(3u, list("deep", 0).size());
+  }
+  EXPECT_TRUE(log_.contains("ERROR [VEL] listDir: Stopped at the entry bound 3, in: deep/1/2/3\n"));
+}
+
+// chmod in local mode changes the mirror's own objects, never the target of
+// a link that stands in the mirror.
+TEST_F(InstanceTest, LocalChmodNeverFollowsALink) {
+  ASSERT_EQ(0, VEL::init({{"clientType", "Local"}}));
+  veltest::TempDir outside;
+  ASSERT_EQ(0, ::chmod(outside.path().c_str(), 0755));
+  ASSERT_EQ(0, ::symlink(outside.path().c_str(), root_.sub("d").c_str()));
+  EXPECT_EQ(0, VEL::mkdir_all("d", 0700));
+  EXPECT_EQ(-1, VEL::chmod("d", 0700));
+  EXPECT_EQ(0755, veltest::permissionsOf(outside.path()));
+  EXPECT_TRUE(log_.contains("ERROR [VEL] VELClientLocal::chmod(d, 448) Failed to chmod, errno=40"));
+
+  veltest::makeDirs(root_.sub("real"), 0755);  // the mirror's own folder does change
+  EXPECT_EQ(0, VEL::chmod("real", 0701));
+  EXPECT_EQ(0701, veltest::permissionsOf(root_.sub("real")));
+}
+
+// A mirror root that does not exist yet is made (0750, with its missing
+// parents) before the module folders, so that the first file can be made.
+TEST_F(InstanceTest, AMissingMirrorRootIsMadeWithItsParents) {
+  const std::string fresh = root_.sub("not/yet/there");
+  veltest::ScopedEnv env("TARN_ROOT_DIR", fresh.c_str());
+  ASSERT_EQ(0, VEL::init({{"clientType", "Local"}}));
+  EXPECT_EQ(0750, veltest::permissionsOf(root_.sub("not")));
+  EXPECT_EQ(0750, veltest::permissionsOf(fresh));
+  EXPECT_EQ(0750, veltest::permissionsOf(fresh + "/corea"));
+  EXPECT_EQ(0u, log_.lines(" is not exist, create it. ret:-1"));
+  FILE* file = VEL::fopen("a.txt", "w");
+  ASSERT_NE(nullptr, file);
+  EXPECT_EQ(3u, std::fwrite("new", 1, 3, file));
+  EXPECT_EQ(0, VEL::fclose(file));
+  EXPECT_EQ("new", veltest::readFile(fresh + "/a.txt"));
+}
+
 }  // namespace

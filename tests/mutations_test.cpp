@@ -220,6 +220,14 @@ TEST_F(MutationTest, LocalPermissions) {
   EXPECT_EQ(0, VEL::updateLocalPermission(root_.sub("f"), 01640));  // never equal: applied again
   EXPECT_EQ(3u, log_.lines("updateLocalPermission: Change permission:"));
   EXPECT_EQ(-1, VEL::updateLocalPermission(root_.sub("gone"), 0600));
+
+  // A link is refused, whatever it leads to: its target keeps its mode.
+  veltest::TempDir outside;
+  ASSERT_EQ(0, ::chmod(outside.path().c_str(), 0755));
+  ASSERT_EQ(0, ::symlink(outside.path().c_str(), root_.sub("link").c_str()));
+  EXPECT_EQ(-1, VEL::setLocalPermission(root_.sub("link"), 0700));
+  EXPECT_EQ(-1, VEL::updateLocalPermission(root_.sub("link"), 0700));
+  EXPECT_EQ(0755, veltest::permissionsOf(outside.path()));
 }
 
 }  // namespace

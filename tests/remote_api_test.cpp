@@ -215,6 +215,59 @@ TEST_P(RemoteApiTest, DirectoryRenameKeepsTheSourceUntilTheWholeTreeMoved) {
   EXPECT_EQ(readFile(mirror("D/x")), "x");
 }
 
+// A mirror link standing for a service directory is not pushed, so the
+// service lacks that directory under the new name: the source stays.
+TEST_P(RemoteApiTest, DirectoryRenameThroughALinkedFolderKeepsTheSource) {
+  storeFile("proj/a.txt", "a");
+  storeFile("proj/big/f.txt", "big f");
+  makeDirs(mirror("proj"), 0750);
+  makeDirs(mirror("other"), 0750);
+  ASSERT_EQ(::symlink("../other", mirror("proj/big").c_str()), 0);
+
+  EXPECT_EQ(VEL::rename("proj", "proj2"), -1);
+  EXPECT_EQ(readFile(store("proj/big/f.txt")), "big f");
+  EXPECT_EQ(readFile(store("proj/a.txt")), "a");
+  EXPECT_EQ(countOf("tarn.remove"), 0u);
+  EXPECT_TRUE(
+      logged("ERROR [TARN] VELClientTavora::RenameDir() proj/big/ is not on the service "
+             "under proj2, proj is kept there\n"));
+
+  // The mirror moved as a whole, the link with it.
+  struct stat st;
+  ASSERT_EQ(::lstat(mirror("proj2/big").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
+}
+
+// A folder that the mirror holds as a link to a folder elsewhere keeps its
+// target's mode when the service's folder gets one.
+TEST_P(RemoteApiTest, MkdirAllAndChmodThroughALinkKeepTheTargetsMode) {
+  TempDir outside;
+  ::chmod(outside.path().c_str(), 0755);
+  ASSERT_EQ(::symlink(outside.path().c_str(), mirror("d").c_str()), 0);
+  EXPECT_EQ(VEL::mkdir_all("d", 0700), 0);
+  EXPECT_EQ(permissionsOf(outside.path()), 0755);
+  EXPECT_EQ(storeMode("d"), 0700);
+
+  std::string out = stdoutOf([] { EXPECT_EQ(VEL::chmod("d", 0711), 0); });
+  EXPECT_EQ(permissionsOf(outside.path()), 0755);
+  EXPECT_EQ(storeMode("d"), 0711);
+  EXPECT_EQ(out.find("chmod local success"), std::string::npos) << out;
+  EXPECT_TRUE(logged("ERROR [TARN] VELClientTavora::chmod(d, 457) Kept the mode of " + mirror("d") +
+                     ", a symbolic link\n"));
+}
+
+// The service's folder gets its mode even when the mirror's cannot be made
+// (something that is neither file nor folder holds the name).
+TEST_P(RemoteApiTest, NewDirSetsTheServiceModeWhenTheMirrorFolderFails) {
+  ASSERT_EQ(::mkfifo(mirror("pipe").c_str(), 0600), 0);
+  EXPECT_EQ(VEL::mkdir("pipe", 0701), -1);
+  EXPECT_EQ(storeMode("pipe"), 0701);
+  EXPECT_TRUE(inOrder({"tarn.createinfo TestService pipe dir", "tarn.chmod TestService 449 pipe"}));
+  struct stat st;
+  ASSERT_EQ(::lstat(mirror("pipe").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISFIFO(st.st_mode));
+}
+
 // Set-user-ID, set-group-ID and sticky bits of the service stay out of the
 // mirror; the queries still report what the service said.
 TEST_P(RemoteApiTest, ServiceModesReachTheMirrorAsPermissionBitsOnly) {

@@ -67,7 +67,8 @@ class VEL_API VELClient {
 
   // Slot 0: keeps a non-owning pointer to the configuration.
   virtual int32_t attachConfig(VELClientConfig* config);
-  // Slot 1: creates the 19 module directories under the mirror root (0750);
+  // Slot 1: creates the mirror root when it is missing (0750, with its
+  // missing parents), then the 19 module directories under it (0750);
   // returns 0 or the result of the last failed mkdir.
   virtual int32_t createRoot();
   // Slots 2..4: life-cycle hooks; finish() calls stop() then release().

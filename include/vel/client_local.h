@@ -22,7 +22,9 @@ class VEL_API VELClientLocal : public VELClient {
   int32_t removeObjectOnRemote(const std::string&) override { return 0; }
   int32_t syncTreeFromRemote(const std::string&) override { return 0; }
   // Lists files and directories below the path, up to maxDepth levels
-  // (65535 when maxDepth < 1); -11 when missing, -16 for a regular file.
+  // (65535 when maxDepth < 1), within the tree bounds VEL_MAX_TREE_DEPTH
+  // and VEL_MAX_TREE_ENTRIES (where it stops is logged). Symbolic links are
+  // listed, never descended. -11 when missing, -16 for a regular file.
   int32_t listDir(const std::string& path, int32_t maxDepth, bool filesOnly,
                   std::list<std::string>& names) override;
   int32_t newDir(const std::string& path, uint32_t mode, bool recursive) override;

@@ -20,9 +20,11 @@
 // logged. Modes from the service are applied to the mirror with their
 // permission bits (0777) only; the queries report them as the service sent
 // them. RenameDir removes the source on the service only after every node
-// below it reached the mirror and every upload under the new name
-// succeeded; otherwise it returns the first failure (-1 for a local one or
-// the depth bound) and the service keeps the source.
+// below it reached the mirror, every upload under the new name succeeded
+// and the service lists every node it has below the source below the
+// destination too (a mirror link standing for a directory is not uploaded);
+// otherwise it returns the first failure (-1 for a local one, the depth
+// bound or a node the destination lacks) and the service keeps the source.
 #ifndef VEL_CLIENT_TAVORA_H_
 #define VEL_CLIENT_TAVORA_H_
 
@@ -90,6 +92,12 @@ class VEL_API VELClientTavora : public VELClient {
   // The strict walk that fetches every node below `path`: 0 only when all
   // of them reached the mirror.
   int32_t pullTree(const std::string& path);
+  // Whether the service holds below `dst` every node it holds below `src`
+  // (the same relative name and kind), by two strict name walks: 0 when it
+  // does; -1 with the first node it lacks (its path below `src`, a
+  // directory ending in "/") in `missing`; or the status of a walk that
+  // failed or reached a bound.
+  int32_t holdsTreeUnder(const std::string& src, const std::string& dst, std::string& missing);
   // "tarn.move" (or "tarn.move_cache" with `cache`) of src to dst.
   int32_t moveOnRemote(const std::string& src, const std::string& dst, bool cache);
   // "tarn.remove" of one node, or of a whole tree with `tree`.

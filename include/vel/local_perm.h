@@ -17,7 +17,7 @@ namespace VEL {
 VEL_API int32_t safeRemoveLocalObj(const std::string& path);
 // st_mode & 0777, or -1.
 VEL_API int32_t getLocalPermission(const std::string& path);
-// 0 or -1.
+// 0 or -1; -1 for a symbolic link, which is neither followed nor changed.
 VEL_API int32_t setLocalPermission(const std::string& path, uint32_t mode);
 // 0 when the bits already match, else setLocalPermission's result.
 VEL_API int32_t updateLocalPermission(const std::string& path, uint32_t mode);

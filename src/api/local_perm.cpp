@@ -9,6 +9,7 @@
 #include <string>
 
 #include "api/local_perm_internal.h"
+#include "base/dir_mode.h"
 #include "base/safe_str.h"
 #include "vel/log.h"
 
@@ -101,7 +102,8 @@ int32_t getLocalPermission(const std::string& path) {
 }
 
 int32_t setLocalPermission(const std::string& path, uint32_t mode) {
-  int ret = ::chmod(path.c_str(), mode);
+  // Never through a link: its target may lie outside the mirror.
+  int ret = chmodNoFollow(path.c_str(), mode);
   if (ret != 0) {
     getLogger()->log(kLogError, "[VEL] setLocalPermission: Failed to set Permission:%s %d",
                      path.c_str(), ret);

@@ -23,7 +23,9 @@ namespace VEL {
 // Strict: the first failing entry ends the walk with its status; an entry
 // that cannot be read, a directory at the depth bound or the entry bound
 // ends it with -1.
-// Only 0 then means that all of the tree reached the service.
+// Only 0 then means that all of the tree reached the service, except the
+// symbolic links, which are skipped in both ways: a caller that must know
+// the service holds everything asks the service.
 int32_t pushTree(VELClient* client, const std::string& path, bool recursive, bool strict);
 
 }  // namespace VEL

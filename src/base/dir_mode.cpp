@@ -39,4 +39,38 @@ int chmodDirectory(const char* path, mode_t mode) {
   return ::chmod(path, mode);
 }
 
+int chmodNoFollow(const char* path, mode_t mode) {
+  if (path == nullptr) {
+    errno = EFAULT;
+    return -1;
+  }
+  struct stat st;
+  if (::lstat(path, &st) != 0) {
+    return -1;
+  }
+  if (S_ISLNK(st.st_mode)) {
+    errno = ELOOP;
+    return -1;
+  }
+  if (S_ISDIR(st.st_mode)) {
+    return chmodDirectory(path, mode);
+  }
+  // Anything else is changed without following a link that replaced it
+  // meanwhile: the C library refuses a link here (EOPNOTSUPP), which is
+  // reported as the link it is.
+  if (::fchmodat(AT_FDCWD, path, mode, AT_SYMLINK_NOFOLLOW) == 0) {
+    return 0;
+  }
+  if (errno != EOPNOTSUPP && errno != ENOTSUP) {
+    return -1;
+  }
+  if (::lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) {
+    errno = ELOOP;
+    return -1;
+  }
+  // Without /proc the C library cannot change a file by name without
+  // following: the object was no link a moment ago.
+  return ::chmod(path, mode);
+}
+
 }  // namespace VEL

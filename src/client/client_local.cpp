@@ -10,6 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "base/dir_mode.h"
+#include "base/tree_depth.h"
+#include "vel/codeset.h"
 #include "vel/listing.h"
 #include "vel/log.h"
 #include "vel/mutations.h"
@@ -27,17 +30,30 @@ std::string childPath(const std::string& dir, const char* name) {
   return dir.empty() ? std::string(name) : dir + "/" + name;
 }
 
+// What one listing may still do: the entries it may still visit, and the
+// bounds it logs when it stops at them.
+struct WalkBounds {
+  int32_t maxDepth;  // the tree depth bound, for the log
+  int64_t maxEntries;
+  int64_t budget;
+};
+
 // Lists one directory (service path) into `names`, then walks the
-// subdirectories it noted, each with one level less.
-void walkDir(const std::string& dir, int32_t depth, std::list<std::string>& names) {
+// subdirectories it noted, each with one level less. A symbolic link is
+// listed but never descended, whatever it leads to, so that a link back
+// into the tree (l -> .) cannot keep the walk going. False once the entry
+// bound is reached: the walk ends there.
+bool walkDir(const std::string& dir, int32_t depth, bool boundedByTree, WalkBounds& bounds,
+             std::list<std::string>& names) {
   VEL_DIR* handle = VEL::opendir(dir.c_str(), kUtf8);
   if (handle == nullptr) {
-    return;
+    return true;
   }
   std::vector<std::string> subDirs;
   struct dirent entry;
   std::memset(&entry, 0, sizeof(entry));
   struct dirent* result = nullptr;
+  bool more = true;
   while (VEL::readdir_r(handle, &entry, &result, kUtf8) == 0 && result != nullptr) {
     if (std::strcmp(result->d_name, ".") == 0 || std::strcmp(result->d_name, "..") == 0) {
       continue;
@@ -47,15 +63,33 @@ void walkDir(const std::string& dir, int32_t depth, std::list<std::string>& name
     if (VEL::stat(path.c_str(), &st, kUtf8) != 0) {
       continue;
     }
+    if (bounds.budget-- <= 0) {
+      getLogger()->log(kLogError, "[VEL] listDir: Stopped at the entry bound %lld, in: %s",
+                       static_cast<long long>(bounds.maxEntries), dir.c_str());
+      more = false;
+      break;
+    }
     names.push_back(path);
-    if (S_ISDIR(st.st_mode) && depth > 1) {
+    struct stat own;
+    if (!S_ISDIR(st.st_mode) || handleLstat(getMirrorPath(path).c_str(), &own, kUtf8) != 0 ||
+        S_ISLNK(own.st_mode)) {
+      continue;
+    }
+    if (depth > 1) {
       subDirs.push_back(path);
+    } else if (boundedByTree) {
+      getLogger()->log(kLogError, "[VEL] listDir: Stopped at the depth bound %d, not listed: %s",
+                       bounds.maxDepth, path.c_str());
     }
   }
   VEL::closedir(handle);
   for (const std::string& sub : subDirs) {
-    walkDir(sub, depth - 1, names);
+    if (!more) {
+      break;
+    }
+    more = walkDir(sub, depth - 1, boundedByTree, bounds, names);
   }
+  return more;
 }
 
 }  // namespace
@@ -73,8 +107,17 @@ int32_t VELClientLocal::listDir(const std::string& path, int32_t maxDepth, bool 
     getLogger()->log(kLogDebug, "[VEL] listDir: not a dir:%s", local.c_str());
     return -16;
   }
+  // The caller's depth, but never deeper than the tree depth bound; and no
+  // more entries than the entry bound.
+  int32_t depth = maxDepth >= 1 ? maxDepth : kUnlimitedDepth;
+  WalkBounds bounds{maxTreeDepth(), maxTreeEntries(), 0};
+  bounds.budget = bounds.maxEntries;
+  const bool boundedByTree = depth > bounds.maxDepth;
+  if (boundedByTree) {
+    depth = bounds.maxDepth;
+  }
   // Entries are named below the cleaned path ("a/b", not "/a//b").
-  walkDir(normalizePath(path, true, '/'), maxDepth >= 1 ? maxDepth : kUnlimitedDepth, names);
+  walkDir(normalizePath(path, true, '/'), depth, boundedByTree, bounds, names);
   return 0;
 }
 
@@ -84,7 +127,7 @@ int32_t VELClientLocal::newDir(const std::string& path, uint32_t mode, bool recu
     if (::mkdir(local.c_str(), mode) != 0) {
       return -1;
     }
-    (void)::chmod(local.c_str(), mode);
+    (void)chmodDirectory(local.c_str(), mode);
     return 0;
   }
 
@@ -130,7 +173,8 @@ int32_t VELClientLocal::newDir(const std::string& path, uint32_t mode, bool recu
 
 int32_t VELClientLocal::chmod(const std::string& path, uint32_t mode) {
   std::string local = getMirrorPath(path);
-  int ret = ::chmod(local.c_str(), mode);
+  // A link in the mirror is refused (ELOOP), never followed.
+  int ret = chmodNoFollow(local.c_str(), mode);
   if (ret != 0) {
     getLogger()->log(kLogError, "[VEL] VELClientLocal::chmod(%s, %d) Failed to chmod, errno=%d",
                      path.c_str(), static_cast<int>(mode), errno);

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "api/push_tree.h"
+#include "base/dir_mode.h"
 #include "client/tavora_internal.h"
 #include "vel/client_config.h"
 #include "vel/log.h"
@@ -212,7 +213,8 @@ int32_t VELClientTavora::renameCache(const std::string& src, const std::string& 
 // uploaded under its new name, and only then removed under its old name on
 // the service, so that the service never lacks a copy. Both walks are the
 // strict ones: a node that did not reach the mirror, or an upload that
-// failed, stops the rename before anything is removed.
+// failed, stops the rename before anything is removed; and so does a node
+// that the service has under the old name but not under the new one.
 int32_t VELClientTavora::RenameDir(const std::string& src, const std::string& dst) {
   return guarded("RenameDir", [&]() -> int32_t {
     VEL_TAVORA_LOG(kLogError, "[TARN] VELClientTavora::RenameDir() move:%s->%s", src.c_str(),
@@ -246,6 +248,26 @@ int32_t VELClientTavora::RenameDir(const std::string& src, const std::string& ds
     rtn = pushTree(this, dst, true, true);
     if (rtn != 0) {
       VEL_TAVORA_LOG(kLogError, "[TARN] VELClientTavora::RenameDir() syncToServer failed(%d)", rtn);
+      return rtn;
+    }
+    // The push skips what it must not follow (a link standing in the mirror
+    // for a service directory), so the service itself is asked whether it
+    // now holds the whole tree under the new name.
+    const std::string cleanedDst = normalizePath(dst, true, '/');
+    std::string missing;
+    rtn = holdsTreeUnder(cleanedSrc, cleanedDst, missing);
+    if (rtn != 0) {
+      if (!missing.empty()) {
+        VEL_TAVORA_LOG(kLogError,
+                       "[TARN] VELClientTavora::RenameDir() %s is not on the service under %s, %s "
+                       "is kept there",
+                       missing.c_str(), cleanedDst.c_str(), cleanedSrc.c_str());
+      } else {
+        VEL_TAVORA_LOG(kLogError,
+                       "[TARN] VELClientTavora::RenameDir() Failed to compare %s with %s on the "
+                       "service (%d), %s is kept there",
+                       cleanedSrc.c_str(), cleanedDst.c_str(), rtn, cleanedSrc.c_str());
+      }
       return rtn;
     }
     rtn = delTree(src.c_str(), "UTF-8");
@@ -286,7 +308,7 @@ int32_t VELClientTavora::chmod(const std::string& path, uint32_t mode) {
 
     std::string local = getMirrorPath(path);
     struct stat st;
-    if (::stat(local.c_str(), &st) != 0) {
+    if (::lstat(local.c_str(), &st) != 0) {
       std::printf("chmod local fail, %s do not exist on local.\n", path.c_str());
       std::fflush(stdout);
       VEL_TAVORA_LOG(
@@ -295,7 +317,16 @@ int32_t VELClientTavora::chmod(const std::string& path, uint32_t mode) {
           path.c_str(), shownMode, kMissing);
       return kMissing;
     }
-    if (::chmod(local.c_str(), mode) != 0) {
+    if (S_ISLNK(st.st_mode)) {
+      // A link standing in the mirror for the service's node keeps its
+      // target's mode: the target may lie outside the mirror. The service
+      // has the mode, and that is the success reported.
+      VEL_TAVORA_LOG(kLogError,
+                     "[TARN] VELClientTavora::chmod(%s, %d) Kept the mode of %s, a symbolic link",
+                     path.c_str(), shownMode, local.c_str());
+      return 0;
+    }
+    if (chmodNoFollow(local.c_str(), mode) != 0) {
       VEL_TAVORA_LOG(kLogError,
                      "[TARN] VELClientTavora::chmod(%s, %d) Failed to chmod on local server, "
                      "std::chmod errno=%d",
@@ -333,11 +364,12 @@ int32_t VELClientTavora::delDir(const std::string& path, bool /*flag*/) {
 
 // Creates the directory on the service, then in the mirror from a record
 // made here (no metadata round trip for it), then sets the mode on both
-// sides. The agent accepts an existing directory silently, so the service is
-// asked first whether it already holds one: then the result is -12
-// ("already exists"), which callers treat as success or as "exists" as
-// they need. The recursive flag is not needed: the service creates missing
-// levels and the mirror sync fetches them.
+// sides; on the service also when the mirror's directory could not be made.
+// The agent accepts an existing directory silently, so the service is asked
+// first whether it already holds one: then the result is -12 ("already
+// exists"), which callers treat as success or as "exists" as they need. The
+// recursive flag is not needed: the service creates missing levels and the
+// mirror sync fetches them.
 int32_t VELClientTavora::newDir(const std::string& path, uint32_t mode, bool /*recursive*/) {
   return guarded("newDir", [&]() -> int32_t {
     std::unique_ptr<TarnClient> client = TarnGetClient();
@@ -373,9 +405,13 @@ int32_t VELClientTavora::newDir(const std::string& path, uint32_t mode, bool /*r
       VEL_TAVORA_LOG(kLogError,
                      "[VEL] VELClientTavora::newDir() Failed to create local dir:%s, errCode=%d",
                      path.c_str(), synced);
+    }
+    // The service's folder gets its mode even when the mirror's could not
+    // be made; the mirror's failure is then what the caller hears.
+    int32_t changed = chmod(path, mode);
+    if (synced != 0) {
       return synced;
     }
-    int32_t changed = chmod(path, mode);
     if (changed != 0) {
       return changed;
     }

@@ -349,6 +349,38 @@ int32_t VELClientTavora::pullTree(const std::string& path) {
   });
 }
 
+int32_t VELClientTavora::holdsTreeUnder(const std::string& src, const std::string& dst,
+                                        std::string& missing) {
+  // Each walk's names after the first (the start itself) lie below it: its
+  // text and "/" (every listed entry is checked to be a direct child).
+  const auto relativeNames = [this](const std::string& top, std::set<std::string>& out) {
+    std::list<std::string> names;
+    int32_t rtn = walkTree(top, true, true, names);
+    const size_t cut = top.empty() ? 0 : top.size() + 1;
+    for (std::list<std::string>::iterator it = std::next(names.begin()); it != names.end(); ++it) {
+      out.insert(it->size() > cut ? it->substr(cut) : std::string());
+    }
+    return rtn;
+  };
+  std::set<std::string> below;
+  int32_t rtn = relativeNames(src, below);
+  if (rtn != 0) {
+    return rtn;
+  }
+  std::set<std::string> moved;
+  rtn = relativeNames(dst, moved);
+  if (rtn != 0) {
+    return rtn;
+  }
+  for (const std::string& name : below) {
+    if (moved.count(name) == 0) {
+      missing = src.empty() ? name : src + "/" + name;
+      return kLocalFailure;
+    }
+  }
+  return 0;
+}
+
 int32_t VELClientTavora::getSubDirOrFileList(const std::string& path, bool keepDirs, int32_t depth,
                                              bool namesOnly, std::list<std::string>& names) {
   return guarded("getSubDirOrFileList", [&]() -> int32_t {

@@ -1,9 +1,10 @@
 // The behaviour every back-end inherits: configuration attachment, the
-// mirror's module directories, the node-record factory, the open-file
-// registry and the client role table.
+// mirror root and its module directories, the node-record factory, the
+// open-file registry and the client role table.
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <new>
 #include <string>
@@ -31,6 +32,32 @@ constexpr RoleEntry kClientRoles[] = {{"Client", 1},  {"Storage", 4},   {"ROClie
 
 constexpr mode_t kModuleDirMode = 0750;
 
+// Makes `root` and each missing parent with mode 0750, from the top down.
+// 0 when it exists afterwards as a directory; else the failing mkdir's
+// result, logged.
+int32_t makeRootDirs(const std::string& root) {
+  struct stat st;
+  if (root.empty() || ::stat(root.c_str(), &st) == 0) {
+    return 0;
+  }
+  size_t from = root.find_first_not_of('/');
+  while (from != std::string::npos) {
+    const size_t end = root.find('/', from);
+    const std::string level = root.substr(0, end);
+    if (::stat(level.c_str(), &st) != 0) {
+      int ret = ::mkdir(level.c_str(), kModuleDirMode);
+      if (ret == 0) {
+        getLogger()->log(kLogDebug, "[VEL] %s is not exist, create it. ret:%d", level.c_str(), 0);
+      } else if (errno != EEXIST) {  // another process may have made it meanwhile
+        getLogger()->log(kLogError, "[VEL] %s is not exist, create it. ret:%d", level.c_str(), ret);
+        return ret;
+      }
+    }
+    from = end == std::string::npos ? end : root.find_first_not_of('/', end);
+  }
+  return 0;
+}
+
 }  // namespace
 
 int32_t VELClient::attachConfig(VELClientConfig* config) {
@@ -43,7 +70,9 @@ int32_t VELClient::createRoot() {
     getLogger()->log(kLogError, "[VEL] createRoot(): no configuration attached");
     return -1;
   }
-  int32_t result = 0;
+  // A root that does not exist yet is made first, with its missing
+  // parents, so that the module directories (and the first file) can be.
+  int32_t result = makeRootDirs(config_->velRoot);
   for (const char* name : kModuleDirs) {
     std::string path = config_->velRoot + "/" + name;
     if (::access(path.c_str(), F_OK) == 0) {
