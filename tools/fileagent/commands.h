@@ -97,18 +97,14 @@ class Commands {
   // being fetched again. The candidates' paths are locked by the caller.
   bool adoptMovedCopy(const std::string& clean, const StoreStat& st,
                       const std::vector<RecordEntry>& candidates);
-  // A file the mirror renamed by other means (same inode): moved on the
-  // service instead of being sent again, while the service still holds the
-  // old name at its recorded version.
-  bool moveRenamedCopy(const std::string& clean, const Place& copy,
-                       const std::vector<RecordEntry>& candidates);
   // After a listing of the folder `clean`: the recorded paths below it that
   // the service no longer shows leave the mirror, or follow a rename, where
   // no edit touched them.
   void reconcile(const std::string& clean, const std::vector<StoreEntry>& entries);
   // Removes the mirror copy of a recorded path that went from the service,
-  // or moves it to `to` (true), or forgets it (sync::decideGone).
-  bool settleGone(const RecordEntry& record, const std::string& to);
+  // or moves it to `to` (true), where the service holds the same content
+  // as `there`, or forgets it (sync::decideGone).
+  bool settleGone(const RecordEntry& record, const std::string& to, const StoreStat* there);
   // Makes the missing folders of `rel` in the mirror; false when one
   // cannot be made or is no folder.
   bool makeMirrorDirs(const std::string& rel);

@@ -19,8 +19,8 @@ constexpr const char* kCrashAfterRename = "after-rename";
 constexpr const char* kCrashAfterRecord = "after-record";
 
 struct ArmedFaults {
-  std::string crashAt;        // one of the points above, or ""
-  bool recordFails = false;   // every write of the sync record fails
+  std::string crashAt;       // one of the points above, or ""
+  bool recordFails = false;  // every write of the sync record fails
 };
 
 // Arms `faults` for the requests this thread serves until disarmed.

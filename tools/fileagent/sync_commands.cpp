@@ -93,6 +93,14 @@ void describeCopy(RecordEntry& entry, const struct stat& st) {
   entry.mirrorSettled = sync::mirrorStampSettled(st, sync::nowNanos());
 }
 
+// True when the service's file `st` is the content `record` vouched for,
+// wherever it now stands: the same version that names its content through
+// moves, or the same content hash noted on the service.
+bool carries(const StoreStat& st, const RecordEntry& record) {
+  return (st.identity && record.identity && !st.version.empty() && st.version == record.version) ||
+         (st.hashKnown && st.hash == record.hash && st.size == record.mirrorSize);
+}
+
 // The reply that refuses a change for a conflict, with the way out.
 Reply conflict(const std::string& path, bool madeElsewhere, const char* notDone) {
   std::string what = madeElsewhere ? "was made on the service with other content"
@@ -138,12 +146,21 @@ Reply Commands::download(const std::string& path) {
     if (!status.isOk()) {
       return lookupFailure(status, path, Reply::bulk(kNotFoundText));
     }
-    if (attempt == 0 && !st.isDir && st.identity && !st.version.empty()) {
+    if (attempt == 0 && !st.isDir && ((st.identity && !st.version.empty()) || st.hashKnown)) {
       // A file new to this mirror may be one it holds under the name it had
       // before another device renamed it: those names are locked as well.
       RecordEntry own;
       if (!record_.get(clean, own)) {
-        for (RecordEntry& candidate : record_.withVersion(st.version)) {
+        std::vector<RecordEntry> found;
+        if (st.identity && !st.version.empty()) {
+          found = record_.withVersion(st.version);
+        }
+        if (st.hashKnown) {
+          for (RecordEntry& same : record_.withHash(st.hash)) {
+            found.push_back(std::move(same));
+          }
+        }
+        for (RecordEntry& candidate : found) {
           if (candidate.path != clean) {
             lockPaths.push_back(candidate.path);
             movedFrom.push_back(std::move(candidate));
@@ -199,8 +216,8 @@ Reply Commands::download(const std::string& path) {
   }
 }
 
-Reply Commands::downloadFile(const std::string& path, const std::string& clean,
-                             const StoreStat& st, Place& place) {
+Reply Commands::downloadFile(const std::string& path, const std::string& clean, const StoreStat& st,
+                             Place& place) {
   RecordEntry record;
   const bool recorded = record_.get(clean, record);
   Facts facts;
@@ -369,7 +386,7 @@ Reply Commands::downloadFile(const std::string& path, const std::string& clean,
 bool Commands::adoptMovedCopy(const std::string& clean, const StoreStat& st,
                               const std::vector<RecordEntry>& candidates) {
   for (const RecordEntry& candidate : candidates) {
-    if (candidate.version != st.version) {
+    if (!carries(st, candidate)) {
       continue;
     }
     StoreStat old;
@@ -377,7 +394,7 @@ bool Commands::adoptMovedCopy(const std::string& clean, const StoreStat& st,
     if (status.code() != Status::Code::kNotFound) {
       continue;  // still there: a copy, not a rename
     }
-    if (settleGone(candidate, clean)) {
+    if (settleGone(candidate, clean, &st)) {
       return true;
     }
   }
@@ -393,10 +410,8 @@ Reply Commands::upload(const std::string& path) {
   if (!resolve(path, false, names, clean)) {
     return refused(path);
   }
-  std::vector<std::string> lockPaths = {clean};
-  std::vector<RecordEntry> renamedFrom;
-  for (int attempt = 0;; ++attempt) {
-    PathLocks::Guard guard = locks_.lock(lockPaths);
+  PathLocks::Guard guard = locks_.lock({clean});
+  {
     Place place;
     int err = mirror_.locate(clean, true, place.dir, place.name);
     if (err == EXDEV) {
@@ -421,26 +436,6 @@ Reply Commands::upload(const std::string& path) {
     }
     if (!S_ISREG(copy.st_mode)) {
       return Reply::error("ERR upload failed: not a regular file");
-    }
-    if (attempt == 0) {
-      // A file new to the record may be a recorded copy renamed in the
-      // mirror: those names are locked as well.
-      RecordEntry own;
-      if (!record_.get(clean, own)) {
-        for (RecordEntry& candidate :
-             record_.withMirrorCopy(copy.st_ino, static_cast<long long>(copy.st_size))) {
-          if (candidate.path != clean) {
-            lockPaths.push_back(candidate.path);
-            renamedFrom.push_back(std::move(candidate));
-          }
-        }
-        if (!renamedFrom.empty()) {
-          continue;
-        }
-      }
-    }
-    if (!renamedFrom.empty() && moveRenamedCopy(clean, place, renamedFrom)) {
-      return Reply::ok();
     }
 
     StoreStat st;
@@ -560,7 +555,7 @@ Reply Commands::upload(const std::string& path) {
           if (!status.isOk()) {
             return changeReply(status, path, "cannot create folder");
           }
-          Expect expect = sync_.lastWriterWins          ? Expect::anything()
+          Expect expect = sync_.lastWriterWins         ? Expect::anything()
                           : action == Action::kSendNew ? Expect::absent()
                                                        : Expect::at(current.version);
           if (::lseek(source.get(), 0, SEEK_SET) != 0) {
@@ -619,63 +614,6 @@ Reply Commands::upload(const std::string& path) {
     }
     return Reply::error("ERR upload failed: the service keeps changing");
   }
-}
-
-bool Commands::moveRenamedCopy(const std::string& clean, const Place& place,
-                               const std::vector<RecordEntry>& candidates) {
-  const struct stat& copy = place.st;
-  StoreStat target;
-  if (store_.stat(clean, true, target).code() != Status::Code::kNotFound) {
-    return false;  // the new name is taken on the service: an upload decides
-  }
-  for (const RecordEntry& candidate : candidates) {
-    if (candidate.mirrorInode != copy.st_ino ||
-        candidate.mirrorMtimeNs != sync::nanosOf(copy.st_mtim) ||
-        candidate.mirrorSize != static_cast<long long>(copy.st_size)) {
-      continue;
-    }
-    // The old name must have let the copy go...
-    Place old;
-    if (mirror_.locate(candidate.path, false, old.dir, old.name) == 0 &&
-        ::fstatat(old.dir.get(), old.name.c_str(), &old.st, AT_SYMLINK_NOFOLLOW) == 0 &&
-        old.st.st_ino == copy.st_ino) {
-      continue;  // a second link to the same file
-    }
-    // ...with content the record vouches for (a copy stamped in the same
-    // tick as an edit is hashed)...
-    if (!candidate.mirrorSettled) {
-      ContentHash hash;
-      if (hashMirror(place.dir.get(), place.name, hash) != 0 || hash != candidate.hash) {
-        continue;
-      }
-    }
-    // ...and the service must still hold the old name at its version.
-    StoreStat st;
-    if (!store_.stat(candidate.path, false, st).isOk() || st.isDir || st.isLink) {
-      continue;
-    }
-    Side side = sync::serviceAgainst(candidate, st);
-    if (side == Side::kUnsure) {
-      HashSink sink;
-      StoreStat got = st;
-      if (!store_.download(candidate.path, sink, got, "").isOk() ||
-          got.version != candidate.version) {
-        continue;
-      }
-      side = sink.hash() == candidate.hash ? Side::kUnchanged : Side::kChanged;
-    }
-    if (side != Side::kUnchanged) {
-      continue;
-    }
-    if (!store_.makeDirs(parentOf(clean)).isOk() || !store_.move(candidate.path, clean).isOk()) {
-      return false;
-    }
-    record_.move(candidate.path, clean);
-    syncLog("moved '" + candidate.path + "' to '" + clean +
-            "' on the service: renamed in the mirror");
-    return true;
-  }
-  return false;
 }
 
 // ---------------------------------------------------------------------------
@@ -805,7 +743,8 @@ Reply Commands::removeTree(const std::string& path, const std::string& clean) {
 // ---------------------------------------------------------------------------
 // What a listing tells the mirror
 
-bool Commands::settleGone(const RecordEntry& record, const std::string& to) {
+bool Commands::settleGone(const RecordEntry& record, const std::string& to,
+                          const StoreStat* there) {
   Place place;
   int err = mirror_.locate(record.path, false, place.dir, place.name);
   Facts facts;
@@ -839,15 +778,23 @@ bool Commands::settleGone(const RecordEntry& record, const std::string& to) {
         Place target;
         if (makeMirrorDirs(parentOf(to)) &&
             mirror_.locate(to, false, target.dir, target.name) == 0 &&
-            ::renameat2(place.dir.get(), place.name.c_str(), target.dir.get(),
-                        target.name.c_str(), RENAME_NOREPLACE) == 0) {
+            ::renameat2(place.dir.get(), place.name.c_str(), target.dir.get(), target.name.c_str(),
+                        RENAME_NOREPLACE) == 0) {
           record_.move(record.path, to);
+          if (there != nullptr) {
+            // The same content, perhaps at another version (a copy that
+            // kept the content's note): the record takes the new one.
+            RecordEntry moved;
+            if (record_.get(to, moved)) {
+              describeService(moved, *there);
+              record_.put(moved);
+            }
+          }
           syncLog("moved '" + record.path + "' to '" + to +
                   "' in the mirror: it was renamed on the service");
           return true;
         }
-        facts.mirror = Side::kUnchanged;
-        return settleGone(record, "");  // the new name is taken: fetched there instead
+        return settleGone(record, "", nullptr);  // the new name is taken: fetched there instead
       }
       case Action::kRemoveMirror: {
         struct stat now;
@@ -956,10 +903,8 @@ void Commands::reconcile(const std::string& folder, const std::vector<StoreEntry
     return;
   }
   // Where did they go? A new name of this listing (or below a new folder
-  // of it) that carries a gone file's version is that file, moved.
-  std::map<std::string, std::string> newNameOf;  // version -> path
-  bool identities = std::any_of(gone.begin(), gone.end(),
-                                [](const RecordEntry& record) { return record.identity; });
+  // of it) that carries a gone file's content is that file, moved.
+  std::vector<std::pair<std::string, StoreStat>> newFiles;
   size_t walked = 0;
   std::function<void(const std::string&, const StoreEntry&, int)> visit;
   visit = [&](const std::string& full, const StoreEntry& entry, int depth) {
@@ -968,10 +913,9 @@ void Commands::reconcile(const std::string& folder, const std::vector<StoreEntry
     }
     if (!entry.isDir) {
       StoreStat st = entry.stat;
-      if (entry.described || store_.stat(full, false, st).isOk()) {
-        if (st.identity && !st.version.empty() && !st.isLink) {
-          newNameOf.emplace(st.version, full);
-        }
+      if ((entry.described || store_.stat(full, false, st).isOk()) && !st.isLink &&
+          ((st.identity && !st.version.empty()) || st.hashKnown)) {
+        newFiles.emplace_back(full, st);
       }
       return;
     }
@@ -983,24 +927,25 @@ void Commands::reconcile(const std::string& folder, const std::vector<StoreEntry
       visit(full + "/" + child.name, child, depth + 1);
     }
   };
-  if (identities) {
-    for (const StoreEntry& entry : entries) {
-      if (recordedNames.count(entry.name) == 0) {
-        visit(prefix + entry.name, entry, 0);
-      }
+  for (const StoreEntry& entry : entries) {
+    if (recordedNames.count(entry.name) == 0) {
+      visit(prefix + entry.name, entry, 0);
     }
   }
   std::vector<std::string> lockPaths;
-  std::map<std::string, std::string> moves;  // gone path -> new path
+  std::map<std::string, const std::pair<std::string, StoreStat>*> moves;  // gone path -> new
   std::set<std::string> taken;
   for (const RecordEntry& record : gone) {
     lockPaths.push_back(record.path);
-    auto it = record.identity ? newNameOf.find(record.version) : newNameOf.end();
-    RecordEntry there;
-    if (it != newNameOf.end() && taken.insert(it->second).second &&
-        !record_.get(it->second, there)) {
-      moves[record.path] = it->second;
-      lockPaths.push_back(it->second);
+    for (const auto& candidate : newFiles) {
+      RecordEntry there;
+      if (carries(candidate.second, record) && taken.count(candidate.first) == 0 &&
+          !record_.get(candidate.first, there)) {
+        taken.insert(candidate.first);
+        moves[record.path] = &candidate;
+        lockPaths.push_back(candidate.first);
+        break;
+      }
     }
   }
   for (const std::string& path : goneFolders) {
@@ -1019,14 +964,17 @@ void Commands::reconcile(const std::string& folder, const std::vector<StoreEntry
     }
     auto move = moves.find(record.path);
     std::string to;
+    const StoreStat* there = nullptr;
     if (move != moves.end()) {
       Place target;
-      if (mirror_.locate(move->second, false, target.dir, target.name) != 0 ||
+      const std::string& newPath = move->second->first;
+      if (mirror_.locate(newPath, false, target.dir, target.name) != 0 ||
           ::fstatat(target.dir.get(), target.name.c_str(), &target.st, AT_SYMLINK_NOFOLLOW) != 0) {
-        to = move->second;  // free in the mirror
+        to = newPath;  // free in the mirror
+        there = &move->second->second;
       }
     }
-    settleGone(record, to);
+    settleGone(record, to, there);
   }
   for (const std::string& path : goneFolders) {
     StoreStat st;

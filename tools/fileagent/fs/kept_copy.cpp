@@ -46,8 +46,8 @@ int renameNoReplace(int dirFd, const std::string& from, const std::string& to) {
 
 int keepAside(int dirFd, const std::string& name, std::string& kept) {
   // A name too long for the mark keeps its start.
-  std::string base = name.size() + kSuffixMax > kNameMax ? name.substr(0, kNameMax - kSuffixMax)
-                                                         : name;
+  std::string base =
+      name.size() + kSuffixMax > kNameMax ? name.substr(0, kNameMax - kSuffixMax) : name;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     char suffix[32];
     std::snprintf(suffix, sizeof suffix, "%s%08u", kKeepMark, randomNumber());

@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -44,6 +45,7 @@ void fill(const struct stat& st, StoreStat& out) {
   out.version.clear();
   out.settled = false;
   out.identity = false;
+  out.hashKnown = false;
   if (S_ISREG(st.st_mode)) {
     struct timespec now;
     ::clock_gettime(CLOCK_REALTIME, &now);
@@ -51,6 +53,48 @@ void fill(const struct stat& st, StoreStat& out) {
     out.settled = nanosOf(now) - nanosOf(st.st_mtim) >= kSettleNs;
     // A rename keeps the inode, the size and the time.
     out.identity = true;
+  }
+}
+
+// The note of a file's content hash: "<32 hex digits> <version>", in an
+// extended attribute of the file. Written on the temporary file of an
+// upload just before it is renamed into place; a file changed in place
+// afterwards has another version, and its note no longer counts.
+const char kHashNote[] = "user.vel.content";
+
+void noteHash(int fd, const ContentHash& hash) {
+  struct stat st;
+  if (::fstat(fd, &st) != 0) {
+    return;
+  }
+  std::string note = hash.hex() + " " + versionOf(st);
+  // A file system without user attributes keeps no note: renames there are
+  // recognised by the version alone.
+  ::fsetxattr(fd, kHashNote, note.data(), note.size(), 0);
+}
+
+// Reads the note of the open file `fd`, whose version is `out.version`.
+void readHashNote(int fd, StoreStat& out) {
+  char note[128];
+  ssize_t n = ::fgetxattr(fd, kHashNote, note, sizeof note);
+  out.hashKnown = false;
+  if (n < 34) {
+    return;
+  }
+  std::string text(note, static_cast<size_t>(n));
+  ContentHash hash;
+  if (text[32] == ' ' && text.compare(33, std::string::npos, out.version) == 0 &&
+      ContentHash::fromHex(text.substr(0, 32), hash)) {
+    out.hash = hash;
+    out.hashKnown = true;
+  }
+}
+
+// Reads the note of the regular file `name` in `dirFd`.
+void readHashNoteAt(int dirFd, const std::string& name, StoreStat& out) {
+  UniqueFd fd(::openat(dirFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (fd) {
+    readHashNote(fd.get(), out);
   }
 }
 
@@ -272,6 +316,9 @@ Status FolderStore::stat(const std::string& path, bool followLast, StoreStat& ou
     return Status::fromResolve(errno);
   }
   fill(st, out);
+  if (S_ISREG(st.st_mode)) {
+    readHashNoteAt(dir.get(), name, out);
+  }
   return Status::ok();
 }
 
@@ -326,6 +373,7 @@ Status FolderStore::download(const std::string& path, ByteSink& target, StoreSta
     return status;
   }
   fill(st, copied);
+  readHashNote(in.get(), copied);
   if (!ifNoneMatch.empty() && copied.version == ifNoneMatch) {
     return Status::error(Status::Code::kNotModified);
   }
@@ -359,6 +407,7 @@ Status FolderStore::upload(int source, const std::string& path, mode_t mode, con
   if ((err = out.begin(dir.get(), name)) != 0 || (err = out.copyFrom(source)) != 0) {
     return Status::fromErrno(err);
   }
+  noteHash(out.fd(), out.hash());
   {
     // Checked again just before the rename, under the folder's lock.
     FolderLock lock(dir.get());
@@ -374,6 +423,8 @@ Status FolderStore::upload(int source, const std::string& path, mode_t mode, con
   if (::fstatat(dir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
       st.st_ino == out.committedInode()) {
     fill(st, written);
+    written.hashKnown = true;
+    written.hash = sent;
   } else {
     written = StoreStat();  // replaced again meanwhile: the caller asks
   }

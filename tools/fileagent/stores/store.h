@@ -86,6 +86,15 @@ struct StoreStat {
   // on the service and no other content can carry it: a new name with the
   // version of a name that went is that file, renamed.
   bool identity = false;
+  // The content hash the service keeps beside this version, when an agent
+  // stored the file and the store can keep such a note (`hashKnown`). The
+  // note names the version it was written for and counts only while the
+  // file is still at that version, so a copy made by other means carries
+  // none. Two files with the same noted hash hold the same bytes: a new
+  // name whose hash is that of a name that went is that file, renamed or
+  // copied there before the old name went.
+  bool hashKnown = false;
+  ContentHash hash;
 };
 
 struct StoreEntry {
@@ -170,7 +179,8 @@ class Store {
   // says (otherwise kConflict, nothing sent or nothing replaced). Its
   // folder must exist. `written` gets what the store knows of the new
   // version (its `version` empty when the store cannot tell without
-  // asking again) and `sent` the hash of the bytes sent. kRefused,
+  // asking again) and `sent` the hash of the bytes sent, which the store
+  // keeps beside the new version where it can (StoreStat::hash). kRefused,
   // kFailed, kConflict.
   virtual Status upload(int source, const std::string& path, mode_t mode, const Expect& expect,
                         StoreStat& written, ContentHash& sent) = 0;

@@ -32,7 +32,7 @@ const char kSchema[] =
     "  mirror_settled INTEGER NOT NULL,"
     "  hash BLOB NOT NULL) WITHOUT ROWID;"
     "CREATE INDEX IF NOT EXISTS files_by_version ON files(version) WHERE identity = 1;"
-    "CREATE INDEX IF NOT EXISTS files_by_copy ON files(mirror_inode, mirror_size);";
+    "CREATE INDEX IF NOT EXISTS files_by_hash ON files(hash);";
 
 const char kColumns[] =
     "path, version, settled, identity, mirror_inode, mirror_size, mirror_mtime_ns, "
@@ -59,7 +59,6 @@ void removeDatabase(const std::string& file) {
   }
 }
 
-
 }  // namespace
 
 struct SyncRecord::Statements {
@@ -69,12 +68,12 @@ struct SyncRecord::Statements {
   sqlite3_stmt* dropTree = nullptr;
   sqlite3_stmt* below = nullptr;
   sqlite3_stmt* byVersion = nullptr;
-  sqlite3_stmt* byCopy = nullptr;
+  sqlite3_stmt* byHash = nullptr;
   sqlite3_stmt* move = nullptr;
   sqlite3_stmt* from = nullptr;
 
   ~Statements() {
-    for (sqlite3_stmt* s : {get, put, dropOne, dropTree, below, byVersion, byCopy, move, from}) {
+    for (sqlite3_stmt* s : {get, put, dropOne, dropTree, below, byVersion, byHash, move, from}) {
       sqlite3_finalize(s);
     }
   }
@@ -141,8 +140,7 @@ int openDatabase(const std::string& file, const std::string& mirror, const std::
 
 }  // namespace
 
-std::unique_ptr<SyncRecord> SyncRecord::open(const std::string& stateDir,
-                                             const std::string& mirror,
+std::unique_ptr<SyncRecord> SyncRecord::open(const std::string& stateDir, const std::string& mirror,
                                              const std::string& service, std::string& note) {
   note.clear();
   const std::string file = fileFor(stateDir, mirror, service);
@@ -161,7 +159,8 @@ std::unique_ptr<SyncRecord> SyncRecord::open(const std::string& stateDir,
   }
   std::unique_ptr<SyncRecord> record(new SyncRecord(db, file));
   if (!record->prepare()) {
-    note = "sync record " + file + " cannot be used: records are kept in memory until the agent stops";
+    note =
+        "sync record " + file + " cannot be used: records are kept in memory until the agent stops";
     return inMemory(mirror, service);
   }
   if (note.empty() && !existed) {
@@ -206,9 +205,10 @@ bool SyncRecord::prepare() {
       {&s.dropTree, "DELETE FROM files WHERE path = ?1 OR (path >= ?2 AND path < ?3)"},
       {&s.below, select + "WHERE path >= ?1 AND path < ?2 ORDER BY path"},
       {&s.byVersion, select + "WHERE version = ?1 AND identity = 1"},
-      {&s.byCopy, select + "WHERE mirror_inode = ?1 AND mirror_size = ?2"},
-      {&s.move, "UPDATE OR REPLACE files SET path = ?4 || substr(path, ?5) "
-                "WHERE path = ?1 OR (path >= ?2 AND path < ?3)"},
+      {&s.byHash, select + "WHERE hash = ?1"},
+      {&s.move,
+       "UPDATE OR REPLACE files SET path = ?4 || substr(path, ?5) "
+       "WHERE path = ?1 OR (path >= ?2 AND path < ?3)"},
       {&s.from, "SELECT path FROM files WHERE path >= ?1 AND path < ?2 ORDER BY path LIMIT 1"},
   };
   for (auto& one : all) {
@@ -266,6 +266,14 @@ void readRow(sqlite3_stmt* stmt, RecordEntry& out) {
       out.hash.high = (out.hash.high << 8) | bytes[i];
       out.hash.low = (out.hash.low << 8) | bytes[8 + i];
     }
+  }
+}
+
+// The 16 bytes a hash is kept as, high half first.
+void hashBytes(const ContentHash& hash, unsigned char* bytes) {
+  for (int i = 0; i < 8; ++i) {
+    bytes[i] = static_cast<unsigned char>(hash.high >> (56 - 8 * i));
+    bytes[8 + i] = static_cast<unsigned char>(hash.low >> (56 - 8 * i));
   }
 }
 
@@ -340,10 +348,7 @@ bool SyncRecord::put(const RecordEntry& entry) {
   }
   sqlite3_stmt* stmt = statements_->put;
   unsigned char bytes[16];
-  for (int i = 0; i < 8; ++i) {
-    bytes[i] = static_cast<unsigned char>(entry.hash.high >> (56 - 8 * i));
-    bytes[8 + i] = static_cast<unsigned char>(entry.hash.low >> (56 - 8 * i));
-  }
+  hashBytes(entry.hash, bytes);
   bind(stmt, 1, entry.path);
   bind(stmt, 2, entry.version);
   sqlite3_bind_int(stmt, 3, entry.settled ? 1 : 0);
@@ -474,9 +479,8 @@ std::vector<SyncRecord::Child> SyncRecord::children(const std::string& path) {
       break;
     }
     size_t slash = next.find('/', prefix.size());
-    std::string name = next.substr(prefix.size(), slash == std::string::npos
-                                                      ? std::string::npos
-                                                      : slash - prefix.size());
+    std::string name = next.substr(
+        prefix.size(), slash == std::string::npos ? std::string::npos : slash - prefix.size());
     Child& child = found[name];
     child.name = name;
     if (slash == std::string::npos) {
@@ -512,15 +516,16 @@ std::vector<RecordEntry> SyncRecord::withVersion(const std::string& version) {
   return out;
 }
 
-std::vector<RecordEntry> SyncRecord::withMirrorCopy(ino_t inode, long long size) {
+std::vector<RecordEntry> SyncRecord::withHash(const ContentHash& hash) {
   std::lock_guard<std::mutex> lock(mutex_);
   std::vector<RecordEntry> out;
-  if (!statements_ || inode == 0) {
+  if (!statements_) {
     return out;
   }
-  sqlite3_stmt* stmt = statements_->byCopy;
-  sqlite3_bind_int64(stmt, 1, static_cast<sqlite3_int64>(inode));
-  sqlite3_bind_int64(stmt, 2, size);
+  sqlite3_stmt* stmt = statements_->byHash;
+  unsigned char bytes[16];
+  hashBytes(hash, bytes);
+  sqlite3_bind_blob(stmt, 1, bytes, sizeof bytes, SQLITE_TRANSIENT);
   int rc = collect(stmt, out);
   if (rc != SQLITE_OK) {
     failed("read", rc);

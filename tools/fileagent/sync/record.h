@@ -96,9 +96,9 @@ class SyncRecord {
   // The entries whose service version is `version` and identifies the
   // content (candidates for a rename seen on the service).
   std::vector<RecordEntry> withVersion(const std::string& version);
-  // The entries whose mirror copy had inode `inode` and size `size` (the
-  // copy renamed in the mirror).
-  std::vector<RecordEntry> withMirrorCopy(ino_t inode, long long size);
+  // The entries of files that held the content `hash` (candidates for a
+  // rename seen on the service, by a content hash the service keeps).
+  std::vector<RecordEntry> withHash(const ContentHash& hash);
 
  private:
   struct Statements;
