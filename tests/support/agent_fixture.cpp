@@ -42,14 +42,20 @@ std::string encodeRequest(const std::vector<std::string>& args) {
 }  // namespace
 
 AgentFixture::AgentFixture(const std::string& rulesJson)
-    : AgentFixture(AgentOptions{rulesJson, {}, -1, false, false, {}}) {}
+    : AgentFixture(AgentOptions{rulesJson, {}, -1, false, false, {}, nullptr}) {}
 
 AgentFixture::AgentFixture(const AgentOptions& options) : options_(options) {
+  store_ = options_.sharedWith != nullptr ? options_.sharedWith->store() : dir_.sub("store");
   makeDirs(store());
   makeDirs(mirror());
   makeDirs(udsRoot());
   makeDirs(logDir());
   writeFile(rulesPath(), options_.rules);
+  if (options_.sharedWith != nullptr) {
+    sharedServer_ = options_.sharedWith->server();
+    options_.webdav = false;
+    options_.server = options_.sharedWith->options_.server;
+  }
   if (options_.webdav) {
     server_.reset(new WebDavServer(store(), dir_.sub("httpd"), options_.server));
     if (!server_->ready()) {
@@ -72,7 +78,7 @@ AgentFixture::~AgentFixture() {
 }
 
 std::string AgentFixture::root() const { return dir_.path(); }
-std::string AgentFixture::store() const { return dir_.sub("store"); }
+std::string AgentFixture::store() const { return store_; }
 std::string AgentFixture::mirror() const { return dir_.sub("mirror"); }
 std::string AgentFixture::udsRoot() const { return dir_.sub("uds"); }
 std::string AgentFixture::socketPath() const {
@@ -105,14 +111,15 @@ bool AgentFixture::start() {
   std::vector<std::string> args = {VEL_AGENT_BIN, "--mirror",  mirror(),      "--socket",
                                    socketPath(),  "--journal", journalPath(), "--rules",
                                    rulesPath(),   "--state",   stateDir()};
-  if (server_) {
-    args.insert(args.end(), {"--webdav", server_->url()});
+  if (WebDavServer* dav = server()) {
+    args.insert(args.end(), {"--webdav", dav->url()});
     if (!options_.server.user.empty()) {
+      writeFile(dir_.sub("password"), options_.server.password + "\n");
       args.insert(args.end(), {"--webdav-user", options_.server.user, "--webdav-password-file",
                                dir_.sub("password")});
     }
     if (options_.server.https) {
-      args.insert(args.end(), {"--ca-file", server_->certificate()});
+      args.insert(args.end(), {"--ca-file", dav->certificate()});
     }
   } else {
     args.insert(args.end(), {"--store", store()});
@@ -225,8 +232,8 @@ void AgentFixture::storeFile(const std::string& rel, const std::string& content)
   const std::string path = store() + "/" + rel;
   makeDirs(path.substr(0, path.rfind('/')));
   writeFile(path, content);
-  if (server_) {
-    server_->adopt();
+  if (server()) {
+    server()->adopt();
   }
 }
 

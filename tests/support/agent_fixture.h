@@ -29,6 +29,9 @@ struct AgentOptions {
   // agent, with --webdav (and its login and certificate) instead of --store.
   bool webdav = false;
   WebDavServerOptions server;  // that server's login and HTTPS
+  // Another device: serve the store of `sharedWith` (its folder, or its
+  // WebDAV server) with a mirror of its own.
+  const class AgentFixture* sharedWith = nullptr;
 };
 
 // The service every request names.
@@ -84,7 +87,7 @@ class AgentFixture {
   std::string agentLogPath() const;  // with captureLog
   std::string agentLog() const;
   // The WebDAV server behind the agent; null for a folder store.
-  WebDavServer* server() const { return server_.get(); }
+  WebDavServer* server() const { return server_ ? server_.get() : sharedServer_; }
 
   // True once the agent printed "ready"; false when it could not start.
   bool ready() const { return ready_; }
@@ -98,7 +101,9 @@ class AgentFixture {
 
   TempDir dir_;
   AgentOptions options_;
+  std::string store_;
   std::unique_ptr<WebDavServer> server_;
+  WebDavServer* sharedServer_ = nullptr;
   pid_t pid_ = -1;
   int outFd_ = -1;
   bool ready_ = false;

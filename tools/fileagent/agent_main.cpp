@@ -25,6 +25,7 @@
 #include "server/agent_server.h"
 #include "server/control.h"
 #include "server/request.h"
+#include "stores/faulty_store.h"
 #include "stores/folder_store.h"
 #include "stores/webdav_store.h"
 #include "sync/record.h"
@@ -98,7 +99,10 @@ const char kUsage[] =
     "                  matching requests through; times spends the rule after N.\n"
     "                  \"crash\": \"after-rename\" or \"after-record\" kills the agent\n"
     "                  (SIGKILL) at that point of a download or an upload;\n"
-    "                  \"record\": \"fail\" makes the sync record refuse every write.\n"
+    "                  \"record\": \"fail\" makes the sync record refuse every write;\n"
+    "                  \"store\": \"conflict\" makes every conditional upload or removal\n"
+    "                  refused as changed, \"not-modified\" every download answered\n"
+    "                  as unchanged.\n"
     "                  The file is re-read when it changes (counts start again);\n"
     "                  a missing or empty file means no rules.\n"
     "  --max-request-args N\n"
@@ -482,6 +486,10 @@ int main(int argc, char** argv) {
     backing = std::move(dav);
   } else {
     backing = std::make_unique<velagent::FolderStore>(store);
+  }
+  if (!rulesPath.empty()) {
+    // Test rules may arm store faults.
+    backing = std::make_unique<velagent::FaultyStore>(std::move(backing));
   }
   // A state folder that cannot be made leaves the record in memory (logged
   // by the record): the agent serves anyway.

@@ -101,6 +101,9 @@ class Commands {
   // the service no longer shows leave the mirror, or follow a rename, where
   // no edit touched them.
   void reconcile(const std::string& clean, const std::vector<StoreEntry>& entries);
+  // The record of `clean`, taking up a copy put in place at `place` just
+  // before the agent last stopped (SyncRecord::expect); false for none.
+  bool recall(const std::string& clean, const Place& place, RecordEntry& record);
   // Removes the mirror copy of a recorded path that went from the service,
   // or moves it to `to` (true), where the service holds the same content
   // as `there`, or forgets it (sync::decideGone).

@@ -22,4 +22,6 @@ void crashPoint(const char* point) {
 
 bool recordWritesFail() { return armed.recordFails; }
 
+StoreFault armedStoreFault() { return armed.store; }
+
 }  // namespace velagent

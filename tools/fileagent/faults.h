@@ -1,7 +1,8 @@
 // Faults that a test rule (server/control.h) arms for the one request it
 // matches, on the thread that serves it: the agent killed at a chosen
-// point of a command ("crash"), or the sync record refusing to write
-// ("record"). Without an armed rule nothing here does anything; the agent
+// point of a command ("crash"), the sync record refusing to write
+// ("record"), or the store answering a conflict or "not modified"
+// ("store"). Without an armed rule nothing here does anything; the agent
 // arms none of its own.
 //
 // Thread safety: each thread has its own armed faults.
@@ -18,9 +19,15 @@ namespace velagent {
 constexpr const char* kCrashAfterRename = "after-rename";
 constexpr const char* kCrashAfterRecord = "after-record";
 
+// What the store answers instead of serving (stores/faulty_store.h): a
+// conditional change refused as a conflict (a web server's 412), or a
+// download answered "not modified" (a 304).
+enum class StoreFault { kNone, kConflict, kNotModified };
+
 struct ArmedFaults {
   std::string crashAt;       // one of the points above, or ""
   bool recordFails = false;  // every write of the sync record fails
+  StoreFault store = StoreFault::kNone;
 };
 
 // Arms `faults` for the requests this thread serves until disarmed.
@@ -31,6 +38,8 @@ void disarmFaults();
 void crashPoint(const char* point);
 // True when writes of the sync record are to fail.
 bool recordWritesFail();
+// The store fault armed for this request.
+StoreFault armedStoreFault();
 
 }  // namespace velagent
 

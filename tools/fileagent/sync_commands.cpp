@@ -216,10 +216,41 @@ Reply Commands::download(const std::string& path) {
   }
 }
 
+bool Commands::recall(const std::string& clean, const Place& place, RecordEntry& record) {
+  bool recorded = record_.get(clean, record);
+  RecordEntry noted;
+  if (!record_.expected(clean, noted)) {
+    return recorded;
+  }
+  // A copy was about to be put in place when the agent last stopped: if
+  // it is there, untouched, it counts as recorded (not as an edit).
+  ContentHash hash;
+  struct stat now;
+  if (place.exists && S_ISREG(place.st.st_mode) &&
+      static_cast<long long>(place.st.st_size) == noted.mirrorSize &&
+      hashMirror(place.dir.get(), place.name, hash, &now) == 0 && hash == noted.hash &&
+      sameFile(now, place.st)) {
+    describeCopy(noted, place.st);
+    noted.mirrorSettled = false;
+    if (record_.put(noted)) {
+      syncLog("took up the copy of '" + clean + "' put in place before the agent stopped");
+    }
+    record = noted;
+    return true;
+  }
+  // Not there: the note goes, the record (if any) stays as it was.
+  if (recorded) {
+    record_.put(record);
+  } else {
+    record_.drop(clean, false);
+  }
+  return recorded;
+}
+
 Reply Commands::downloadFile(const std::string& path, const std::string& clean, const StoreStat& st,
                              Place& place) {
   RecordEntry record;
-  const bool recorded = record_.get(clean, record);
+  const bool recorded = recall(clean, place, record);
   Facts facts;
   facts.recorded = recorded;
   facts.service = recorded ? sync::serviceAgainst(record, st) : Side::kChanged;
@@ -268,6 +299,12 @@ Reply Commands::downloadFile(const std::string& path, const std::string& clean, 
   };
   // Puts the fetched copy in place and records it.
   auto commit = [&]() -> Reply {
+    RecordEntry coming;
+    coming.path = clean;
+    describeService(coming, copied);
+    coming.mirrorSize = target.size();
+    coming.hash = target.hash();
+    record_.expect(coming);
     int err = target.commit(copied.mode);
     if (err != 0) {
       return Reply::error(errnoText("download failed", err));
@@ -448,7 +485,8 @@ Reply Commands::upload(const std::string& path) {
       return Reply::error(errnoText("upload failed", EISDIR));
     }
     RecordEntry record;
-    bool recorded = record_.get(clean, record);
+    place.exists = true;
+    bool recorded = recall(clean, place, record);
     Facts facts;
     facts.recorded = recorded;
     facts.mirror = recorded ? sync::mirrorAgainst(record, copy) : Side::kChanged;

@@ -177,6 +177,14 @@ bool Rules::parse(const std::string& text, std::vector<Rule>& out, std::string& 
       }
       rule.faults.recordFails = true;
     }
+    if (item.isMember("store")) {
+      std::string how;
+      if (!textOf(item["store"], how) || (how != "conflict" && how != "not-modified")) {
+        error = "\"store\" must be \"conflict\" or \"not-modified\"";
+        return false;
+      }
+      rule.faults.store = how == "conflict" ? StoreFault::kConflict : StoreFault::kNotModified;
+    }
     struct Count {
       const char* key;
       long* target;

@@ -351,7 +351,9 @@ bool weakTag(const std::string& etag) { return etag.compare(0, 2, "W/") == 0; }
 void describeVersion(const std::string& etag, time_t mtime, long long size, StoreStat& out) {
   out.version = !etag.empty() ? etag : "lm:" + std::to_string(mtime) + "-" + std::to_string(size);
   out.settled = !etag.empty() && !weakTag(etag) && ::time(nullptr) - mtime >= 1;
-  out.identity = false;
+  // A strong tag made of the size and the time in microseconds (Apache's)
+  // moves with the file and hardly repeats.
+  out.identity = !etag.empty() && !weakTag(etag);
 }
 
 void describeNode(const DavNode& node, StoreStat& out) {

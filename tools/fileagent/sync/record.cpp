@@ -32,7 +32,14 @@ const char kSchema[] =
     "  mirror_settled INTEGER NOT NULL,"
     "  hash BLOB NOT NULL) WITHOUT ROWID;"
     "CREATE INDEX IF NOT EXISTS files_by_version ON files(version) WHERE identity = 1;"
-    "CREATE INDEX IF NOT EXISTS files_by_hash ON files(hash);";
+    "CREATE INDEX IF NOT EXISTS files_by_hash ON files(hash);"
+    "CREATE TABLE IF NOT EXISTS pending("
+    "  path TEXT PRIMARY KEY,"
+    "  version TEXT NOT NULL,"
+    "  settled INTEGER NOT NULL,"
+    "  identity INTEGER NOT NULL,"
+    "  size INTEGER NOT NULL,"
+    "  hash BLOB NOT NULL) WITHOUT ROWID;";
 
 const char kColumns[] =
     "path, version, settled, identity, mirror_inode, mirror_size, mirror_mtime_ns, "
@@ -71,9 +78,14 @@ struct SyncRecord::Statements {
   sqlite3_stmt* byHash = nullptr;
   sqlite3_stmt* move = nullptr;
   sqlite3_stmt* from = nullptr;
+  sqlite3_stmt* expect = nullptr;
+  sqlite3_stmt* expected = nullptr;
+  sqlite3_stmt* unexpect = nullptr;
+  sqlite3_stmt* unexpectTree = nullptr;
 
   ~Statements() {
-    for (sqlite3_stmt* s : {get, put, dropOne, dropTree, below, byVersion, byHash, move, from}) {
+    for (sqlite3_stmt* s : {get, put, dropOne, dropTree, below, byVersion, byHash, move, from,
+                            expect, expected, unexpect, unexpectTree}) {
       sqlite3_finalize(s);
     }
   }
@@ -210,6 +222,10 @@ bool SyncRecord::prepare() {
        "UPDATE OR REPLACE files SET path = ?4 || substr(path, ?5) "
        "WHERE path = ?1 OR (path >= ?2 AND path < ?3)"},
       {&s.from, "SELECT path FROM files WHERE path >= ?1 AND path < ?2 ORDER BY path LIMIT 1"},
+      {&s.expect, "INSERT OR REPLACE INTO pending VALUES(?1, ?2, ?3, ?4, ?5, ?6)"},
+      {&s.expected, "SELECT version, settled, identity, size, hash FROM pending WHERE path = ?1"},
+      {&s.unexpect, "DELETE FROM pending WHERE path = ?1"},
+      {&s.unexpectTree, "DELETE FROM pending WHERE path = ?1 OR (path >= ?2 AND path < ?3)"},
   };
   for (auto& one : all) {
     if (sqlite3_prepare_v2(db_, one.sql.c_str(), -1, one.stmt, nullptr) != SQLITE_OK) {
@@ -246,6 +262,18 @@ void SyncRecord::failed(const char* what, int code) {
 
 namespace {
 
+void readHash(sqlite3_stmt* stmt, int column, ContentHash& out) {
+  out = ContentHash();
+  if (sqlite3_column_bytes(stmt, column) == 16) {
+    const unsigned char* bytes =
+        static_cast<const unsigned char*>(sqlite3_column_blob(stmt, column));
+    for (int i = 0; i < 8; ++i) {
+      out.high = (out.high << 8) | bytes[i];
+      out.low = (out.low << 8) | bytes[8 + i];
+    }
+  }
+}
+
 void readRow(sqlite3_stmt* stmt, RecordEntry& out) {
   auto text = [stmt](int column) {
     const unsigned char* value = sqlite3_column_text(stmt, column);
@@ -259,14 +287,7 @@ void readRow(sqlite3_stmt* stmt, RecordEntry& out) {
   out.mirrorSize = sqlite3_column_int64(stmt, 5);
   out.mirrorMtimeNs = sqlite3_column_int64(stmt, 6);
   out.mirrorSettled = sqlite3_column_int(stmt, 7) != 0;
-  out.hash = ContentHash();
-  if (sqlite3_column_bytes(stmt, 8) == 16) {
-    const unsigned char* bytes = static_cast<const unsigned char*>(sqlite3_column_blob(stmt, 8));
-    for (int i = 0; i < 8; ++i) {
-      out.hash.high = (out.hash.high << 8) | bytes[i];
-      out.hash.low = (out.hash.low << 8) | bytes[8 + i];
-    }
-  }
+  readHash(stmt, 8, out.hash);
 }
 
 // The 16 bytes a hash is kept as, high half first.
@@ -358,11 +379,71 @@ bool SyncRecord::put(const RecordEntry& entry) {
   sqlite3_bind_int64(stmt, 7, entry.mirrorMtimeNs);
   sqlite3_bind_int(stmt, 8, entry.mirrorSettled ? 1 : 0);
   sqlite3_bind_blob(stmt, 9, bytes, sizeof bytes, SQLITE_TRANSIENT);
+  int rc = sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+  rc = rc == SQLITE_OK ? change(stmt) : rc;
+  if (rc == SQLITE_OK) {
+    bind(statements_->unexpect, 1, entry.path);
+    rc = change(statements_->unexpect);
+  }
+  rc = rc == SQLITE_OK ? sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) : rc;
+  if (rc != SQLITE_OK) {
+    sqlite3_reset(stmt);
+    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    failed("write", rc);
+  }
+  return rc == SQLITE_OK;
+}
+
+bool SyncRecord::expect(const RecordEntry& entry) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!statements_) {
+    return false;
+  }
+  if (recordWritesFail()) {
+    failed("write", SQLITE_IOERR);
+    return false;
+  }
+  sqlite3_stmt* stmt = statements_->expect;
+  unsigned char bytes[16];
+  hashBytes(entry.hash, bytes);
+  bind(stmt, 1, entry.path);
+  bind(stmt, 2, entry.version);
+  sqlite3_bind_int(stmt, 3, entry.settled ? 1 : 0);
+  sqlite3_bind_int(stmt, 4, entry.identity ? 1 : 0);
+  sqlite3_bind_int64(stmt, 5, entry.mirrorSize);
+  sqlite3_bind_blob(stmt, 6, bytes, sizeof bytes, SQLITE_TRANSIENT);
   int rc = change(stmt);
   if (rc != SQLITE_OK) {
     failed("write", rc);
   }
   return rc == SQLITE_OK;
+}
+
+bool SyncRecord::expected(const std::string& path, RecordEntry& out) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!statements_) {
+    return false;
+  }
+  sqlite3_stmt* stmt = statements_->expected;
+  bind(stmt, 1, path);
+  int rc = sqlite3_step(stmt);
+  bool found = rc == SQLITE_ROW;
+  if (found) {
+    out = RecordEntry();
+    out.path = path;
+    const unsigned char* version = sqlite3_column_text(stmt, 0);
+    out.version = version == nullptr ? "" : reinterpret_cast<const char*>(version);
+    out.settled = sqlite3_column_int(stmt, 1) != 0;
+    out.identity = sqlite3_column_int(stmt, 2) != 0;
+    out.mirrorSize = sqlite3_column_int64(stmt, 3);
+    readHash(stmt, 4, out.hash);
+  }
+  sqlite3_reset(stmt);
+  sqlite3_clear_bindings(stmt);
+  if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
+    failed("read", rc);
+  }
+  return found;
 }
 
 bool SyncRecord::drop(const std::string& path, bool tree) {
@@ -374,12 +455,17 @@ bool SyncRecord::drop(const std::string& path, bool tree) {
     failed("write", SQLITE_IOERR);
     return false;
   }
-  sqlite3_stmt* stmt = tree ? statements_->dropTree : statements_->dropOne;
-  bind(stmt, 1, path);
-  if (tree) {
-    bindBelow(stmt, 2, path);
+  int rc = SQLITE_OK;
+  for (sqlite3_stmt* stmt : {tree ? statements_->dropTree : statements_->dropOne,
+                             tree ? statements_->unexpectTree : statements_->unexpect}) {
+    bind(stmt, 1, path);
+    if (tree) {
+      bindBelow(stmt, 2, path);
+    }
+    rc = rc == SQLITE_OK ? change(stmt) : rc;
+    sqlite3_reset(stmt);
+    sqlite3_clear_bindings(stmt);
   }
-  int rc = change(stmt);
   if (rc != SQLITE_OK) {
     failed("write", rc);
   }

@@ -76,6 +76,14 @@ class SyncRecord {
   // Writes `entry` (replacing one for the same path). False when it could
   // not be written; the failure is logged once per kind of error.
   bool put(const RecordEntry& entry);
+  // Notes the copy of `entry` (its version, hash and size) about to be put
+  // in place in the mirror, before the rename that puts it there: should
+  // the agent stop before put() records it, the next command that finds
+  // that content at the path takes it up instead of calling it an edit.
+  // put() and drop() forget the note.
+  bool expect(const RecordEntry& entry);
+  // The note of `path`; false when there is none.
+  bool expected(const std::string& path, RecordEntry& out);
   // Forgets `path` and, with `tree`, everything below it.
   bool drop(const std::string& path, bool tree);
   // Renames `from` and everything below it to `to`, replacing entries
