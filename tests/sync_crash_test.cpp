@@ -79,18 +79,18 @@ TEST_P(SyncCrashTest, TheNextCommandsLoseNothingAndTakeNothingStaleForCurrent) {
   EXPECT_TRUE(f.allKept(kB).empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Points, SyncCrashTest,
-    ::testing::Values(Case{"tarn.downloadlocal", "after-rename"},
-                      Case{"tarn.downloadlocal", "after-record"},
-                      Case{"tarn.uploadlocal", "after-rename"},
-                      Case{"tarn.uploadlocal", "after-record"}),
-    [](const ::testing::TestParamInfo<Case>& param) {
-      std::string name = std::string(param.param.command + 5) + "_" + param.param.point;
-      for (char& c : name) {
-        c = c == '-' ? '_' : c;
-      }
-      return name;
-    });
+INSTANTIATE_TEST_SUITE_P(Points, SyncCrashTest,
+                         ::testing::Values(Case{"tarn.downloadlocal", "after-rename"},
+                                           Case{"tarn.downloadlocal", "after-record"},
+                                           Case{"tarn.uploadlocal", "after-rename"},
+                                           Case{"tarn.uploadlocal", "after-record"}),
+                         [](const ::testing::TestParamInfo<Case>& param) {
+                           std::string name =
+                               std::string(param.param.command + 5) + "_" + param.param.point;
+                           for (char& c : name) {
+                             c = c == '-' ? '_' : c;
+                           }
+                           return name;
+                         });
 
 }  // namespace

@@ -116,17 +116,17 @@ TEST(SyncDecision, Upload) {
 }
 
 TEST(SyncDecision, Remove) {
-  checkRows("remove", decideRemove,
-            {
-                {false, kAbsent, kChanged, kUnknown, Action::kRemove, "no record: as before"},
-                {true, kAbsent, kUnchanged, kUnknown, Action::kRemove,
-                 "the version this mirror saw"},
-                {true, kAbsent, kChanged, kUnknown, Action::kConflict,
-                 "someone else changed what is being removed"},
-                {true, kAbsent, kUnsure, kUnknown, Action::kCheckService,
-                 "an unsettled version: the content tells"},
-                {true, kAbsent, kAbsent, kUnknown, Action::kForget, "gone already"},
-            });
+  checkRows(
+      "remove", decideRemove,
+      {
+          {false, kAbsent, kChanged, kUnknown, Action::kRemove, "no record: as before"},
+          {true, kAbsent, kUnchanged, kUnknown, Action::kRemove, "the version this mirror saw"},
+          {true, kAbsent, kChanged, kUnknown, Action::kConflict,
+           "someone else changed what is being removed"},
+          {true, kAbsent, kUnsure, kUnknown, Action::kCheckService,
+           "an unsettled version: the content tells"},
+          {true, kAbsent, kAbsent, kUnknown, Action::kForget, "gone already"},
+      });
 }
 
 TEST(SyncDecision, GoneFromTheService) {

@@ -70,9 +70,10 @@ TEST_P(SyncDevicesTest, TheToolNamesTheConflictAndTheWayOut) {
   f.serviceWrite("d/f.txt", "changed by another program\n");
   f.edit(kA, "d/f.txt", "edited on A\n");
   veltest::AgentFixture& a = f.device(kA);
-  veltest::ProcessResult result = veltest::runProcess(
-      {VEL_TOOL_BIN, "commit", "d/f.txt"},
-      {{"UDS_ROOT_OSSUSER", a.udsRoot()}, {"TARN_ROOT_DIR", a.mirror()}, {"_APP_LOG_DIR", a.logDir()}});
+  veltest::ProcessResult result =
+      veltest::runProcess({VEL_TOOL_BIN, "commit", "d/f.txt"}, {{"UDS_ROOT_OSSUSER", a.udsRoot()},
+                                                                {"TARN_ROOT_DIR", a.mirror()},
+                                                                {"_APP_LOG_DIR", a.logDir()}});
   EXPECT_NE(std::string::npos,
             result.out.find("resp = ERR conflict: 'd/f.txt' changed on the service since this "
                             "mirror last synced it; nothing was sent. Run 'vel update d/f.txt'"))

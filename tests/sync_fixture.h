@@ -76,9 +76,7 @@ class Fleet {
 
   // The service's bytes of `rel`, read from the store folder ("" when
   // there is none).
-  std::string service(const std::string& rel) const {
-    return veltest::readFile(storePath(rel));
-  }
+  std::string service(const std::string& rel) const { return veltest::readFile(storePath(rel)); }
   bool onService(const std::string& rel) const { return veltest::pathExists(storePath(rel)); }
   // Another program changes `rel` on the service.
   void serviceWrite(const std::string& rel, const std::string& content) {
@@ -88,10 +86,10 @@ class Fleet {
     return devices_.front()->store() + "/" + rel;
   }
 
-  std::string mirrorPath(int i, const std::string& rel) {
-    return device(i).mirror() + "/" + rel;
+  std::string mirrorPath(int i, const std::string& rel) { return device(i).mirror() + "/" + rel; }
+  std::string mirror(int i, const std::string& rel) {
+    return veltest::readFile(mirrorPath(i, rel));
   }
-  std::string mirror(int i, const std::string& rel) { return veltest::readFile(mirrorPath(i, rel)); }
   bool inMirror(int i, const std::string& rel) { return veltest::pathExists(mirrorPath(i, rel)); }
   // An application writes the mirror file of device `i` directly.
   void edit(int i, const std::string& rel, const std::string& content) {

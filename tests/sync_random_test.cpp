@@ -115,9 +115,8 @@ class SyncRandomTest : public ::testing::TestWithParam<StoreKind> {
       std::map<std::string, std::string> theirs = filesBelow(f.storePath(path));
       std::string single = f.mirror(x, path);
       std::string service = f.service(path);
-      int status = f.as(x, [&] {
-        return folder ? VEL::delTree(path.c_str()) : VEL::unlink(path.c_str());
-      });
+      int status =
+          f.as(x, [&] { return folder ? VEL::delTree(path.c_str()) : VEL::unlink(path.c_str()); });
       if (status == 0) {
         for (const auto& entry : mine) {
           retire(entry.second);
@@ -192,8 +191,8 @@ TEST_P(SyncRandomTest, NoTwoWritersBetweenSyncsMeansNoConflicts) {
   const std::map<std::string, std::string> service = filesBelow(fleet_->storePath("d"));
   for (int x = 0; x < kDevices; ++x) {
     EXPECT_TRUE(fleet_->allKept(x).empty()) << "seed " << seed << ": device " << x;
-    EXPECT_EQ(service, filesBelow(fleet_->mirrorPath(x, "d"))) << "seed " << seed << ": device "
-                                                                  << x;
+    EXPECT_EQ(service, filesBelow(fleet_->mirrorPath(x, "d")))
+        << "seed " << seed << ": device " << x;
   }
 }
 
