@@ -9,6 +9,8 @@
 #include <curl/curl.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <glob.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -101,17 +103,21 @@ inline size_t filesBelow(const std::string& root) {
 }
 
 // An agent serving what `storeArgs` name into `mirror`, on the socket
-// `uds`/velfileagent/velfileagent.sock, with a journal of its requests at
-// `journal` unless that is empty; stopped by the destructor.
+// `uds`/velfileagent/velfileagent.sock, with its sync record in `uds`/state
+// and a journal of its requests at `journal` unless that is empty; stopped
+// by the destructor.
 class Agent {
  public:
   Agent(const std::string& binary, const std::string& mirror, const std::string& uds,
         const std::vector<std::string>& storeArgs, const std::string& journal = "")
-      : socket_(uds + "/velfileagent/velfileagent.sock"), journal_(journal) {
+      : socket_(uds + "/velfileagent/velfileagent.sock"),
+        state_(uds + "/state"),
+        journal_(journal) {
     makeDir(mirror);
     makeDir(uds);
     makeDir(uds + "/velfileagent");
-    std::vector<std::string> argv = {binary, "--mirror", mirror, "--socket", socket_};
+    std::vector<std::string> argv = {binary,  "--mirror", mirror, "--socket",
+                                     socket_, "--state",  state_};
     if (!journal.empty()) {
       argv.insert(argv.end(), {"--journal", journal});
     }
@@ -137,8 +143,28 @@ class Agent {
   const std::string& socket() const { return socket_; }
   const std::string& journal() const { return journal_; }
 
+  // Empties the sync record (as a second process would), so that the
+  // next round is a first sync again: a cold copy, not a skipped one.
+  void forget() const {
+    glob_t found;
+    if (::glob((state_ + "/sync-*.db").c_str(), 0, nullptr, &found) == 0) {
+      for (size_t i = 0; i < found.gl_pathc; ++i) {
+        sqlite3* db = nullptr;
+        if (sqlite3_open_v2(found.gl_pathv[i], &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK ||
+            sqlite3_busy_timeout(db, 5000) != SQLITE_OK ||
+            sqlite3_exec(db, "DELETE FROM files; DELETE FROM pending", nullptr, nullptr, nullptr) !=
+                SQLITE_OK) {
+          fail("cannot empty the sync record " + std::string(found.gl_pathv[i]));
+        }
+        sqlite3_close_v2(db);
+      }
+    }
+    ::globfree(&found);
+  }
+
  private:
   std::string socket_;
+  std::string state_;
   std::string journal_;
   pid_t pid_ = -1;
 };

@@ -10,6 +10,11 @@
 //    replayed one connection each (the library may not keep connections),
 //    after the folders the mirror needs are made;
 //  - large download/upload: cp(1) of the same file, then fsync of the copy;
+//  - warm update/commit of 20 files of 50 MiB: the same of 20 files of one
+//    byte (what is left when nothing is copied); ten read-opens of an
+//    unchanged 100 MiB file: ten stats and ten plain reads of its copy; an
+//    update after another device renamed a folder of 200 x 1 MiB: the warm
+//    update of the same tree;
 //  - a log line: stat of the path, the time stamp and the line formatted,
 //    one write on an O_APPEND descriptor;
 //  - local mode: the system calls on the same mirror paths;
@@ -19,7 +24,7 @@
 //    same server.
 //
 // Usage: vel_bench [--quick] [--only GROUP[,GROUP...]] [--agent PATH]
-//   groups: remote, tree, large, log, local, webdav
+//   groups: remote, tree, large, sync, log, local, webdav
 // The table goes to standard output, progress to standard error. Files go
 // below $TMPDIR (else /tmp); on a tmpfs the tree rows leave out the disk.
 #include <curl/curl.h>
@@ -38,18 +43,22 @@
 #include <ctime>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "bench_support.h"
 #include "support/webdav_server.h"
+#include "vel/fstream.h"
 #include "vel/hooks.h"
 #include "vel/instance.h"
 #include "vel/listing.h"
 #include "vel/log.h"
+#include "vel/mutations.h"
 #include "vel/query.h"
 
 namespace {
@@ -285,6 +294,7 @@ void treeRows(const Options& options, const std::string& dir, const Agent& agent
       {"tree update (syncFromServer)", "journal replay + mkdir", 1.1}, rounds,
       [&] {
         removeTree(mirrorTree);
+        agent.forget();
         const Clock::time_point start = Clock::now();
         makeDir(mirrorTree);
         for (int d = 0; d < kFolders; ++d) {
@@ -295,6 +305,7 @@ void treeRows(const Options& options, const std::string& dir, const Agent& agent
       },
       [&] {
         removeTree(mirrorTree);
+        agent.forget();
         const Clock::time_point start = Clock::now();
         if (VEL::syncFromServer("tree", true) != 0) {
           fail("tree update failed");
@@ -303,6 +314,7 @@ void treeRows(const Options& options, const std::string& dir, const Agent& agent
       });
 
   removeTree(storeUp);
+  agent.forget();
   mark = journalMark(agent);
   if (VEL::syncToServer("up", true) != 0 || velbench::filesBelow(storeUp) != files) {
     fail("the tree commit did not send every file");
@@ -312,10 +324,12 @@ void treeRows(const Options& options, const std::string& dir, const Agent& agent
       {"tree commit (syncToServer)", "journal replay", 1.1}, rounds,
       [&] {
         removeTree(storeUp);
+        agent.forget();
         return replay(agent.socket(), pushes);
       },
       [&] {
         removeTree(storeUp);
+        agent.forget();
         const Clock::time_point start = Clock::now();
         if (VEL::syncToServer("up", true) != 0) {
           fail("tree commit failed");
@@ -324,7 +338,7 @@ void treeRows(const Options& options, const std::string& dir, const Agent& agent
       });
 }
 
-void largeRows(const Options& options, const std::string& dir, size_t mib) {
+void largeRows(const Options& options, const std::string& dir, size_t mib, const Agent& agent) {
   const int rounds = options.quick ? 3 : 5;
   const std::string copy = dir + "/floor/copy";
   const std::string down = dir + "/mirror/big";
@@ -335,6 +349,7 @@ void largeRows(const Options& options, const std::string& dir, size_t mib) {
       [&] { return copyAndFlush(dir + "/store/big", copy); },
       [&] {
         ::unlink(down.c_str());
+        agent.forget();
         const Clock::time_point start = Clock::now();
         if (VEL::syncFromServer("big", false) != 0) {
           fail("download failed");
@@ -346,6 +361,7 @@ void largeRows(const Options& options, const std::string& dir, size_t mib) {
       [&] { return copyAndFlush(dir + "/mirror/bigup", copy); },
       [&] {
         ::unlink(up.c_str());
+        agent.forget();
         const Clock::time_point start = Clock::now();
         if (VEL::syncToServer("bigup", false) != 0) {
           fail("upload failed");
@@ -454,6 +470,209 @@ void localRows(const Options& options, const std::string& dir) {
         });
       });
 #pragma GCC diagnostic pop
+}
+
+// Which file each path below `root` is (inode and modification time): a
+// copy put in place is a new file with a new time.
+std::map<std::string, std::string> filesAt(const std::string& root) {
+  std::map<std::string, std::string> out;
+  std::error_code error;
+  for (std::filesystem::recursive_directory_iterator it(root, error), end; !error && it != end;
+       it.increment(error)) {
+    struct stat st;
+    if (it->is_regular_file() && ::stat(it->path().c_str(), &st) == 0) {
+      out[it->path().string()] = std::to_string(st.st_ino) + "@" +
+                                 std::to_string(st.st_mtim.tv_sec) + "." +
+                                 std::to_string(st.st_mtim.tv_nsec);
+    }
+  }
+  return out;
+}
+
+// The same, keyed by the path below `root`.
+std::map<std::string, std::string> filesIn(const std::string& root) {
+  std::map<std::string, std::string> out;
+  for (const auto& file : filesAt(root)) {
+    out[file.first.substr(root.size())] = file.second;
+  }
+  return out;
+}
+
+bool pathExists(const std::string& path) {
+  struct stat st;
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
+// Lines printed under the table: what the rows above also proved.
+std::vector<std::string> g_checks;
+
+// The library working for the agent on `uds` with the mirror `mirror`.
+void useDevice(const std::string& mirror, const std::string& uds) {
+  VEL::finish();
+  ::setenv("TARN_ROOT_DIR", mirror.c_str(), 1);
+  ::setenv("UDS_ROOT_OSSUSER", uds.c_str(), 1);
+  VEL::init({{"clientType", "Tavora"}});
+}
+
+// What the sync record saves: warm updates and commits whose cost does not
+// depend on the size of the files, read-opens of an unchanged file that
+// copy nothing, and a folder renamed on one device arriving at another as
+// a rename.
+void syncRows(const Options& options, const std::string& dir) {
+  const int rounds = options.quick ? 5 : 15;
+  const int bigFiles = 20;
+  const size_t bigMiB = options.quick ? 8 : 50;
+  for (int i = 0; i < bigFiles; ++i) {
+    const std::string name = "/f" + std::to_string(i);
+    makeDir(dir + "/store/warm-big");
+    makeDir(dir + "/store/warm-small");
+    makeFile(dir + "/store/warm-big" + name, bigMiB << 20, 77 + static_cast<unsigned>(i));
+    makeFile(dir + "/store/warm-small" + name, 1, 99 + static_cast<unsigned>(i));
+  }
+  // Warm means synced a while ago: a version read within a second or two of
+  // its change is checked by its content until it settles.
+  std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+  if (VEL::syncFromServer("warm-big", true) != 0 || VEL::syncFromServer("warm-small", true) != 0) {
+    fail("the first update of the warm trees failed");
+  }
+  auto timed = [](const std::function<int32_t()>& call, const char* what) {
+    const Clock::time_point start = Clock::now();
+    if (call() != 0) {
+      fail(what);
+    }
+    return seconds(start);
+  };
+  std::map<std::string, std::string> before = filesAt(dir + "/mirror/warm-big");
+  measure(
+      {"warm update, 20 x " + std::to_string(bigMiB) + " MiB", "the same of 20 x 1 byte", 1.2},
+      rounds,
+      [&] { return timed([] { return VEL::syncFromServer("warm-small", true); }, "update"); },
+      [&] { return timed([] { return VEL::syncFromServer("warm-big", true); }, "update"); });
+  if (filesAt(dir + "/mirror/warm-big") != before) {
+    fail("a warm update wrote to the mirror");
+  }
+  g_checks.push_back(
+      "warm update: 0 bytes written to the mirror (every file kept its inode and time)");
+
+  // The same files committed: sent once, then never again.
+  if (VEL::syncToServer("warm-big", true) != 0 || VEL::syncToServer("warm-small", true) != 0) {
+    fail("the first commit of the warm trees failed");
+  }
+  before = filesAt(dir + "/store/warm-big");
+  measure(
+      {"warm commit, 20 x " + std::to_string(bigMiB) + " MiB", "the same of 20 x 1 byte", 1.2},
+      rounds, [&] { return timed([] { return VEL::syncToServer("warm-small", true); }, "commit"); },
+      [&] { return timed([] { return VEL::syncToServer("warm-big", true); }, "commit"); });
+  if (filesAt(dir + "/store/warm-big") != before) {
+    fail("a warm commit wrote to the service");
+  }
+  g_checks.push_back(
+      "warm commit: 0 bytes written to the service (every file kept its inode and time)");
+
+  // Ten read-opens of an unchanged file against ten stats and ten plain
+  // reads of its mirror copy.
+  const size_t readMiB = options.quick ? 16 : 100;
+  makeFile(dir + "/store/read-big", readMiB << 20, 4242);
+  std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+  if (VEL::syncFromServer("read-big", false) != 0) {
+    fail("cannot bring read-big");
+  }
+  const std::string mirrorCopy = dir + "/mirror/read-big";
+  std::vector<char> buffer(1 << 20);
+  auto readAll = [&](std::istream& in) {
+    size_t got = 0;
+    while (in.read(buffer.data(), static_cast<std::streamsize>(buffer.size())) || in.gcount() > 0) {
+      got += static_cast<size_t>(in.gcount());
+    }
+    if (got != readMiB << 20) {
+      fail("a read of read-big came short");
+    }
+  };
+  measure(
+      {"10 read-opens, " + std::to_string(readMiB) + " MiB", "10 x (VEL::stat + plain read)", 1.3},
+      rounds,
+      [&] {
+        const Clock::time_point start = Clock::now();
+        for (int i = 0; i < 10; ++i) {
+          struct stat st;
+          if (VEL::stat("read-big", &st) != 0) {
+            fail("VEL::stat of read-big failed");
+          }
+          std::ifstream in(mirrorCopy, std::ios::binary);
+          readAll(in);
+        }
+        return seconds(start);
+      },
+      [&] {
+        const Clock::time_point start = Clock::now();
+        for (int i = 0; i < 10; ++i) {
+          VEL::ifstream in("read-big", std::ios::binary);
+          readAll(in);
+        }
+        return seconds(start);
+      });
+
+  // A folder of 200 x 1 MiB renamed on device A; device B's update of the
+  // parent against its warm update of the same, unchanged tree. B updates
+  // two seconds after the rename, as another device would: within that
+  // time of a change a version is checked by its content.
+  const std::string aMirror = dir + "/mirror";
+  const std::string bMirror = dir + "/mirror-b";
+  const std::string aUds = ::getenv("UDS_ROOT_OSSUSER");
+  makeDir(dir + "/store/moving");
+  makeDir(dir + "/store/moving/s");
+  for (int i = 0; i < 200; ++i) {
+    makeFile(dir + "/store/moving/s/f" + std::to_string(i), 1 << 20,
+             1000 + static_cast<unsigned>(i));
+  }
+  {
+    Agent b(options.agent, bMirror, dir + "/uds-b", {"--store", dir + "/store"});
+    useDevice(bMirror, dir + "/uds-b");
+    if (VEL::syncFromServer("moving", true) != 0) {
+      fail("B's first update of moving failed");
+    }
+    useDevice(aMirror, aUds);
+    if (VEL::syncFromServer("moving", true) != 0) {
+      fail("A's first update of moving failed");
+    }
+    std::string oldName = "s";
+    std::string newName = "t";
+    int moved = 0;
+    int renamed = 0;
+    measure(
+        {"update after a folder rename", "warm update of the same tree", 1.2},
+        options.quick ? 3 : 7,
+        [&] {
+          useDevice(bMirror, dir + "/uds-b");
+          return timed([] { return VEL::syncFromServer("moving", true); }, "B's warm update");
+        },
+        [&] {
+          useDevice(aMirror, aUds);
+          if (VEL::rename(("moving/" + oldName).c_str(), ("moving/" + newName).c_str()) != 0) {
+            fail("A's rename of moving/" + oldName + " failed");
+          }
+          std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+          useDevice(bMirror, dir + "/uds-b");
+          const std::map<std::string, std::string> held = filesIn(bMirror + "/moving/" + oldName);
+          const double spent =
+              timed([] { return VEL::syncFromServer("moving", true); }, "B's update");
+          const std::map<std::string, std::string> now = filesIn(bMirror + "/moving/" + newName);
+          if (now.size() != held.size() || pathExists(bMirror + "/moving/" + oldName)) {
+            fail("B's mirror did not follow the rename");
+          }
+          for (const auto& file : held) {
+            auto it = now.find(file.first);
+            moved += it != now.end() && it->second == file.second ? 1 : 0;
+          }
+          renamed += static_cast<int>(held.size());
+          std::swap(oldName, newName);
+          return spent;
+        });
+    g_checks.push_back("update after a folder rename: " + std::to_string(moved) + " of " +
+                       std::to_string(renamed) +
+                       " files arrived as the same mirror file, moved, not fetched again");
+    useDevice(aMirror, aUds);
+  }
 }
 
 bool agentHasWebdav(const std::string& agent) {
@@ -573,6 +792,12 @@ void printTable(const std::string& loadBefore) {
                  row.floor.c_str(), row.ratio, row.low, row.high, row.target,
                  row.ratio <= row.target ? "yes" : "no", row.rounds);
   }
+  if (!g_checks.empty()) {
+    std::fprintf(g_out, "\n");
+  }
+  for (const std::string& check : g_checks) {
+    std::fprintf(g_out, "%s\n", check.c_str());
+  }
   std::fflush(g_out);
 }
 
@@ -593,7 +818,7 @@ int main(int argc, char** argv) {
       options.agent = argv[++i];
     } else {
       std::fprintf(stderr,
-                   "usage: vel_bench [--quick] [--only remote,tree,large,log,local,webdav] "
+                   "usage: vel_bench [--quick] [--only remote,tree,large,sync,log,local,webdav] "
                    "[--agent PATH]\n");
       return 2;
     }
@@ -654,7 +879,10 @@ int main(int argc, char** argv) {
       treeRows(options, dir, agent);
     }
     if (wanted("large")) {
-      largeRows(options, dir, mib);
+      largeRows(options, dir, mib, agent);
+    }
+    if (wanted("sync")) {
+      syncRows(options, dir);
     }
     if (wanted("webdav")) {
       webdavRow(options, dir);

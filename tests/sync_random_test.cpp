@@ -190,7 +190,13 @@ TEST_P(SyncRandomTest, NoTwoWritersBetweenSyncsMeansNoConflicts) {
   settle();
   const std::map<std::string, std::string> service = filesBelow(fleet_->storePath("d"));
   for (int x = 0; x < kDevices; ++x) {
-    EXPECT_TRUE(fleet_->allKept(x).empty()) << "seed " << seed << ": device " << x;
+    std::vector<std::string> kept = fleet_->allKept(x);
+    EXPECT_TRUE(kept.empty()) << "seed " << seed << ": device " << x << " kept "
+                              << (kept.empty()
+                                      ? ""
+                                      : kept[0] + " \"" +
+                                            veltest::readFile(fleet_->mirrorPath(x, kept[0])) +
+                                            "\"");
     EXPECT_EQ(service, filesBelow(fleet_->mirrorPath(x, "d")))
         << "seed " << seed << ": device " << x;
   }

@@ -13,6 +13,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <time.h>
+
 #include <algorithm>
 #include <functional>
 #include <map>
@@ -54,6 +56,9 @@ constexpr int kMaxRounds = 12;
 constexpr int kMaxWalkDepth = 64;
 constexpr size_t kMaxWalkEntries = 100000;
 constexpr mode_t kMirrorFolderMode = 0750;
+// A time this far in the past is in no clock tick of a file system to come
+// (two seconds: the coarsest stamps kept, on FAT).
+constexpr time_t kPastSeconds = 2;
 
 void syncLog(const std::string& text) { logLine("sync: " + text); }
 
@@ -305,6 +310,16 @@ Reply Commands::downloadFile(const std::string& path, const std::string& clean, 
     coming.mirrorSize = target.size();
     coming.hash = target.hash();
     record_.expect(coming);
+    // The copy carries the service's modification time when that lies
+    // safely in the past: an edit made afterwards stamps it anew, so its
+    // time alone tells it from this copy (a copy stamped now could share
+    // its clock tick with an edit, and only its hash could).
+    const bool stampedInThePast =
+        copied.mtime > 0 && copied.mtime + kPastSeconds <= ::time(nullptr);
+    if (stampedInThePast) {
+      struct timespec times[2] = {{0, UTIME_OMIT}, {copied.mtime, 0}};
+      ::futimens(target.fd(), times);
+    }
     int err = target.commit(copied.mode);
     if (err != 0) {
       return Reply::error(errnoText("download failed", err));
@@ -316,7 +331,7 @@ Reply Commands::downloadFile(const std::string& path, const std::string& clean, 
     entry.mirrorInode = target.committedInode();
     entry.mirrorSize = target.size();
     entry.mirrorMtimeNs = target.committedMtimeNs();
-    entry.mirrorSettled = false;  // stamped just now
+    entry.mirrorSettled = stampedInThePast;
     entry.hash = target.hash();
     record_.put(entry);
     crashPoint(kCrashAfterRecord);
@@ -990,6 +1005,7 @@ void Commands::reconcile(const std::string& folder, const std::vector<StoreEntry
     lockPaths.push_back(path);
   }
   PathLocks::Guard guard = locks_.lock(lockPaths);
+  SyncRecord::Batch batch(record_);
   for (const RecordEntry& listedRecord : gone) {
     // Read again under the lock: a command may have changed it since.
     RecordEntry record;

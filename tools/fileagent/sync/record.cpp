@@ -379,16 +379,15 @@ bool SyncRecord::put(const RecordEntry& entry) {
   sqlite3_bind_int64(stmt, 7, entry.mirrorMtimeNs);
   sqlite3_bind_int(stmt, 8, entry.mirrorSettled ? 1 : 0);
   sqlite3_bind_blob(stmt, 9, bytes, sizeof bytes, SQLITE_TRANSIENT);
-  int rc = sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+  int rc = begin();
   rc = rc == SQLITE_OK ? change(stmt) : rc;
   if (rc == SQLITE_OK) {
     bind(statements_->unexpect, 1, entry.path);
     rc = change(statements_->unexpect);
   }
-  rc = rc == SQLITE_OK ? sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) : rc;
+  rc = end(rc);
   if (rc != SQLITE_OK) {
     sqlite3_reset(stmt);
-    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
     failed("write", rc);
   }
   return rc == SQLITE_OK;
@@ -482,7 +481,7 @@ bool SyncRecord::move(const std::string& from, const std::string& to) {
     return false;
   }
   // What was recorded at the destination was replaced there by the move.
-  int rc = sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+  int rc = begin();
   if (rc == SQLITE_OK) {
     sqlite3_stmt* drop = statements_->dropTree;
     bind(drop, 1, to);
@@ -497,12 +496,47 @@ bool SyncRecord::move(const std::string& from, const std::string& to) {
     sqlite3_bind_int(stmt, 5, static_cast<int>(from.size()) + 1);
     rc = change(stmt);
   }
-  rc = rc == SQLITE_OK ? sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) : rc;
+  rc = end(rc);
   if (rc != SQLITE_OK) {
-    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
     failed("write", rc);
   }
   return rc == SQLITE_OK;
+}
+
+int SyncRecord::begin() {
+  return batched_ > 0 ? SQLITE_OK : sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+}
+
+int SyncRecord::end(int rc) {
+  if (batched_ > 0) {
+    return rc;  // the batch commits
+  }
+  if (rc == SQLITE_OK) {
+    rc = sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
+  }
+  if (rc != SQLITE_OK) {
+    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+  }
+  return rc;
+}
+
+SyncRecord::Batch::Batch(SyncRecord& record) : record_(record) {
+  std::lock_guard<std::mutex> lock(record_.mutex_);
+  if (record_.statements_ && record_.batched_++ == 0 &&
+      sqlite3_exec(record_.db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+    --record_.batched_;  // each change commits on its own then
+  }
+}
+
+SyncRecord::Batch::~Batch() {
+  std::lock_guard<std::mutex> lock(record_.mutex_);
+  if (record_.batched_ > 0 && --record_.batched_ == 0) {
+    int rc = sqlite3_exec(record_.db_, "COMMIT", nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK) {
+      sqlite3_exec(record_.db_, "ROLLBACK", nullptr, nullptr, nullptr);
+      record_.failed("write", rc);
+    }
+  }
 }
 
 std::vector<RecordEntry> SyncRecord::below(const std::string& path, bool directOnly) {

@@ -61,6 +61,20 @@ class SyncRecord {
   // something had to be rebuilt or replaced ("" otherwise).
   static std::unique_ptr<SyncRecord> open(const std::string& stateDir, const std::string& mirror,
                                           const std::string& service, std::string& note);
+  // Makes the changes of this record until it is destroyed one
+  // transaction (changes of other threads meanwhile join it): for commands
+  // that change many entries at once.
+  class Batch {
+   public:
+    explicit Batch(SyncRecord& record);
+    ~Batch();
+    Batch(const Batch&) = delete;
+    Batch& operator=(const Batch&) = delete;
+
+   private:
+    SyncRecord& record_;
+  };
+
   // A record in memory only (tests, and the fallback above).
   static std::unique_ptr<SyncRecord> inMemory(const std::string& mirror,
                                               const std::string& service);
@@ -112,6 +126,10 @@ class SyncRecord {
   struct Statements;
   SyncRecord(sqlite3* db, std::string file);
   bool prepare();
+  // BEGIN unless a batch is open; end() commits (or rolls back after the
+  // error `rc`) unless a batch is open. Called with the mutex held.
+  int begin();
+  int end(int rc);
   // Logs `what` failed with the database's error (once per error code),
   // and rebuilds the database when it turned out corrupt.
   void failed(const char* what, int code);
@@ -123,6 +141,7 @@ class SyncRecord {
   std::string service_;
   std::unique_ptr<Statements> statements_;
   int lastLoggedError_ = 0;
+  int batched_ = 0;  // open batches
 };
 
 }  // namespace velagent
