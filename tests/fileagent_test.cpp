@@ -214,12 +214,24 @@ TEST(FileAgent, RefusesToStartWhenTheStoreAndTheMirrorOverlap) {
   makeDirs(dir.sub("mirror"));
   makeDirs(dir.sub("store2"));
   ASSERT_EQ(0, ::symlink(dir.sub("store").c_str(), dir.sub("alias").c_str()));
-  auto start = [&](const std::string& store, const std::string& mirror) {
+  auto start = [&](const std::string& store, const std::string& mirror,
+                   const std::string& state = "") {
     return runProcess({"/bin/sh", "-c",
                        "exec timeout --preserve-status -s TERM 1 '" + std::string(VEL_AGENT_BIN) +
                            "' --store '" + store + "' --mirror '" + mirror + "' --socket '" +
-                           dir.sub("a.sock") + "' 2>&1"});
+                           dir.sub("a.sock") + "' --state '" +
+                           (state.empty() ? dir.sub("state") : state) + "' 2>&1"});
   };
+  // The sync record never lives where a commit or a listing would take it
+  // to the service.
+  for (const std::string& state :
+       {dir.sub("mirror/.state"), dir.sub("store2/state"), dir.sub("mirror")}) {
+    ProcessResult result = start(dir.sub("store2"), dir.sub("mirror"), state);
+    EXPECT_EQ(2, result.status) << state << ": " << result.out;
+    EXPECT_NE(std::string::npos, result.out.find("give a folder outside the mirror and the store"))
+        << result.out;
+    EXPECT_FALSE(pathExists(dir.sub("mirror/.state")));
+  }
   const std::vector<std::pair<std::string, std::string>> overlapping = {
       {dir.sub("store"), dir.sub("store/")},          // the same folder
       {dir.sub("store"), dir.sub("alias")},           // the same through a link
