@@ -132,6 +132,21 @@ TEST_P(SyncDevicesTest, TheSameNewNameOnTwoDevices) {
   EXPECT_TRUE(f.kept(kB, "d/same.txt").empty());
 }
 
+// A version first read within a second of its change (a weak tag on a
+// WebDAV server, an unsettled time) is the same version once it settles:
+// an edit committed later is no conflict.
+TEST_P(SyncDevicesTest, AVersionReadWhileFreshIsTheSameOnceSettled) {
+  Fleet& f = *fleet_;
+  f.serviceWrite("d/fresh.txt", "fresh\n");
+  ASSERT_EQ(0, f.update(kA, "d"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  f.edit(kA, "d/fresh.txt", "edited a second later\n");
+  EXPECT_EQ(0, f.commit(kA, "d/fresh.txt"));
+  EXPECT_EQ("edited a second later\n", f.service("d/fresh.txt"));
+  ASSERT_EQ(0, f.update(kA, "d"));
+  EXPECT_TRUE(f.allKept(kA).empty());
+}
+
 // Ordinary use: one device commits again and again; the other fetches and
 // commits after it. No conflict, no kept copy, every mirror as the service.
 TEST_P(SyncDevicesTest, OrdinaryUseRaisesNoConflict) {

@@ -348,12 +348,23 @@ bool weakTag(const std::string& etag) { return etag.compare(0, 2, "W/") == 0; }
 // its last-modified time and size. A tag is strong unless marked weak; a
 // time read within the second it names may not show a change made in the
 // same second.
+// A weak tag is the same version as the strong tag of the same value
+// (Apache marks a tag weak for the first second after a change, then
+// strong): the version is the tag without "W/", and a weak one is not
+// settled.
 void describeVersion(const std::string& etag, time_t mtime, long long size, StoreStat& out) {
-  out.version = !etag.empty() ? etag : "lm:" + std::to_string(mtime) + "-" + std::to_string(size);
+  out.version = !etag.empty() ? (weakTag(etag) ? etag.substr(2) : etag)
+                              : "lm:" + std::to_string(mtime) + "-" + std::to_string(size);
   out.settled = !etag.empty() && !weakTag(etag) && ::time(nullptr) - mtime >= 1;
   // A strong tag made of the size and the time in microseconds (Apache's)
   // moves with the file and hardly repeats.
   out.identity = !etag.empty() && !weakTag(etag);
+}
+
+std::string versionOfNode(const DavNode& node) {
+  StoreStat st;
+  describeVersion(node.etag, node.mtime, node.size, st);
+  return st.version;
 }
 
 void describeNode(const DavNode& node, StoreStat& out) {
@@ -538,13 +549,12 @@ Status WebDavStore::setMode(const std::string& path, bool collection, mode_t mod
 
 namespace {
 
-// True when the server can check `expect` itself: a strong tag (servers
-// compare If-Match strongly, so a weak one never matches) or "nothing
-// there".
+// True when the server can check `expect` itself: an entity tag, sent in
+// its strong form (a server whose tag is still weak refuses it: the store
+// then checks and tries again without), or "nothing there".
 bool serverChecks(const Expect& expect) {
   return expect.kind == Expect::Kind::kAbsent ||
-         (expect.kind == Expect::Kind::kVersion && expect.version.compare(0, 3, "lm:") != 0 &&
-          !weakTag(expect.version));
+         (expect.kind == Expect::Kind::kVersion && expect.version.compare(0, 3, "lm:") != 0);
 }
 
 // The condition headers of a change that expects `expect`.
@@ -564,14 +574,20 @@ Status WebDavStore::upload(int source, const std::string& path, mode_t mode, con
   if (::fstat(source, &st) != 0) {
     return Status::fromErrno(errno);
   }
-  if (expect.kind == Expect::Kind::kVersion && !serverChecks(expect)) {
-    // Checked here, just before the PUT: the server cannot.
+  // Checked here, just before the PUT, where the server cannot (no tag),
+  // and after a refusal of a tag that may only be weak still.
+  auto stillExpected = [&]() -> Status {
     StoreStat now;
     Status status = stat(path, true, now);
     if (status.code() == Status::Code::kNotFound ||
         (status.isOk() && now.version != expect.version)) {
       return Status::error(Status::Code::kConflict, "the file changed");
     }
+    return status;
+  };
+  bool conditional = serverChecks(expect);
+  if (expect.kind == Expect::Kind::kVersion && !conditional) {
+    Status status = stillExpected();
     if (!status.isOk()) {
       return status;
     }
@@ -586,6 +602,17 @@ Status WebDavStore::upload(int source, const std::string& path, mode_t mode, con
   request.sourceSize = static_cast<long long>(st.st_size);
   request.sourceHash = &hasher;
   Response response = perform(request);
+  if (answered(response, 412) && expect.kind == Expect::Kind::kVersion) {
+    Status status = stillExpected();
+    if (!status.isOk()) {
+      return status;
+    }
+    // The version is the expected one, its tag only weak yet: sent again
+    // without the condition.
+    hasher.reset();
+    request.headers = {"Content-Type: application/octet-stream"};
+    response = perform(request);
+  }
   if (answered(response, 405)) {
     return Status::fromErrno(EISDIR);  // a collection stands there
   }
@@ -707,7 +734,17 @@ Status WebDavStore::remove(const std::string& path, bool recursive, const Expect
   if (!isDir) {
     addConditions(expect, request.headers);
   }
+  if (!isDir && expect.kind == Expect::Kind::kVersion && !serverChecks(expect) &&
+      (node == nullptr || versionOfNode(*node) != expect.version)) {
+    return Status::error(Status::Code::kConflict, "the file changed");
+  }
   Response response = perform(request);
+  if (answered(response, 412) && expect.kind == Expect::Kind::kVersion && node != nullptr &&
+      versionOfNode(*node) == expect.version) {
+    // Read just before at the expected version, its tag only weak yet.
+    request.headers.clear();
+    response = perform(request);
+  }
   if (answered(response, 404)) {
     return Status::ok();
   }
