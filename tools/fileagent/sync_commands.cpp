@@ -959,44 +959,70 @@ void Commands::reconcile(const std::string& folder, const std::vector<StoreEntry
   // of it) that carries a gone file's content is that file, moved.
   std::vector<std::pair<std::string, StoreStat>> newFiles;
   size_t walked = 0;
-  std::function<void(const std::string&, const StoreEntry&, int)> visit;
-  visit = [&](const std::string& full, const StoreEntry& entry, int depth) {
-    if (++walked > kMaxWalkEntries) {
-      return;
-    }
-    if (!entry.isDir) {
-      StoreStat st = entry.stat;
-      if ((entry.described || store_.stat(full, false, st).isOk()) && !st.isLink &&
-          ((st.identity && !st.version.empty()) || st.hashKnown)) {
-        newFiles.emplace_back(full, st);
+  // The files of the new names of the listing, and of the folders below
+  // them, with their versions.
+  std::function<void(const std::string&, std::vector<StoreEntry>&, int)> visit;
+  visit = [&](const std::string& folderPath, std::vector<StoreEntry>& children, int depth) {
+    store_.describe(folderPath, children);
+    for (StoreEntry& entry : children) {
+      const std::string full = folderPath.empty() ? entry.name : folderPath + "/" + entry.name;
+      if (++walked > kMaxWalkEntries) {
+        return;
       }
-      return;
-    }
-    std::vector<StoreEntry> children;
-    if (depth >= kMaxWalkDepth || !store_.list(full, children).isOk()) {
-      return;
-    }
-    for (const StoreEntry& child : children) {
-      visit(full + "/" + child.name, child, depth + 1);
+      if (!entry.isDir) {
+        const StoreStat& st = entry.stat;
+        if (entry.described && !st.isLink &&
+            ((st.identity && !st.version.empty()) || st.hashKnown)) {
+          newFiles.emplace_back(full, st);
+        }
+        continue;
+      }
+      std::vector<StoreEntry> below;
+      if (depth < kMaxWalkDepth && store_.list(full, below).isOk()) {
+        visit(full, below, depth + 1);
+      }
     }
   };
+  std::vector<StoreEntry> fresh;
   for (const StoreEntry& entry : entries) {
     if (recordedNames.count(entry.name) == 0) {
-      visit(prefix + entry.name, entry, 0);
+      fresh.push_back(entry);
+    }
+  }
+  visit(folder, fresh, 0);
+  // A gone file's new name, by its version or by its content note.
+  std::multimap<std::string, size_t> byVersion;
+  std::multimap<std::string, size_t> byHash;
+  for (size_t i = 0; i < newFiles.size(); ++i) {
+    const StoreStat& st = newFiles[i].second;
+    if (st.identity && !st.version.empty()) {
+      byVersion.emplace(st.version, i);
+    }
+    if (st.hashKnown) {
+      byHash.emplace(st.hash.hex(), i);
     }
   }
   std::vector<std::string> lockPaths;
   std::map<std::string, const std::pair<std::string, StoreStat>*> moves;  // gone path -> new
-  std::set<std::string> taken;
+  std::set<size_t> taken;
   for (const RecordEntry& record : gone) {
     lockPaths.push_back(record.path);
-    for (const auto& candidate : newFiles) {
+    std::vector<size_t> candidates;
+    for (auto range = byVersion.equal_range(record.version); range.first != range.second;
+         ++range.first) {
+      candidates.push_back(range.first->second);
+    }
+    for (auto range = byHash.equal_range(record.hash.hex()); range.first != range.second;
+         ++range.first) {
+      candidates.push_back(range.first->second);
+    }
+    for (size_t i : candidates) {
       RecordEntry there;
-      if (carries(candidate.second, record) && taken.count(candidate.first) == 0 &&
-          !record_.get(candidate.first, there)) {
-        taken.insert(candidate.first);
-        moves[record.path] = &candidate;
-        lockPaths.push_back(candidate.first);
+      if (carries(newFiles[i].second, record) && taken.count(i) == 0 &&
+          !record_.get(newFiles[i].first, there)) {
+        taken.insert(i);
+        moves[record.path] = &newFiles[i];
+        lockPaths.push_back(newFiles[i].first);
         break;
       }
     }
@@ -1006,14 +1032,25 @@ void Commands::reconcile(const std::string& folder, const std::vector<StoreEntry
   }
   PathLocks::Guard guard = locks_.lock(lockPaths);
   SyncRecord::Batch batch(record_);
+  // Whether a gone name is still gone, asked once per name of the listing.
+  std::map<std::string, bool> stillGone;
   for (const RecordEntry& listedRecord : gone) {
     // Read again under the lock: a command may have changed it since.
     RecordEntry record;
     if (!record_.get(listedRecord.path, record)) {
       continue;
     }
-    StoreStat st;
-    if (store_.stat(record.path, false, st).code() != Status::Code::kNotFound) {
+    const size_t slash = record.path.find('/', prefix.size());
+    const std::string top = record.path.substr(0, slash);
+    auto known = stillGone.find(top);
+    if (known == stillGone.end()) {
+      StoreStat st;
+      Status status = store_.stat(top, false, st);
+      bool absent = status.code() == Status::Code::kNotFound ||
+                    (status.isOk() && (top == record.path ? st.isDir : !st.isDir));
+      known = stillGone.emplace(top, absent).first;
+    }
+    if (!known->second) {
       continue;  // back already
     }
     auto move = moves.find(record.path);

@@ -349,6 +349,26 @@ Status FolderStore::list(const std::string& path, std::vector<StoreEntry>& out) 
   return Status::ok();
 }
 
+void FolderStore::describe(const std::string& path, std::vector<StoreEntry>& entries) {
+  // One resolution of the folder, then each name below it.
+  UniqueFd folder;
+  if (root_.openDir(path, folder) != 0) {
+    return;
+  }
+  for (StoreEntry& entry : entries) {
+    struct stat st;
+    if (entry.described ||
+        ::fstatat(folder.get(), entry.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      continue;
+    }
+    fill(st, entry.stat);
+    if (S_ISREG(st.st_mode)) {
+      readHashNoteAt(folder.get(), entry.name, entry.stat);
+    }
+    entry.described = true;
+  }
+}
+
 std::string FolderStore::identity() const {
   char real[PATH_MAX];
   return std::string("folder:") +

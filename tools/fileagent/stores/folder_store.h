@@ -27,6 +27,7 @@ class FolderStore : public Store {
 
   Status stat(const std::string& path, bool followLast, StoreStat& out) override;
   Status list(const std::string& path, std::vector<StoreEntry>& out) override;
+  void describe(const std::string& path, std::vector<StoreEntry>& entries) override;
   std::string identity() const override;
   Status download(const std::string& path, ByteSink& target, StoreStat& copied,
                   const std::string& ifNoneMatch) override;

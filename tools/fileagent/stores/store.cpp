@@ -18,4 +18,13 @@ Status Status::fromResolve(int err) {
   return fromErrno(err);
 }
 
+void Store::describe(const std::string& path, std::vector<StoreEntry>& entries) {
+  for (StoreEntry& entry : entries) {
+    if (!entry.described) {
+      entry.described =
+          stat(path.empty() ? entry.name : path + "/" + entry.name, false, entry.stat).isOk();
+    }
+  }
+}
+
 }  // namespace velagent

@@ -163,6 +163,11 @@ class Store {
   // temporary names of copies under way. kNotFound, kNotDirectory,
   // kRefused, kFailed.
   virtual Status list(const std::string& path, std::vector<StoreEntry>& out) = 0;
+  // Fills `stat` of every entry of `entries` (a listing of the folder
+  // `path`) that is not `described` yet, as stat() would without following
+  // a last link; an entry that cannot be described is left as it is. The
+  // default asks stat() for each; a store that can do better overrides it.
+  virtual void describe(const std::string& path, std::vector<StoreEntry>& entries);
   // Writes the whole content of the file `path` into `target` (for a
   // mirror copy, begun and not committed: the caller commits) and
   // describes what it copied in `copied`, which comes in holding what
