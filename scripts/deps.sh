@@ -7,11 +7,14 @@ set -euo pipefail
 # dpkg-dev, file and lintian: building and checking the Debian packages.
 # libcurl and pugixml: the agent's WebDAV store; apache2 and openssl: the
 # WebDAV server (plain and HTTPS) the tests and the demo start in a folder of
-# their own. clang and libclang-rt-dev (libFuzzer): the fuzz targets.
+# their own; lighttpd with its WebDAV module, nginx with the DAV extension
+# module and rclone: the other WebDAV servers the per-server tests start the
+# same way. clang and libclang-rt-dev (libFuzzer): the fuzz targets.
 packages=(cmake make g++ pkg-config libhiredis-dev libjsoncpp-dev libace-dev
           libgtest-dev googletest clang-format dpkg-dev file lintian
           libcurl4-openssl-dev libpugixml-dev apache2 openssl clang libclang-rt-dev
-          libsqlite3-dev libxxhash-dev)
+          libsqlite3-dev libxxhash-dev lighttpd lighttpd-mod-webdav lighttpd-mod-openssl nginx
+          libnginx-mod-http-dav-ext rclone)
 if [[ "${1:-}" == "--arm" ]]; then
   packages+=(g++-aarch64-linux-gnu qemu-user)
 fi
@@ -33,8 +36,8 @@ if [[ $(id -u) -ne 0 ]]; then
 fi
 export DEBIAN_FRONTEND=noninteractive
 "${sudo_cmd[@]}" apt-get update -qq
-# Installing apache2 would start the system's web server; the tests start
-# their own. A policy-rc.d that refuses every start (exit status 101) holds
+# Installing apache2, lighttpd or nginx would start the system's web server;
+# the tests start their own. A policy-rc.d that refuses every start (exit status 101) holds
 # for this install only; one that was there before is put back.
 policy=/usr/sbin/policy-rc.d
 saved=""

@@ -30,6 +30,11 @@ namespace {
 
 const char kApache[] = "/usr/sbin/apache2";
 const char kModules[] = "/usr/lib/apache2/modules";
+const char kLighttpd[] = "/usr/sbin/lighttpd";
+const char kLighttpdWebdav[] = "/usr/lib/lighttpd/mod_webdav.so";
+const char kNginx[] = "/usr/sbin/nginx";
+const char kNginxDavExt[] = "/usr/lib/nginx/modules/ngx_http_dav_ext_module.so";
+const char kRclone[] = "/usr/bin/rclone";
 const char kServerUser[] = "www-data";
 constexpr int kStartSeconds = 30;
 constexpr int kStopSeconds = 15;
@@ -102,12 +107,47 @@ size_t collect(char* data, size_t size, size_t count, void* user) {
 
 }  // namespace
 
-bool WebDavServer::available(std::string& why) {
-  if (::access(kApache, X_OK) != 0) {
-    why = std::string(kApache) + " is not installed (scripts/deps.sh installs it)";
-    return false;
+const char* kindName(WebDavServerKind kind) {
+  switch (kind) {
+    case WebDavServerKind::kApache:
+      return "Apache";
+    case WebDavServerKind::kLighttpd:
+      return "Lighttpd";
+    case WebDavServerKind::kNginx:
+      return "Nginx";
+    case WebDavServerKind::kRclone:
+      return "Rclone";
   }
-  if (asRoot() && ::getpwnam(kServerUser) == nullptr) {
+  return "?";
+}
+
+bool keepsProperties(WebDavServerKind kind) {
+  return kind == WebDavServerKind::kApache || kind == WebDavServerKind::kLighttpd;
+}
+
+bool WebDavServer::available(std::string& why, WebDavServerKind kind) {
+  std::vector<const char*> needed;
+  switch (kind) {
+    case WebDavServerKind::kApache:
+      needed = {kApache};
+      break;
+    case WebDavServerKind::kLighttpd:
+      needed = {kLighttpd, kLighttpdWebdav};
+      break;
+    case WebDavServerKind::kNginx:
+      needed = {kNginx, kNginxDavExt};
+      break;
+    case WebDavServerKind::kRclone:
+      needed = {kRclone};
+      break;
+  }
+  for (const char* file : needed) {
+    if (::access(file, R_OK) != 0) {
+      why = std::string(file) + " is not installed (scripts/deps.sh installs it)";
+      return false;
+    }
+  }
+  if (asRoot() && kind != WebDavServerKind::kRclone && ::getpwnam(kServerUser) == nullptr) {
     why = std::string("there is no user ") + kServerUser + " for the server to work as";
     return false;
   }
@@ -118,13 +158,13 @@ WebDavServer::WebDavServer(const std::string& docroot, const std::string& workDi
                            const WebDavServerOptions& options)
     : docroot_(docroot), work_(workDir), options_(options) {
   std::string why;
-  if (!available(why)) {
+  if (!available(why, options_.kind)) {
     error_ = why;
     return;
   }
-  ::mkdir(work_.c_str(), 0755);
-  ::mkdir((work_ + "/run").c_str(), 0755);
-  ::mkdir((work_ + "/lock").c_str(), 0755);
+  for (const std::string& dir : {work_, work_ + "/run", work_ + "/lock", work_ + "/tmp"}) {
+    ::mkdir(dir.c_str(), 0755);
+  }
   ::mkdir(docroot_.c_str(), 0755);
   if (asRoot()) {
     // The server's user must get through to the document root: the folder
@@ -142,8 +182,6 @@ WebDavServer::WebDavServer(const std::string& docroot, const std::string& workDi
         return;
       }
     }
-    struct passwd* server = ::getpwnam(kServerUser);
-    chownTree(work_ + "/lock", server->pw_uid, server->pw_gid);
   }
   if (!options_.user.empty() &&
       !runQuiet({"htpasswd", "-bc", work_ + "/htpasswd", options_.user, options_.password})) {
@@ -156,6 +194,12 @@ WebDavServer::WebDavServer(const std::string& docroot, const std::string& workDi
                  work_ + "/key.pem", "-out", certificate()})) {
     error_ = "openssl could not make a certificate";
     return;
+  }
+  if (asRoot() && options_.kind != WebDavServerKind::kRclone) {
+    // Apache needs its lock folder, lighttpd its logs and database, nginx
+    // its temporary folders, once they work as the server's user.
+    struct passwd* server = ::getpwnam(kServerUser);
+    chownTree(work_, server->pw_uid, server->pw_gid);
   }
   adopt();
   for (int attempt = 0; attempt < 5 && pid_ <= 0; ++attempt) {
@@ -173,7 +217,7 @@ std::string WebDavServer::url() const {
 
 std::string WebDavServer::certificate() const { return work_ + "/cert.pem"; }
 
-std::string WebDavServer::writeConfig() const {
+std::string WebDavServer::writeApacheConfig() const {
   std::ostringstream c;
   c << "ServerRoot \"" << work_ << "\"\n"
     << "ServerName 127.0.0.1\n"
@@ -220,14 +264,143 @@ std::string WebDavServer::writeConfig() const {
   return path;
 }
 
+std::string WebDavServer::writeLighttpdConfig() const {
+  std::ostringstream c;
+  c << "server.modules = (\"mod_alias\", \"mod_webdav\", \"mod_accesslog\""
+    << (options_.user.empty() ? "" : ", \"mod_auth\", \"mod_authn_file\"")
+    << (options_.https ? ", \"mod_openssl\"" : "") << ")\n"
+    << "server.bind = \"127.0.0.1\"\nserver.port = " << port_ << "\n"
+    << "server.document-root = \"" << work_ << "/run\"\n"
+    << "server.errorlog = \"" << work_ << "/error.log\"\n"
+    << "server.upload-dirs = (\"" << work_ << "/tmp\")\n"
+    << "server.max-keep-alive-requests = 60000\nserver.max-keep-alive-idle = 30\n";
+  if (asRoot()) {
+    c << "server.username = \"" << kServerUser << "\"\nserver.groupname = \"" << kServerUser
+      << "\"\n";
+  }
+  c << "alias.url = (\"/dav/\" => \"" << docroot_ << "/\")\n"
+    << "webdav.activate = \"enable\"\nwebdav.is-readonly = \"disable\"\n"
+    << "webdav.sqlite-db-name = \"" << work_
+    << "/lock/webdav.db\"\n"
+    // Per request: how many came before it on the same connection.
+    << "accesslog.filename = \"" << work_ << "/access.log\"\n"
+    << "accesslog.format = \"%k %m %s %U\"\n"
+    << "$HTTP[\"url\"] =~ \"/ratelimited-[^/]*$\" { connection.kbytes-per-second = 64 }\n";
+  if (!options_.user.empty()) {
+    c << "auth.backend = \"htpasswd\"\n"
+      << "auth.backend.htpasswd.userfile = \"" << work_ << "/htpasswd\"\n"
+      << "auth.require = (\"/dav/\" => (\"method\" => \"basic\", \"realm\" => \"vel tests\", "
+      << "\"require\" => \"valid-user\"))\n";
+  }
+  if (options_.https) {
+    c << "ssl.engine = \"enable\"\nssl.pemfile = \"" << certificate() << "\"\n"
+      << "ssl.privkey = \"" << work_ << "/key.pem\"\n";
+  }
+  std::string path = work_ + "/lighttpd.conf";
+  std::ofstream(path) << c.str();
+  return path;
+}
+
+std::string WebDavServer::writeNginxConfig() const {
+  std::ostringstream c;
+  c << "daemon off;\nmaster_process on;\nworker_processes 1;\n";
+  if (asRoot()) {
+    c << "user " << kServerUser << " " << kServerUser << ";\n";
+  }
+  c << "pid " << work_ << "/run/nginx.pid;\n"
+    << "error_log " << work_ << "/error.log warn;\n"
+    << "load_module " << kNginxDavExt << ";\n"
+    << "events { worker_connections 256; }\n"
+    << "http {\n";
+  for (const char* temp : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
+    c << "  " << temp << "_temp_path " << work_ << "/tmp/" << temp << ";\n";
+  }
+  // Per request: how many came on its connection up to it.
+  c << "  log_format reuse '$connection_requests $request_method $status $uri';\n"
+    << "  access_log " << work_ << "/access.log reuse;\n"
+    << "  keepalive_requests 100000;\n  keepalive_timeout 30s;\n"
+    << "  map $uri $rate { ~/ratelimited-[^/]*$ 64k; default 0; }\n"
+    << "  server {\n"
+    << "    listen 127.0.0.1:" << port_ << (options_.https ? " ssl" : "") << ";\n";
+  if (options_.https) {
+    c << "    ssl_certificate " << certificate() << ";\n"
+      << "    ssl_certificate_key " << work_ << "/key.pem;\n";
+  }
+  c << "    location /dav/ {\n"
+    << "      alias " << docroot_ << "/;\n"
+    << "      dav_methods PUT DELETE MKCOL COPY MOVE;\n"
+    << "      dav_ext_methods PROPFIND OPTIONS;\n"
+    << "      dav_access user:rw group:rw all:r;\n"
+    << "      create_full_put_path off;\n"
+    << "      client_max_body_size 0;\n"
+    << "      limit_rate $rate;\n";
+  if (!options_.user.empty()) {
+    c << "      auth_basic \"vel tests\";\n"
+      << "      auth_basic_user_file " << work_ << "/htpasswd;\n";
+  }
+  c << "    }\n  }\n}\n";
+  std::string path = work_ + "/nginx.conf";
+  std::ofstream(path) << c.str();
+  return path;
+}
+
+std::vector<std::string> WebDavServer::commandLine() const {
+  switch (options_.kind) {
+    case WebDavServerKind::kApache:
+      return {kApache, "-f", writeApacheConfig(), "-DFOREGROUND"};
+    case WebDavServerKind::kLighttpd:
+      return {kLighttpd, "-D", "-f", writeLighttpdConfig()};
+    case WebDavServerKind::kNginx:
+      return {kNginx, "-e", work_ + "/error.log", "-p", work_ + "/", "-c", writeNginxConfig()};
+    case WebDavServerKind::kRclone:
+      break;
+  }
+  // No directory cache: what the tests write into the folder shows at once.
+  std::vector<std::string> argv = {kRclone,
+                                   "serve",
+                                   "webdav",
+                                   docroot_,
+                                   "--addr",
+                                   "127.0.0.1:" + std::to_string(port_),
+                                   "--baseurl",
+                                   "/dav",
+                                   "--config",
+                                   work_ + "/rclone.conf",
+                                   "--cache-dir",
+                                   work_ + "/tmp",
+                                   "--dir-cache-time",
+                                   "0s",
+                                   "--poll-interval",
+                                   "0",
+                                   "--log-file",
+                                   work_ + "/error.log"};
+  if (!options_.user.empty()) {
+    argv.insert(argv.end(), {"--user", options_.user, "--pass", options_.password});
+  }
+  if (options_.https) {
+    argv.insert(argv.end(), {"--cert", certificate(), "--key", work_ + "/key.pem"});
+  }
+  return argv;
+}
+
 bool WebDavServer::launch() {
-  std::string config = writeConfig();
-  ::unlink((work_ + "/error.log").c_str());
+  const std::vector<std::string> argv = commandLine();
+  const std::string log = work_ + "/error.log";
+  ::unlink(log.c_str());
+  if (options_.kind == WebDavServerKind::kRclone) {
+    std::ofstream(work_ + "/rclone.conf") << "";
+  } else if (asRoot()) {
+    // Written by the server once it works as its user.
+    std::ofstream(log) << "";
+    struct passwd* server = ::getpwnam(kServerUser);
+    ::chown(log.c_str(), server->pw_uid, server->pw_gid);
+  }
   SpawnOptions options;
   options.nullInput = true;
   options.out = kToNull;
+  options.err = kToNull;
   options.endWithParent = true;  // the server must not outlive a test process that aborts
-  const pid_t pid = spawn({kApache, "-f", config, "-DFOREGROUND"}, options);
+  const pid_t pid = spawn(argv, options);
   if (pid < 0) {
     error_ = std::string("fork: ") + std::strerror(errno);
     return false;
@@ -236,7 +409,7 @@ bool WebDavServer::launch() {
   while (Clock::now() < deadline) {
     int status = 0;
     if (::waitpid(pid, &status, WNOHANG) == pid) {
-      error_ = "apache2 ended at start: " + tailOf(work_ + "/error.log");
+      error_ = std::string(kindName(options_.kind)) + " ended at start: " + tailOf(log);
       return false;
     }
     if (accepts(port_)) {
@@ -248,7 +421,7 @@ bool WebDavServer::launch() {
   }
   ::kill(pid, SIGKILL);
   ::waitpid(pid, nullptr, 0);
-  error_ = "apache2 did not accept connections in time";
+  error_ = std::string(kindName(options_.kind)) + " did not accept connections in time";
   return false;
 }
 
@@ -262,7 +435,7 @@ void WebDavServer::stop() {
 }
 
 void WebDavServer::adopt() const {
-  if (!asRoot()) {
+  if (!asRoot() || options_.kind == WebDavServerKind::kRclone) {
     return;
   }
   struct passwd* server = ::getpwnam(kServerUser);
@@ -315,7 +488,7 @@ bool WebDavServer::setMode(const std::string& rel, unsigned mode) const {
   long code = exchange(url() + velagent::encodePath(rel), "PROPPATCH", nullptr,
                        velagent::modeUpdateBody(mode), options_, certificate(), answer);
   std::string error;
-  return code == 207 && velagent::proppatchSucceeded(answer, error);
+  return code == 200 || code == 204 || (code == 207 && velagent::proppatchSucceeded(answer, error));
 }
 
 int WebDavServer::mode(const std::string& rel) const {

@@ -1,12 +1,24 @@
-// A real WebDAV server for tests and benchmarks: Debian's Apache httpd with
-// mod_dav and mod_dav_fs, started in the foreground from a configuration
-// generated in a folder of its own, on a free loopback port, serving one
-// local folder (the document root) at /dav/. No system service or system
-// configuration is touched. Optionally with basic authentication and with
-// HTTPS on a self-signed certificate made for it.
+// A real WebDAV server for tests and benchmarks, one of four kinds from
+// Debian, started in the foreground from a configuration generated in a
+// folder of its own, on a free loopback port, serving one local folder
+// (the document root) at /dav/. No system service or system configuration
+// is touched. Optionally with basic authentication and with HTTPS on a
+// self-signed certificate made for it.
 //
-// Started as root, Apache serves as www-data: adopt() gives it what the
-// caller wrote into the document root. Files whose names begin with
+//  kApache    Apache httpd with mod_dav and mod_dav_fs (dead properties in
+//             its own database; honours conditional requests)
+//  kLighttpd  lighttpd with mod_webdav (dead properties in an SQLite
+//             database in the work folder; honours conditional requests)
+//  kNginx     nginx with dav_methods and the dav_ext module (no PROPPATCH,
+//             no getetag; ignores If-Match and If-None-Match on PUT and
+//             DELETE)
+//  kRclone    `rclone serve webdav` of the folder as a local back-end, with
+//             no directory cache (no dead properties; ignores conditions)
+// What each one gives in detail: docs/webdav-servers.md.
+//
+// Started as root, Apache, lighttpd and nginx serve as www-data: adopt()
+// gives them what the caller wrote into the document root; rclone runs as
+// the caller. On Apache, lighttpd and nginx, files whose names begin with
 // "ratelimited-" are sent at 64 KiB/s, so that a transfer can be cut in
 // the middle.
 //
@@ -18,13 +30,23 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 namespace veltest {
+
+enum class WebDavServerKind { kApache, kLighttpd, kNginx, kRclone };
+
+// "Apache", "Lighttpd", "Nginx", "Rclone" (usable in test names).
+const char* kindName(WebDavServerKind kind);
+// True for the kinds that keep dead properties (the mode), so that
+// setMode() works and chmod is possible.
+bool keepsProperties(WebDavServerKind kind);
 
 struct WebDavServerOptions {
   std::string user;  // basic authentication when not empty
   std::string password;
   bool https = false;
+  WebDavServerKind kind = WebDavServerKind::kApache;
 };
 
 class WebDavServer {
@@ -37,10 +59,11 @@ class WebDavServer {
   WebDavServer(const WebDavServer&) = delete;
   WebDavServer& operator=(const WebDavServer&) = delete;
 
-  // True for a machine where the server can run (apache2 is installed and
-  // can run here); otherwise false with the reason.
-  static bool available(std::string& why);
+  // True for a machine where a server of `kind` can run (it is installed
+  // and can run here); otherwise false with the reason.
+  static bool available(std::string& why, WebDavServerKind kind = WebDavServerKind::kApache);
 
+  WebDavServerKind kind() const { return options_.kind; }
   bool ready() const { return pid_ > 0; }
   // Why it did not start (with the end of its error log).
   const std::string& error() const { return error_; }
@@ -49,8 +72,9 @@ class WebDavServer {
   // The certificate an HTTPS server presents (PEM), to trust with --ca-file.
   std::string certificate() const;
   const std::string& docroot() const { return docroot_; }
-  // One line per request: "<requests before it on its connection> <method>
-  // <status> <path>".
+  // Apache and nginx, one line per request: "<requests on its connection
+  // before it (Apache), or up to it (nginx)> <method> <status> <path>";
+  // lighttpd writes the same as Apache some seconds late, rclone nothing.
   std::string accessLog() const { return work_ + "/access.log"; }
 
   // Stops it (SIGTERM: connections are cut at once); idempotent.
@@ -62,14 +86,20 @@ class WebDavServer {
   // as, so that it can change what the caller wrote there.
   void adopt() const;
   // Sets the mode property of `rel` through the server (false when that
-  // fails), or reads the mode the agent sees there: the property, or the
-  // default of its kind without it (-1 when the request fails).
+  // fails, as it does on the kinds that keep no properties), or reads the
+  // mode the agent sees there: the property, or the default of its kind
+  // without it (-1 when the request fails).
   bool setMode(const std::string& rel, unsigned mode) const;
   int mode(const std::string& rel) const;
 
  private:
   bool launch();
-  std::string writeConfig() const;
+  // The command line that starts the server in the foreground, after
+  // writing its configuration.
+  std::vector<std::string> commandLine() const;
+  std::string writeApacheConfig() const;
+  std::string writeLighttpdConfig() const;
+  std::string writeNginxConfig() const;
 
   std::string docroot_;
   std::string work_;
