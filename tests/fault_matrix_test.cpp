@@ -225,9 +225,16 @@ int32_t throughStream() {
 }
 
 // newDir looks the directory up before creating it, only to tell whether it
-// was there already.
+// was there already, and sets its mode on the service after making it,
+// where a service that cannot keep the mode does not undo the directory.
 bool lookupBeforeCreating(const Call& call, const std::string& dir) {
   return call.request == "tarn.metadata TestService " + dir;
+}
+bool modeAfterCreating(const Call& call, const std::string& dir) {
+  const std::string start = "tarn.chmod TestService ";
+  const std::string end = " " + dir;
+  return call.request.compare(0, start.size(), start) == 0 && call.request.size() > end.size() &&
+         call.request.compare(call.request.size() - end.size(), end.size(), end) == 0;
 }
 
 const Operation kOperations[] = {
@@ -256,11 +263,14 @@ const Operation kOperations[] = {
      "a failed lookup leaves the path taken for a file, and the file move succeeds"},
     {"rename of a directory", [] { return VEL::rename("t/sub", "t/sub2"); },
      [](const Call& call) {
-       return call.n == 1 || lookupBeforeCreating(call, "t/sub2") ? Verdict::kSuccess
-                                                                  : Verdict::kFailure;
+       return call.n == 1 || lookupBeforeCreating(call, "t/sub2") ||
+                      modeAfterCreating(call, "t/sub2")
+                  ? Verdict::kSuccess
+                  : Verdict::kFailure;
      },
      "a failed first lookup takes the directory for a file (service and mirror move it "
-     "whole); the lookup before creating t/sub2 only tells whether it was there",
+     "whole); the lookup before creating t/sub2 only tells whether it was there, and its "
+     "mode on the service does not undo it",
      true},
     {"chmod", [] { return VEL::chmod("t/a", 0600); }, nullptr, ""},
     {"rmdir", [] { return VEL::rmdir("t/empty"); },
@@ -270,9 +280,12 @@ const Operation kOperations[] = {
     {"delTree", [] { return VEL::delTree("t"); }, nullptr, ""},
     {"mkdir_all", [] { return VEL::mkdir_all("t/n1/n2", 0750); },
      [](const Call& call) {
-       return lookupBeforeCreating(call, "t/n1/n2") ? Verdict::kSuccess : Verdict::kFailure;
+       return lookupBeforeCreating(call, "t/n1/n2") || modeAfterCreating(call, "t/n1/n2")
+                  ? Verdict::kSuccess
+                  : Verdict::kFailure;
      },
-     "the lookup before the creation only tells whether the directory was there"},
+     "the lookup before the creation only tells whether the directory was there, and the "
+     "mode on the service does not undo the directory"},
 };
 
 // Names the operation in failure messages.

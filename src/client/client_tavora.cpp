@@ -364,12 +364,13 @@ int32_t VELClientTavora::delDir(const std::string& path, bool /*flag*/) {
 
 // Creates the directory on the service, then in the mirror from a record
 // made here (no metadata round trip for it), then sets the mode on both
-// sides; on the service also when the mirror's directory could not be made.
-// The agent accepts an existing directory silently, so the service is asked
-// first whether it already holds one: then the result is -12 ("already
-// exists"), which callers treat as success or as "exists" as they need. The
-// recursive flag is not needed: the service creates missing levels and the
-// mirror sync fetches them.
+// sides; on the service also when the mirror's directory could not be
+// made, and a service that cannot keep modes leaves it out without failing
+// the creation (the mirror has it). The agent accepts an existing directory
+// silently, so the service is asked first whether it already holds one:
+// then the result is -12 ("already exists"), which callers treat as
+// success or as "exists" as they need. The recursive flag is not needed:
+// the service creates missing levels and the mirror sync fetches them.
 int32_t VELClientTavora::newDir(const std::string& path, uint32_t mode, bool /*recursive*/) {
   return guarded("newDir", [&]() -> int32_t {
     std::unique_ptr<TarnClient> client = TarnGetClient();
@@ -412,8 +413,14 @@ int32_t VELClientTavora::newDir(const std::string& path, uint32_t mode, bool /*r
     if (synced != 0) {
       return synced;
     }
+    // A service that cannot keep the mode (its reply says why) keeps the
+    // directory all the same: a directory without its mode is no reason to
+    // report it missing.
     if (changed != 0) {
-      return changed;
+      VEL_TAVORA_LOG(kLogError,
+                     "[VEL] VELClientTavora::newDir() The service did not take the mode of %s, "
+                     "errCode=%d; the directory is made",
+                     path.c_str(), changed);
     }
     return rtn;
   });
