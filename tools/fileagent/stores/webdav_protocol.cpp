@@ -174,7 +174,6 @@ bool parseMultistatus(const std::string& xml, std::vector<DavNode>& out, std::st
       error = "a response without a usable href";
       return false;
     }
-    bool hasMode = false;
     for (pugi::xml_node propstat = response.first_child(); propstat;
          propstat = propstat.next_sibling()) {
       if (!is(propstat, kDav, "propstat") ||
@@ -191,18 +190,18 @@ bool parseMultistatus(const std::string& xml, std::vector<DavNode>& out, std::st
             node.size = number;
           }
         } else if (is(prop, kDav, "getlastmodified")) {
-          parseHttpDate(trimmed(prop.text().get()), node.mtime);
+          node.timed = parseHttpDate(trimmed(prop.text().get()), node.mtime);
         } else if (is(prop, kDav, "getetag")) {
           node.etag = trimmed(prop.text().get());
         } else if (is(prop, kModeNamespace, "mode")) {
           if (parseNumber(trimmed(prop.text().get()), number) && number <= 07777) {
             node.mode = static_cast<unsigned>(number);
-            hasMode = true;
+            node.hasMode = true;
           }
         }
       }
     }
-    if (!hasMode) {
+    if (!node.hasMode) {
       node.mode = node.isDir ? kDefaultFolderMode : kDefaultFileMode;
     }
     out.push_back(node);
@@ -261,6 +260,70 @@ std::string modeUpdateBody(unsigned mode) {
              "<D:propertyupdate xmlns:D=\"DAV:\" xmlns:V=\"") +
          kModeNamespace + "\"><D:set><D:prop><V:mode>" + std::to_string(mode & 07777) +
          "</V:mode></D:prop></D:set></D:propertyupdate>\n";
+}
+
+std::string propertyProbeBody() {
+  return std::string(
+             "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+             "<D:propertyupdate xmlns:D=\"DAV:\" xmlns:V=\"") +
+         kModeNamespace +
+         "\"><D:remove><D:prop><V:probe/></D:prop></D:remove></D:propertyupdate>\n";
+}
+
+DavServerKind serverKindOf(const std::string& serverHeader) {
+  auto startsWith = [&](const char* prefix) {
+    return serverHeader.compare(0, std::strlen(prefix), prefix) == 0;
+  };
+  if (startsWith("Apache")) return DavServerKind::kApache;
+  if (startsWith("lighttpd")) return DavServerKind::kLighttpd;
+  if (startsWith("nginx")) return DavServerKind::kNginx;
+  return DavServerKind::kUnknown;
+}
+
+std::string strongForm(const std::string& tag) {
+  return tag.compare(0, 2, "W/") == 0 ? tag.substr(2) : tag;
+}
+
+namespace {
+
+// Apache's strong tag "<size>-<mtime>" or "<inode>-<size>-<mtime>" (hex,
+// the time in microseconds): the time, or -1 for another form.
+long long apacheTagTime(const std::string& tag) {
+  if (tag.size() < 5 || tag.front() != '"' || tag.back() != '"') {
+    return -1;
+  }
+  const std::string inner = tag.substr(1, tag.size() - 2);
+  size_t dashes = 0;
+  for (char c : inner) {
+    if (c == '-') {
+      ++dashes;
+    } else if (hexValue(c) < 0) {
+      return -1;
+    }
+  }
+  size_t last = inner.rfind('-');
+  if ((dashes != 1 && dashes != 2) || last == inner.size() - 1 || inner[0] == '-' ||
+      inner.find("--") != std::string::npos || inner.size() - last - 1 > 15) {
+    return -1;
+  }
+  return std::stoll(inner.substr(last + 1), nullptr, 16);
+}
+
+}  // namespace
+
+DavVersion versionOf(const std::string& etag, time_t mtime, long long size, time_t serverDate,
+                     DavServerKind kind) {
+  DavVersion out;
+  const bool weak = etag.compare(0, 2, "W/") == 0;
+  out.text =
+      etag.empty() ? "lm:" + std::to_string(mtime) + "-" + std::to_string(size) : strongForm(etag);
+  out.settled = !weak && mtime >= 0 && serverDate >= 0 && serverDate - mtime >= 1;
+  if (kind == DavServerKind::kApache && !weak && !etag.empty()) {
+    long long micros = apacheTagTime(etag);
+    out.identity =
+        micros > 0 && micros / 1000000 == static_cast<long long>(mtime) && micros % 1000000 != 0;
+  }
+  return out;
 }
 
 }  // namespace velagent

@@ -41,8 +41,10 @@ struct DavNode {
   bool isDir = false;
   long long size = 0;
   time_t mtime = 0;
-  unsigned mode = 0;  // the mode property, or the default of its kind
-  std::string etag;   // the entity tag as the server gives it (quotes, W/), or ""
+  unsigned mode = 0;     // the mode property, or the default of its kind
+  bool hasMode = false;  // the mode property was there
+  std::string etag;      // the entity tag as the server gives it (quotes, W/), or ""
+  bool timed = false;    // getlastmodified was there (`mtime` is 0 without it)
 };
 
 // The responses of a PROPFIND answer, in order. False with `error` set for
@@ -56,10 +58,42 @@ bool proppatchSucceeded(const std::string& xml, std::string& error);
 // epoch; false for anything else.
 bool parseHttpDate(const std::string& text, time_t& out);
 
-// The bodies of PROPFIND (the properties the agent reads) and of the
-// PROPPATCH that sets the mode.
+// The bodies of PROPFIND (the properties the agent reads), of the
+// PROPPATCH that sets the mode, and of the PROPPATCH that removes a
+// property nobody sets (asks, changing nothing, whether the server keeps
+// dead properties at all).
 std::string propfindBody();
 std::string modeUpdateBody(unsigned mode);
+std::string propertyProbeBody();
+
+// The servers whose ways the store knows (docs/webdav-servers.md), told
+// apart by their Server header.
+enum class DavServerKind { kUnknown, kApache, kLighttpd, kNginx };
+DavServerKind serverKindOf(const std::string& serverHeader);
+
+// A file's version as the store reports it (see StoreStat in store.h).
+struct DavVersion {
+  std::string text;
+  bool settled = false;
+  bool identity = false;
+};
+
+// The version of a file from what the server says of it: its entity tag
+// without a weak mark ("W/"), so that a tag that turns strong stays the
+// same version; else "lm:<last-modified seconds>-<size>". `mtime` is -1
+// when unknown, `serverDate` is the Date of the answer (-1 when absent).
+//  - settled: the tag is not weak, and the answer was dated at least one
+//    second after the last change (a change within the same second may
+//    leave a time-and-size version, or a server's tag, as it was);
+//  - identity: only Apache's strong tag "<size>-<microseconds>" (or with
+//    the inode first), whose time names the file's last change and has a
+//    fraction of a second: it moves with the file on a MOVE and no other
+//    content gets it but by a copy of both size and microsecond. Every
+//    other tag is a hash or a time and size that may collide, or unknown.
+DavVersion versionOf(const std::string& etag, time_t mtime, long long size, time_t serverDate,
+                     DavServerKind kind);
+// `tag` without a leading weak mark.
+std::string strongForm(const std::string& tag);
 
 }  // namespace velagent
 

@@ -1,28 +1,23 @@
 #include "stores/webdav_store.h"
 
-#include <curl/curl.h>
 #include <errno.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <strings.h>
-
 #include <algorithm>
+#include <atomic>
 #include <cctype>
-#include <cstring>
-#include <ctime>
+#include <cstdio>
+#include <random>
+
+#include "server/agent_log.h"
 
 namespace velagent {
 
 namespace {
 
-constexpr long kConnectSeconds = 15;
-// A transfer that moves less than a byte a second for this long is given
-// up: a server that stalls must not hold an agent thread for ever.
-constexpr long kStallSeconds = 60;
-// Most bytes of an answer read into memory (a listing's multistatus).
-constexpr size_t kMaxAnswerBytes = 256u << 20;
 const char kXmlType[] = "Content-Type: application/xml; charset=utf-8";
+const char kNoCondition[] = "\"vel-probe-no-such-version\"";
 
 std::string parentOf(const std::string& path) {
   size_t slash = path.rfind('/');
@@ -34,147 +29,69 @@ std::string lastName(const std::string& path) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-}  // namespace
-
-struct WebDavStore::Request {
-  const char* method = "GET";
-  std::string url;
-  std::vector<std::string> headers;
-  bool hasBody = false;  // `body` is sent, even when empty
-  std::string body;
-  int source = -1;               // a PUT streamed from this descriptor ...
-  long long sourceSize = 0;      // ... of this many bytes
-  Hasher* sourceHash = nullptr;  // ... hashing what is sent
-  ByteSink* target = nullptr;    // a GET's body when the status is 200
-};
-
-struct WebDavStore::Response {
-  bool failed = false;  // the exchange itself failed: `error` says why
-  std::string error;
-  long code = 0;
-  std::string reason;
-  std::string body;
-  time_t modified = -1;
-  std::string etag;        // the ETag header, as given
-  long long received = 0;  // bytes written to the target
-  int fileError = 0;       // errno of the mirror file, read or written
-};
-
-// Borrows a handle from the pool and gives it back: its connection to the
-// server stays open for the next request of any thread.
-class WebDavStore::Lease {
- public:
-  explicit Lease(WebDavStore& store) : store_(store) {
-    {
-      std::lock_guard<std::mutex> lock(store_.poolMutex_);
-      if (!store_.idle_.empty()) {
-        curl_ = store_.idle_.back();
-        store_.idle_.pop_back();
-      }
-    }
-    if (curl_ == nullptr) {
-      curl_ = curl_easy_init();
-    }
-  }
-  ~Lease() {
-    if (curl_ != nullptr) {
-      std::lock_guard<std::mutex> lock(store_.poolMutex_);
-      store_.idle_.push_back(curl_);
-    }
-  }
-  Lease(const Lease&) = delete;
-  Lease& operator=(const Lease&) = delete;
-
-  CURL* get() const { return static_cast<CURL*>(curl_); }
-
- private:
-  WebDavStore& store_;
-  void* curl_ = nullptr;
-};
-
-namespace {
-
-// What the callbacks of one transfer share.
-struct Transfer {
-  long code = 0;
-  std::string reason;
-  std::string etag;
-  std::string* body;
-  ByteSink* target;
-  long long* received;
-  int* fileError;
-  int source;
-  long long sourceSize;
-  Hasher* sourceHash;
-  long long sent = 0;
-};
-
-size_t onHeader(char* data, size_t size, size_t count, void* user) {
-  Transfer& t = *static_cast<Transfer*>(user);
-  std::string line(data, size * count);
-  if (line.compare(0, 5, "HTTP/") == 0) {
-    // Every answer starts again (a "100 Continue" comes before the real one).
-    size_t space = line.find(' ');
-    t.code = space == std::string::npos ? 0 : std::atol(line.c_str() + space + 1);
-    size_t reason = space == std::string::npos ? space : line.find(' ', space + 1);
-    t.reason = reason == std::string::npos ? "" : line.substr(reason + 1);
-    while (!t.reason.empty() && std::isspace(static_cast<unsigned char>(t.reason.back()))) {
-      t.reason.pop_back();
-    }
-    t.etag.clear();
-  } else if (line.size() > 5 && strncasecmp(line.c_str(), "etag:", 5) == 0) {
-    size_t from = line.find_first_not_of(" \t", 5);
-    size_t to = line.find_last_not_of(" \t\r\n");
-    t.etag = from == std::string::npos || to < from ? "" : line.substr(from, to - from + 1);
-  }
-  return size * count;
+std::string octal(unsigned mode) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0%o", mode & 07777);
+  return text;
 }
 
-size_t onBody(char* data, size_t size, size_t count, void* user) {
-  Transfer& t = *static_cast<Transfer*>(user);
-  size_t n = size * count;
-  if (t.target != nullptr && t.code == 200) {
-    int err = t.target->write(data, n);
-    if (err != 0) {
-      *t.fileError = err;
-      return 0;  // stops the transfer
-    }
-    *t.received += static_cast<long long>(n);
-    return n;
-  }
-  if (t.body->size() + n > kMaxAnswerBytes) {
-    return 0;
-  }
-  t.body->append(data, n);
-  return n;
+// A name no client would pick, different on every call.
+std::string probeName() {
+  static const unsigned long long seed =
+      (static_cast<unsigned long long>(std::random_device{}()) << 32) ^ std::random_device{}();
+  static std::atomic<unsigned long long> counter{0};
+  char text[40];
+  std::snprintf(text, sizeof text, "%016llx%llx", seed, counter.fetch_add(1) + 1);
+  return std::string(kProbePrefix) + text;
 }
 
-size_t onRead(char* buffer, size_t size, size_t count, void* user) {
-  Transfer& t = *static_cast<Transfer*>(user);
-  size_t want = static_cast<size_t>(
-      std::min<long long>(static_cast<long long>(size * count), t.sourceSize - t.sent));
-  if (want == 0) {
-    return 0;
+Status failureOf(const HttpResponse& r) {
+  if (r.fileError != 0) {
+    return Status::fromErrno(r.fileError);
   }
-  for (;;) {
-    ssize_t n = ::pread(t.source, buffer, want, static_cast<off_t>(t.sent));
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n <= 0) {
-      // A file that shrank under the copy is no whole copy either.
-      *t.fileError = n < 0 ? errno : EIO;
-      return CURL_READFUNC_ABORT;
-    }
-    t.sent += n;
-    if (t.sourceHash != nullptr) {
-      t.sourceHash->update(buffer, static_cast<size_t>(n));
-    }
-    return static_cast<size_t>(n);
+  if (r.failed) {
+    return Status::error(Status::Code::kServiceError, "webdav: " + r.error);
   }
+  return Status::error(Status::Code::kServiceError, "webdav: " + std::to_string(r.code) +
+                                                        (r.reason.empty() ? "" : " ") + r.reason);
 }
 
-Status failureOf(const WebDavStore::Response& r);
+Status conflict() {
+  return Status::error(Status::Code::kConflict,
+                       "the server holds another version than the one expected");
+}
+
+bool isTag(const std::string& version) { return !version.empty() && version[0] == '"'; }
+
+// The condition headers of a change that expects `expect` (a version that
+// is no entity tag cannot be asked for).
+void addConditions(const Expect& expect, HttpRequest& request) {
+  if (expect.kind == Expect::Kind::kAbsent) {
+    request.headers.push_back("If-None-Match: *");
+  } else if (expect.kind == Expect::Kind::kVersion && isTag(expect.version)) {
+    request.headers.push_back("If-Match: " + expect.version);
+  }
+  // The server may have acted before a lost answer: a second copy would
+  // find its own work and fail the condition.
+  request.replayable = expect.kind == Expect::Kind::kAnything;
+}
+
+// The node of `nodes` that stands for `expected` (a decoded path without
+// trailing slash), or null.
+const DavNode* nodeOf(const std::vector<DavNode>& nodes, const std::string& expected) {
+  std::string wanted = trimSlashes(expected.empty() ? "/" : expected);
+  for (const DavNode& node : nodes) {
+    if (trimSlashes(node.path) == wanted) {
+      return &node;
+    }
+  }
+  return nullptr;
+}
+
+// Servers known to keep a file's dead properties when a PUT replaces it.
+bool keepsPropertiesOnPut(DavServerKind kind) {
+  return kind == DavServerKind::kApache || kind == DavServerKind::kLighttpd;
+}
 
 }  // namespace
 
@@ -215,7 +132,20 @@ bool WebDavStore::checkUrl(const std::string& url, std::string& error) {
   return true;
 }
 
-WebDavStore::WebDavStore(const WebDavOptions& options) : options_(options) {
+namespace {
+
+HttpOptions httpOptionsOf(const WebDavOptions& options) {
+  HttpOptions http;
+  http.user = options.user;
+  http.password = options.password;
+  http.caFile = options.caFile;
+  return http;
+}
+
+}  // namespace
+
+WebDavStore::WebDavStore(const WebDavOptions& options)
+    : options_(options), http_(httpOptionsOf(options)), cache_(kCacheWindow) {
   size_t start = options_.url.find("://") + 3;
   size_t slash = options_.url.find('/', start);
   origin_ = options_.url.substr(0, slash);
@@ -231,184 +161,36 @@ WebDavStore::WebDavStore(const WebDavOptions& options) : options_(options) {
   }
 }
 
-WebDavStore::~WebDavStore() {
-  for (void* curl : idle_) {
-    curl_easy_cleanup(static_cast<CURL*>(curl));
-  }
-}
+WebDavStore::~WebDavStore() = default;
 
 std::string WebDavStore::urlOf(const std::string& path, bool collection) const {
   return origin_ + basePath_ + encodePath(path) + (collection && !path.empty() ? "/" : "");
 }
 
-WebDavStore::Response WebDavStore::perform(const Request& request) {
-  Response response;
-  Lease lease(*this);
-  CURL* curl = lease.get();
-  if (curl == nullptr) {
-    response.failed = true;
-    response.error = "cannot start a transfer";
-    return response;
+HttpResponse WebDavStore::send(const HttpRequest& request) {
+  HttpResponse response = http_.perform(request);
+  if (kind_.load() == static_cast<int>(DavServerKind::kUnknown)) {
+    std::string server = response.header("server");
+    if (!server.empty()) {
+      kind_.store(static_cast<int>(serverKindOf(server)));
+    }
   }
-  curl_easy_reset(curl);
-  Transfer transfer{0,
-                    "",
-                    "",
-                    &response.body,
-                    request.target,
-                    &response.received,
-                    &response.fileError,
-                    request.source,
-                    request.sourceSize,
-                    request.sourceHash};
-  char errorText[CURL_ERROR_SIZE] = "";
-  struct curl_slist* headers = nullptr;
-  for (const std::string& header : request.headers) {
-    headers = curl_slist_append(headers, header.c_str());
-  }
-  // No "Expect: 100-continue" round trip before a body.
-  headers = curl_slist_append(headers, "Expect:");
-  std::unique_ptr<struct curl_slist, void (*)(struct curl_slist*)> headerGuard(headers,
-                                                                               curl_slist_free_all);
-
-  curl_easy_setopt(curl, CURLOPT_URL, request.url.c_str());
-  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
-  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
-  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
-  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, kStallSeconds);
-  curl_easy_setopt(curl, CURLOPT_TCP_KEEPALIVE, 1L);
-  if (!options_.user.empty()) {
-    curl_easy_setopt(curl, CURLOPT_HTTPAUTH, CURLAUTH_BASIC);
-    curl_easy_setopt(curl, CURLOPT_USERNAME, options_.user.c_str());
-    curl_easy_setopt(curl, CURLOPT_PASSWORD, options_.password.c_str());
-  }
-  if (!options_.caFile.empty()) {
-    curl_easy_setopt(curl, CURLOPT_CAINFO, options_.caFile.c_str());
-  }
-  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, onHeader);
-  curl_easy_setopt(curl, CURLOPT_HEADERDATA, &transfer);
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, onBody);
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &transfer);
-  if (request.source >= 0) {
-    curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
-    curl_easy_setopt(curl, CURLOPT_READFUNCTION, onRead);
-    curl_easy_setopt(curl, CURLOPT_READDATA, &transfer);
-    curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(request.sourceSize));
-  } else if (request.hasBody) {
-    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, request.body.data());
-    curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE,
-                     static_cast<curl_off_t>(request.body.size()));
-  }
-  if (std::strcmp(request.method, "GET") != 0) {
-    curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, request.method);
-  } else {
-    curl_easy_setopt(curl, CURLOPT_FILETIME, 1L);
-  }
-
-  CURLcode result = curl_easy_perform(curl);
-  response.code = transfer.code;
-  response.reason = transfer.reason;
-  response.etag = transfer.etag;
-  if (result != CURLE_OK) {
-    response.failed = true;
-    response.error = errorText[0] != '\0' ? errorText : curl_easy_strerror(result);
-  }
-  curl_off_t modified = -1;
-  if (request.target != nullptr &&
-      curl_easy_getinfo(curl, CURLINFO_FILETIME_T, &modified) == CURLE_OK && modified >= 0) {
-    response.modified = static_cast<time_t>(modified);
-  }
-  // Nothing of this request may stay in the pooled handle.
-  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
-  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, nullptr);
   return response;
 }
 
-namespace {
-
-Status failureOf(const WebDavStore::Response& r) {
-  if (r.fileError != 0) {
-    return Status::fromErrno(r.fileError);
-  }
-  if (r.failed) {
-    return Status::error(Status::Code::kServiceError, "webdav: " + r.error);
-  }
-  return Status::error(Status::Code::kServiceError, "webdav: " + std::to_string(r.code) +
-                                                        (r.reason.empty() ? "" : " ") + r.reason);
-}
-
-bool answered(const WebDavStore::Response& r, long code) { return !r.failed && r.code == code; }
-
-bool weakTag(const std::string& etag) { return etag.compare(0, 2, "W/") == 0; }
-
-// A file's version from what the server says of it: its entity tag, else
-// its last-modified time and size. A tag is strong unless marked weak; a
-// time read within the second it names may not show a change made in the
-// same second.
-// A weak tag is the same version as the strong tag of the same value
-// (Apache marks a tag weak for the first second after a change, then
-// strong): the version is the tag without "W/", and a weak one is not
-// settled.
-void describeVersion(const std::string& etag, time_t mtime, long long size, StoreStat& out) {
-  out.version = !etag.empty() ? (weakTag(etag) ? etag.substr(2) : etag)
-                              : "lm:" + std::to_string(mtime) + "-" + std::to_string(size);
-  out.settled = !etag.empty() && !weakTag(etag) && ::time(nullptr) - mtime >= 1;
-  // A strong tag made of the size and the time in microseconds (Apache's)
-  // moves with the file and hardly repeats.
-  out.identity = !etag.empty() && !weakTag(etag);
-}
-
-std::string versionOfNode(const DavNode& node) {
-  StoreStat st;
-  describeVersion(node.etag, node.mtime, node.size, st);
-  return st.version;
-}
-
-void describeNode(const DavNode& node, StoreStat& out) {
-  out = StoreStat();
-  out.isDir = node.isDir;
-  out.size = node.isDir ? 0 : node.size;
-  out.mtime = node.mtime;
-  out.mode = node.mode;
-  if (!node.isDir) {
-    describeVersion(node.etag, node.mtime, node.size, out);
-  }
-}
-
-bool succeeded(const WebDavStore::Response& r) {
-  return !r.failed && r.fileError == 0 && r.code >= 200 && r.code <= 299;
-}
-
-// The node of `nodes` that stands for `expected` (a decoded path without
-// trailing slash), or null.
-const DavNode* nodeOf(const std::vector<DavNode>& nodes, const std::string& expected) {
-  std::string wanted = trimSlashes(expected.empty() ? "/" : expected);
-  for (const DavNode& node : nodes) {
-    if (trimSlashes(node.path) == wanted) {
-      return &node;
-    }
-  }
-  return nullptr;
-}
-
-}  // namespace
-
-Status WebDavStore::propfind(const std::string& path, const char* depth,
-                             std::vector<DavNode>& out) {
-  Request request;
+Status WebDavStore::propfind(const std::string& path, const char* depth, std::vector<DavNode>& out,
+                             time_t& date) {
+  HttpRequest request;
   request.method = "PROPFIND";
   request.url = urlOf(path, false);
   request.headers = {std::string("Depth: ") + depth, kXmlType};
   request.hasBody = true;
   request.body = propfindBody();
-  Response response = perform(request);
-  if (answered(response, 404)) {
+  HttpResponse response = send(request);
+  if (response.answered(404)) {
     return Status::error(Status::Code::kNotFound);
   }
-  if ((answered(response, 400) || answered(response, 409)) && !path.empty()) {
+  if ((response.answered(400) || response.answered(409)) && !path.empty()) {
     // Servers refuse a path through a file ("extraneous path components")
     // instead of saying it is not there.
     StoreStat parent;
@@ -417,19 +199,39 @@ Status WebDavStore::propfind(const std::string& path, const char* depth,
       return Status::error(Status::Code::kNotFound);
     }
   }
-  if (!answered(response, 207)) {
+  if (!response.answered(207)) {
     return failureOf(response);
   }
   std::string error;
   if (!parseMultistatus(response.body, out, error)) {
     return Status::error(Status::Code::kServiceError, "webdav: " + error);
   }
+  date = response.date;
   return Status::ok();
+}
+
+StoreStat WebDavStore::describe(const DavNode& node, time_t date) {
+  StoreStat out;
+  out.isDir = node.isDir;
+  out.size = node.isDir ? 0 : node.size;
+  out.mtime = node.mtime;
+  out.mode = node.mode;
+  if (!node.isDir) {
+    if (tags_.load() == kUnknown) {
+      tags_.store(node.etag.empty() ? kNo : kYes);
+    }
+    DavVersion version = versionOf(node.etag, node.timed ? node.mtime : -1, out.size, date,
+                                   static_cast<DavServerKind>(kind_.load()));
+    out.version = version.text;
+    out.settled = version.settled;
+    out.identity = version.identity;
+  }
+  return out;
 }
 
 Status WebDavStore::probe() {
   StoreStat st;
-  Status status = stat("", true, st);
+  Status status = statFresh("", st);
   if (status.isOk() && !st.isDir) {
     return Status::error(Status::Code::kServiceError, "webdav: the URL names no collection");
   }
@@ -439,9 +241,11 @@ Status WebDavStore::probe() {
   return status;
 }
 
-Status WebDavStore::stat(const std::string& path, bool /*followLast*/, StoreStat& out) {
+Status WebDavStore::statFresh(const std::string& path, StoreStat& out) {
+  StatCache::Ticket ticket = cache_.ticket();
   std::vector<DavNode> nodes;
-  Status status = propfind(path, "0", nodes);
+  time_t date = -1;
+  Status status = propfind(path, "0", nodes, date);
   if (!status.isOk()) {
     return status;
   }
@@ -452,13 +256,28 @@ Status WebDavStore::stat(const std::string& path, bool /*followLast*/, StoreStat
   if (node == nullptr) {
     return Status::error(Status::Code::kServiceError, "webdav: the answer names another path");
   }
-  describeNode(*node, out);
+  out = describe(*node, date);
+  cache_.put(ticket, path, out);
   return Status::ok();
 }
 
+Status WebDavStore::stat(const std::string& path, bool /*followLast*/, StoreStat& out) {
+  switch (cache_.get(path, out)) {
+    case StatCache::Found::kPresent:
+      return Status::ok();
+    case StatCache::Found::kAbsent:
+      return Status::error(Status::Code::kNotFound);
+    case StatCache::Found::kUnknown:
+      break;
+  }
+  return statFresh(path, out);
+}
+
 Status WebDavStore::list(const std::string& path, std::vector<StoreEntry>& out) {
+  StatCache::Ticket ticket = cache_.ticket();
   std::vector<DavNode> nodes;
-  Status status = propfind(path, "1", nodes);
+  time_t date = -1;
+  Status status = propfind(path, "1", nodes, date);
   if (!status.isOk()) {
     return status;
   }
@@ -468,6 +287,7 @@ Status WebDavStore::list(const std::string& path, std::vector<StoreEntry>& out) 
     return Status::error(Status::Code::kNotDirectory);
   }
   const std::string prefix = trimSlashes(self.empty() ? "/" : self);
+  std::vector<StoreEntry> entries;
   for (const DavNode& entry : nodes) {
     std::string entryPath = trimSlashes(entry.path);
     if (&entry == node || entryPath == prefix) {
@@ -479,16 +299,21 @@ Status WebDavStore::list(const std::string& path, std::vector<StoreEntry>& out) 
       continue;
     }
     std::string name = lastName(entryPath);
-    if (name.empty() || name == "." || name == "..") {
+    if (name.empty() || name == "." || name == ".." ||
+        name.compare(0, std::char_traits<char>::length(kProbePrefix), kProbePrefix) == 0) {
       continue;
     }
     StoreEntry item;
     item.name = name;
     item.isDir = entry.isDir;
     item.described = true;
-    describeNode(entry, item.stat);
-    out.push_back(std::move(item));
+    item.stat = describe(entry, date);
+    entries.push_back(std::move(item));
   }
+  if (node != nullptr) {
+    cache_.putListing(ticket, path, describe(*node, date), entries);
+  }
+  out.insert(out.end(), entries.begin(), entries.end());
   return Status::ok();
 }
 
@@ -496,48 +321,162 @@ std::string WebDavStore::identity() const { return "webdav:" + options_.user + "
 
 Status WebDavStore::download(const std::string& path, ByteSink& target, StoreStat& copied,
                              const std::string& ifNoneMatch) {
-  Request request;
+  HttpRequest request;
   request.url = urlOf(path, false);
   request.target = &target;
-  if (!ifNoneMatch.empty() && ifNoneMatch.compare(0, 3, "lm:") != 0) {
+  if (isTag(ifNoneMatch)) {
     request.headers.push_back("If-None-Match: " + ifNoneMatch);
   }
-  Response response = perform(request);
-  if (answered(response, 404)) {
+  HttpResponse response = send(request);
+  if (response.answered(404)) {
     return Status::error(Status::Code::kNotFound);
   }
-  if (answered(response, 304)) {
+  if (response.answered(304)) {
     return Status::error(Status::Code::kNotModified);
   }
-  if (!answered(response, 200) || response.fileError != 0) {
+  if (!response.answered(200) || response.fileError != 0) {
     return failureOf(response);
   }
   copied.isDir = false;
   copied.size = response.received;
-  if (response.modified >= 0) {
-    copied.mtime = response.modified;
+  if (response.lastModified >= 0) {
+    copied.mtime = response.lastModified;
   }
-  if (!response.etag.empty() || response.modified >= 0) {
-    describeVersion(response.etag, copied.mtime, copied.size, copied);
+  // The version of these bytes, in the form a PROPFIND gives this server's
+  // files; a server that answers a GET with less keeps what stat said.
+  const std::string tag = response.header("etag");
+  const int tags = tags_.load();
+  DavVersion version;
+  if (!tag.empty() && tags != kNo && (tags == kYes || copied.version.empty())) {
+    version = versionOf(tag, response.lastModified, copied.size, response.date,
+                        static_cast<DavServerKind>(kind_.load()));
+  } else if (tags == kNo && response.lastModified >= 0) {
+    version = versionOf("", response.lastModified, copied.size, response.date,
+                        static_cast<DavServerKind>(kind_.load()));
+  } else {
+    return Status::ok();
+  }
+  copied.version = version.text;
+  copied.settled = version.settled;
+  copied.identity = version.identity;
+  return Status::ok();
+}
+
+std::string WebDavStore::propertyLimit() {
+  std::lock_guard<std::mutex> lock(probeMutex_);
+  return propertyLimit_;
+}
+
+Status WebDavStore::propertiesKept(bool& kept) {
+  int known = properties_.load();
+  if (known == kUnknown) {
+    std::lock_guard<std::mutex> lock(probeMutex_);
+    known = properties_.load();
+    if (known == kUnknown) {
+      HttpRequest request;
+      request.method = "PROPPATCH";
+      request.url = urlOf("", true);
+      request.headers = {kXmlType};
+      request.hasBody = true;
+      request.body = propertyProbeBody();
+      HttpResponse response = send(request);
+      if (response.failed || response.answered(401) || response.answered(407)) {
+        return failureOf(response);
+      }
+      std::string error;
+      if (response.answered(207) ? proppatchSucceeded(response.body, error)
+                                 : response.succeeded()) {
+        known = kYes;
+      } else {
+        known = kNo;
+        std::string answer = error.empty()
+                                 ? std::to_string(response.code) +
+                                       (response.reason.empty() ? "" : " ") + response.reason
+                                 : error;
+        propertyLimit_ = "the WebDAV server keeps no properties (PROPPATCH answered " + answer +
+                         "), so it cannot store modes";
+        logLine("webdav: " + propertyLimit_ +
+                "; files and folders read the default modes and chmod is refused");
+      }
+      properties_.store(known);
+    }
+  }
+  kept = known == kYes;
+  return Status::ok();
+}
+
+bool WebDavStore::conditionsHonoured() {
+  int known = conditions_.load();
+  if (known != kUnknown) {
+    return known == kYes;
+  }
+  std::lock_guard<std::mutex> lock(probeMutex_);
+  known = conditions_.load();
+  if (known != kUnknown) {
+    return known == kYes;
+  }
+  const std::string name = probeName();
+  HttpRequest request;
+  request.method = "PUT";
+  request.url = urlOf(name, false);
+  request.headers = {"Content-Type: application/octet-stream",
+                     std::string("If-Match: ") + kNoCondition};
+  request.hasBody = true;
+  request.replayable = false;
+  HttpResponse response = send(request);
+  if (response.answered(412)) {
+    known = kYes;
+  } else if (response.succeeded()) {
+    known = kNo;
+    HttpRequest cleanup;
+    cleanup.method = "DELETE";
+    cleanup.url = request.url;
+    send(cleanup);
+    logLine(
+        "webdav: the server ignores If-Match and If-None-Match; each conditional change reads "
+        "the version again just before it is made");
+  }
+  // Anything else (a refusal to write there, no answer) tells nothing: the
+  // store asks again next time.
+  conditions_.store(known);
+  return known == kYes;
+}
+
+Status WebDavStore::recheck(const std::string& path, const Expect& expect, StatCache::Found& found,
+                            StoreStat& now) {
+  Status status = statFresh(path, now);
+  if (status.code() == Status::Code::kNotFound) {
+    found = StatCache::Found::kAbsent;
+    return expect.kind == Expect::Kind::kVersion ? conflict() : Status::ok();
+  }
+  if (!status.isOk()) {
+    return status;
+  }
+  found = StatCache::Found::kPresent;
+  if (expect.kind == Expect::Kind::kAbsent ||
+      (expect.kind == Expect::Kind::kVersion && (now.isDir || now.version != expect.version))) {
+    return conflict();
   }
   return Status::ok();
 }
 
 Status WebDavStore::setMode(const std::string& path, bool collection, mode_t mode) {
-  Request request;
+  HttpRequest request;
   request.method = "PROPPATCH";
   request.url = urlOf(path, collection);
   request.headers = {kXmlType};
   request.hasBody = true;
   request.body = modeUpdateBody(mode);
-  Response response = perform(request);
-  if (answered(response, 404)) {
+  cache_.forget(path);
+  HttpResponse response = send(request);
+  cache_.forget(path);
+  if (response.answered(404)) {
     return Status::error(Status::Code::kNotFound);
   }
-  if (answered(response, 200) || answered(response, 204)) {
+  if (response.answered(200) || response.answered(204)) {
     return Status::ok();
   }
-  if (!answered(response, 207)) {
+  if (!response.answered(207)) {
     return failureOf(response);
   }
   std::string error;
@@ -547,26 +486,29 @@ Status WebDavStore::setMode(const std::string& path, bool collection, mode_t mod
   return Status::ok();
 }
 
-namespace {
-
-// True when the server can check `expect` itself: an entity tag, sent in
-// its strong form (a server whose tag is still weak refuses it: the store
-// then checks and tries again without), or "nothing there".
-bool serverChecks(const Expect& expect) {
-  return expect.kind == Expect::Kind::kAbsent ||
-         (expect.kind == Expect::Kind::kVersion && expect.version.compare(0, 3, "lm:") != 0);
-}
-
-// The condition headers of a change that expects `expect`.
-void addConditions(const Expect& expect, std::vector<std::string>& headers) {
-  if (expect.kind == Expect::Kind::kAbsent) {
-    headers.push_back("If-None-Match: *");
-  } else if (serverChecks(expect)) {
-    headers.push_back("If-Match: " + expect.version);
+Status WebDavStore::storeMode(const std::string& path, bool collection, mode_t mode,
+                              StatCache::Found found, const StoreStat& before) {
+  bool kept = false;
+  Status status = propertiesKept(kept);
+  if (!status.isOk()) {
+    return status;
   }
+  mode &= 07777;
+  if (!kept) {
+    logLine("webdav: the mode " + octal(mode) + " of '" + path + "' is left out: the server " +
+            "keeps no properties");
+    return Status::ok();
+  }
+  // A new name without the property reads the default; a file replaced on
+  // a server that keeps its properties keeps its mode.
+  const unsigned fresh = collection ? kDefaultFolderMode : kDefaultFileMode;
+  if ((found == StatCache::Found::kAbsent && mode == fresh) ||
+      (found == StatCache::Found::kPresent && !before.isDir && before.mode == mode &&
+       keepsPropertiesOnPut(static_cast<DavServerKind>(kind_.load())))) {
+    return Status::ok();
+  }
+  return setMode(path, collection, mode);
 }
-
-}  // namespace
 
 Status WebDavStore::upload(int source, const std::string& path, mode_t mode, const Expect& expect,
                            StoreStat& written, ContentHash& sent) {
@@ -574,57 +516,58 @@ Status WebDavStore::upload(int source, const std::string& path, mode_t mode, con
   if (::fstat(source, &st) != 0) {
     return Status::fromErrno(errno);
   }
-  // Checked here, just before the PUT, where the server cannot (no tag),
-  // and after a refusal of a tag that may only be weak still.
-  auto stillExpected = [&]() -> Status {
-    StoreStat now;
-    Status status = stat(path, true, now);
-    if (status.code() == Status::Code::kNotFound ||
-        (status.isOk() && now.version != expect.version)) {
-      return Status::error(Status::Code::kConflict, "the file changed");
-    }
-    return status;
-  };
-  bool conditional = serverChecks(expect);
-  if (expect.kind == Expect::Kind::kVersion && !conditional) {
-    Status status = stillExpected();
+  // What is known of the path before: whether its mode must be set again.
+  StoreStat before;
+  StatCache::Found found = cache_.get(path, before);
+  if (expect.kind != Expect::Kind::kAnything && (!isTag(expect.version) || !conditionsHonoured())) {
+    // The server will not check: the version is read just before the PUT.
+    Status status = recheck(path, expect, found, before);
     if (!status.isOk()) {
       return status;
     }
   }
   Hasher hasher;
-  Request request;
+  HttpRequest request;
   request.method = "PUT";
   request.url = urlOf(path, false);
   request.headers = {"Content-Type: application/octet-stream"};
-  addConditions(expect, request.headers);
+  addConditions(expect, request);
   request.source = source;
   request.sourceSize = static_cast<long long>(st.st_size);
   request.sourceHash = &hasher;
-  Response response = perform(request);
-  if (answered(response, 412) && expect.kind == Expect::Kind::kVersion) {
-    Status status = stillExpected();
+  cache_.forget(path);
+  HttpResponse response = send(request);
+  if (response.answered(412) && expect.kind == Expect::Kind::kVersion) {
+    // Apache refuses a tag it holds, for a second after a write, as weak.
+    StoreStat now;
+    Status status = recheck(path, expect, found, now);
     if (!status.isOk()) {
       return status;
     }
-    // The version is the expected one, its tag only weak yet: sent again
-    // without the condition.
-    hasher.reset();
-    request.headers = {"Content-Type: application/octet-stream"};
-    response = perform(request);
+    request.headers.resize(1);
+    request.replayable = true;
+    cache_.forget(path);
+    response = send(request);
   }
-  if (answered(response, 405)) {
+  cache_.forget(path);
+  if (response.answered(405)) {
     return Status::fromErrno(EISDIR);  // a collection stands there
   }
-  if (answered(response, 412)) {
-    return Status::error(Status::Code::kConflict, "the server refused the condition");
+  if (response.answered(412)) {
+    return conflict();
   }
-  if (!succeeded(response)) {
+  if (!response.succeeded()) {
     return failureOf(response);
   }
   sent = hasher.digest();
-  written = StoreStat();  // the version is asked for again
-  return setMode(path, false, mode);
+  written = StoreStat();
+  written.size = request.sourceSize;
+  const std::string tag = response.header("etag");
+  if (!tag.empty() && tags_.load() == kYes) {
+    // Read in the moment of the write: never settled.
+    written.version = versionOf(tag, -1, written.size, response.date, DavServerKind::kUnknown).text;
+  }
+  return storeMode(path, false, mode, found, before);
 }
 
 Status WebDavStore::makeDirs(const std::string& path) {
@@ -639,25 +582,27 @@ Status WebDavStore::makeDirs(const std::string& path) {
   if (status.code() != Status::Code::kNotFound) {
     return status;
   }
-  Request request;
+  HttpRequest request;
   request.method = "MKCOL";
   request.url = urlOf(path, true);
-  Response response = perform(request);
-  if (answered(response, 409) || answered(response, 400)) {
+  cache_.forget(path);
+  HttpResponse response = send(request);
+  if (response.answered(409) || response.answered(400)) {
     // A level above is missing (409), or a file (400 from some servers):
     // made first, then this one again.
     status = makeDirs(parentOf(path));
     if (!status.isOk()) {
       return status;
     }
-    response = perform(request);
+    response = send(request);
   }
-  if (answered(response, 201)) {
+  cache_.forget(path);
+  if (response.answered(201)) {
     return Status::ok();
   }
-  if (answered(response, 405)) {
+  if (response.answered(405)) {
     // Something came there meanwhile: fine if it is a collection.
-    status = stat(path, true, st);
+    status = statFresh(path, st);
     if (status.isOk()) {
       return st.isDir ? Status::ok() : Status::fromErrno(ENOTDIR);
     }
@@ -668,26 +613,30 @@ Status WebDavStore::makeDirs(const std::string& path) {
 
 Status WebDavStore::createFile(const std::string& path, mode_t mode) {
   StoreStat st;
-  Status status = stat(path, true, st);
+  // A server that ignores If-None-Match is asked just before.
+  Status status = conditionsHonoured() ? stat(path, true, st) : statFresh(path, st);
   if (status.isOk()) {
     return st.isDir ? Status::fromErrno(EISDIR) : Status::ok();
   }
   if (status.code() != Status::Code::kNotFound) {
     return status;
   }
-  Request request;
+  HttpRequest request;
   request.method = "PUT";
   request.url = urlOf(path, false);
-  request.headers = {"Content-Type: application/octet-stream", "If-None-Match: *"};
+  request.headers = {"Content-Type: application/octet-stream"};
+  addConditions(Expect::absent(), request);
   request.hasBody = true;
-  Response response = perform(request);
-  if (answered(response, 412)) {
+  cache_.forget(path);
+  HttpResponse response = send(request);
+  cache_.forget(path);
+  if (response.answered(412)) {
     return Status::ok();  // made by someone else meanwhile
   }
-  if (!succeeded(response)) {
+  if (!response.succeeded()) {
     return failureOf(response);
   }
-  return setMode(path, false, mode);
+  return storeMode(path, false, mode, StatCache::Found::kAbsent, st);
 }
 
 Status WebDavStore::move(const std::string& from, const std::string& to) {
@@ -696,63 +645,94 @@ Status WebDavStore::move(const std::string& from, const std::string& to) {
   if (!status.isOk()) {
     return status;
   }
-  Request request;
+  HttpRequest request;
   request.method = "MOVE";
   request.url = urlOf(from, st.isDir);
   request.headers = {"Destination: " + urlOf(to, st.isDir), "Overwrite: F"};
-  Response response = perform(request);
-  if (answered(response, 412)) {
+  cache_.forget(from);
+  cache_.forget(to);
+  HttpResponse response = send(request);
+  cache_.forget(from);
+  cache_.forget(to);
+  if (response.answered(412)) {
     return Status::fromErrno(EEXIST);  // never replaces what is there
   }
-  if (answered(response, 404)) {
+  if (response.answered(404)) {
     return Status::error(Status::Code::kNotFound);
   }
-  return succeeded(response) && !answered(response, 207) ? Status::ok() : failureOf(response);
+  return response.succeeded() && !response.answered(207) ? Status::ok() : failureOf(response);
 }
 
 Status WebDavStore::chmod(const std::string& path, mode_t mode) {
-  return setMode(path, false, mode & 07777);
+  StoreStat st;
+  Status status = stat(path, true, st);
+  if (!status.isOk()) {
+    return status;
+  }
+  bool kept = false;
+  status = propertiesKept(kept);
+  if (!status.isOk()) {
+    return status;
+  }
+  if (!kept) {
+    return Status::error(Status::Code::kFailed, propertyLimit());
+  }
+  return setMode(path, st.isDir, mode & 07777);
 }
 
 Status WebDavStore::remove(const std::string& path, bool recursive, const Expect& expect) {
   std::vector<DavNode> nodes;
-  Status status = propfind(path, recursive ? "0" : "1", nodes);
+  time_t date = -1;
+  Status status = propfind(path, recursive ? "0" : "1", nodes, date);
   if (status.code() == Status::Code::kNotFound) {
-    return Status::ok();
+    return expect.kind == Expect::Kind::kVersion ? conflict() : Status::ok();
   }
   if (!status.isOk()) {
     return status;
   }
   const DavNode* node = nodeOf(nodes, topDecoded_ + "/" + path);
-  bool isDir = node != nullptr ? node->isDir : (!nodes.empty() && nodes[0].isDir);
+  if (node == nullptr && !nodes.empty()) {
+    node = &nodes[0];
+  }
+  const bool isDir = node != nullptr && node->isDir;
   if (!recursive && isDir && nodes.size() > 1) {
     return Status::error(Status::Code::kNotEmpty);
   }
-  Request request;
+  HttpRequest request;
   request.method = "DELETE";
   request.url = urlOf(path, isDir);
-  if (!isDir) {
-    addConditions(expect, request.headers);
+  if (!isDir && node != nullptr && expect.kind != Expect::Kind::kAnything) {
+    // The answer just read is the version the DELETE is checked against
+    // where the server ignores the condition.
+    StoreStat now = describe(*node, date);
+    if (expect.kind == Expect::Kind::kAbsent || now.version != expect.version) {
+      return conflict();
+    }
+    addConditions(expect, request);
   }
-  if (!isDir && expect.kind == Expect::Kind::kVersion && !serverChecks(expect) &&
-      (node == nullptr || versionOfNode(*node) != expect.version)) {
-    return Status::error(Status::Code::kConflict, "the file changed");
-  }
-  Response response = perform(request);
-  if (answered(response, 412) && expect.kind == Expect::Kind::kVersion && node != nullptr &&
-      versionOfNode(*node) == expect.version) {
-    // Read just before at the expected version, its tag only weak yet.
+  cache_.forget(path);
+  HttpResponse response = send(request);
+  if (response.answered(412)) {
+    // A tag the server still holds but calls weak: again without it.
+    StatCache::Found found;
+    StoreStat now;
+    status = recheck(path, expect, found, now);
+    if (!status.isOk()) {
+      return status;
+    }
     request.headers.clear();
-    response = perform(request);
+    cache_.forget(path);
+    response = send(request);
   }
-  if (answered(response, 404)) {
+  cache_.forget(path);
+  if (response.answered(404)) {
     return Status::ok();
   }
-  if (answered(response, 412)) {
-    return Status::error(Status::Code::kConflict, "the server refused the condition");
+  if (response.answered(412)) {
+    return conflict();
   }
   // A 207 lists what could not be removed.
-  return succeeded(response) && !answered(response, 207) ? Status::ok() : failureOf(response);
+  return response.succeeded() && !response.answered(207) ? Status::ok() : failureOf(response);
 }
 
 Status WebDavStore::open(const std::string& /*path*/, const OpenMode& /*mode*/,
