@@ -1,6 +1,7 @@
 // The WebDAV texts of the agent's WebDAV store without a server: paths in
 // URLs, hrefs in the forms servers write them, multistatus answers with
-// their namespaces and failed properties, dates.
+// their namespaces and failed properties, dates, and the versions made of
+// what servers say of a file.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -100,6 +101,64 @@ TEST(WebDavProtocolTest, PropertyUpdatesAndDates) {
   EXPECT_EQ(when, 10);
   EXPECT_FALSE(velagent::parseHttpDate("1970-01-01T00:00:10Z", when));
   EXPECT_FALSE(velagent::parseHttpDate("Thu, 01 Jan 1970 00:00:10 GMT trailing", when));
+}
+
+// The version of a file from the answers of each kind of server: a weak
+// mark never makes another version, a version read within the second of
+// the change is never settled, and only Apache's size-and-microsecond tag
+// with a fraction of a second names its content alone.
+TEST(WebDavProtocolTest, VersionsFromWhatServersSay) {
+  using velagent::DavServerKind;
+  const time_t change = 1795626576;  // Apache's "...-6611ce43e5659" (microseconds) names it
+  struct Case {
+    const char* etag;
+    time_t mtime;
+    time_t date;
+    DavServerKind kind;
+    const char* text;
+    bool settled;
+    bool identity;
+  };
+  const Case cases[] = {
+      {"\"4-6611ce43e5659\"", change, change + 1, DavServerKind::kApache, "\"4-6611ce43e5659\"",
+       true, true},
+      {"W/\"4-6611ce43e5659\"", change, change, DavServerKind::kApache, "\"4-6611ce43e5659\"",
+       false, false},
+      {"W/\"4-6611ce43e5659\"", change, change + 5, DavServerKind::kApache, "\"4-6611ce43e5659\"",
+       false, false},
+      // inode, size and time; a whole second (set by a tool) may be shared
+      {"\"a1b-4-6611ce4363400\"", change, change + 9, DavServerKind::kApache,
+       "\"a1b-4-6611ce4363400\"", true, false},
+      {"\"a1b-4-6611ce43e5659\"", change, change + 9, DavServerKind::kApache,
+       "\"a1b-4-6611ce43e5659\"", true, true},
+      // a tag of another time than the file's is no tag of that form
+      {"\"4-6611ce43e5659\"", change + 60, change + 99, DavServerKind::kApache,
+       "\"4-6611ce43e5659\"", true, false},
+      {"\"4-6611ce43e5659\"", change, change + 1, DavServerKind::kLighttpd, "\"4-6611ce43e5659\"",
+       true, false},
+      {"\"4160526630\"", change, change + 1, DavServerKind::kLighttpd, "\"4160526630\"", true,
+       false},
+      {"\"4160526630\"", change, change, DavServerKind::kLighttpd, "\"4160526630\"", false, false},
+      {"\"18eb58dec7dc63124\"", change, -1, DavServerKind::kUnknown, "\"18eb58dec7dc63124\"", false,
+       false},
+      {"", change, change + 1, DavServerKind::kNginx, "lm:1795626576-12", true, false},
+      {"", change, change, DavServerKind::kNginx, "lm:1795626576-12", false, false},
+      {"", -1, change, DavServerKind::kNginx, "lm:-1-12", false, false},
+  };
+  for (const Case& c : cases) {
+    velagent::DavVersion v = velagent::versionOf(c.etag, c.mtime, 12, c.date, c.kind);
+    const std::string name = std::string(c.etag) + " at " + std::to_string(c.mtime) + " read " +
+                             std::to_string(c.date) + " from kind " +
+                             std::to_string(static_cast<int>(c.kind));
+    EXPECT_EQ(v.text, c.text) << name;
+    EXPECT_EQ(v.settled, c.settled) << name;
+    EXPECT_EQ(v.identity, c.identity) << name;
+  }
+  EXPECT_EQ(velagent::strongForm("W/\"x\""), "\"x\"");
+  EXPECT_EQ(velagent::serverKindOf("Apache/2.4.71 (Debian)"), DavServerKind::kApache);
+  EXPECT_EQ(velagent::serverKindOf("lighttpd/1.4.69"), DavServerKind::kLighttpd);
+  EXPECT_EQ(velagent::serverKindOf("nginx/1.22.1"), DavServerKind::kNginx);
+  EXPECT_EQ(velagent::serverKindOf("Caddy"), DavServerKind::kUnknown);
 }
 
 }  // namespace

@@ -428,10 +428,15 @@ bool WebDavServer::launch() {
 bool WebDavServer::start() { return pid_ > 0 || launch(); }
 
 void WebDavServer::stop() {
-  if (pid_ > 0) {
+  if (pid_ > 0 && options_.kind == WebDavServerKind::kLighttpd) {
+    // lighttpd notices a stop signal only at its next tick, up to a second
+    // later; nothing it holds needs a clean stop.
+    ::kill(pid_, SIGKILL);
+    waitExit(pid_);
+  } else if (pid_ > 0) {
     stopProcess(pid_, kStopSeconds);
-    pid_ = -1;
   }
+  pid_ = -1;
 }
 
 void WebDavServer::adopt() const {

@@ -22,7 +22,7 @@ constexpr size_t kMaxAnswerBytes = 256u << 20;
 // Repeats of a request answered with 503.
 constexpr int kBusyRetries = 2;
 
-const char* const kReplayable[] = {"GET",      "HEAD", "OPTIONS", "PROPFIND",
+const char* const kReplayable[] = {"GET",       "HEAD", "OPTIONS", "PROPFIND",
                                    "PROPPATCH", "PUT",  "DELETE",  "MKCOL"};
 
 bool replayableMethod(const std::string& method) {
@@ -293,8 +293,8 @@ HttpResponse HttpClient::attempt(const HttpRequest& request, bool fresh) {
   if (result != CURLE_OK) {
     response.failed = true;
     response.error = errorText[0] != '\0' ? errorText : curl_easy_strerror(result);
-    response.dropped = result == CURLE_GOT_NOTHING || result == CURLE_SEND_ERROR ||
-                       result == CURLE_RECV_ERROR;
+    response.dropped =
+        result == CURLE_GOT_NOTHING || result == CURLE_SEND_ERROR || result == CURLE_RECV_ERROR;
   }
   long connects = 0;
   if (curl_easy_getinfo(curl, CURLINFO_NUM_CONNECTS, &connects) == CURLE_OK) {

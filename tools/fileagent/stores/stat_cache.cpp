@@ -63,19 +63,16 @@ void StatCache::putListing(const Ticket& ticket, const std::string& path, const 
 StatCache::Found StatCache::get(const std::string& path, StoreStat& out) const {
   std::lock_guard<std::mutex> lock(mutex_);
   auto known = paths_.find(path);
-  if (known != paths_.end() && fresh(known->second.asked)) {
+  const bool haveKnown = known != paths_.end() && fresh(known->second.asked);
+  auto listing = path.empty() ? listings_.end() : listings_.find(parentOf(path));
+  const bool haveListing = listing != listings_.end() && fresh(listing->second);
+  // The later answer wins: a listing made after a stat that lacks the name
+  // says it is gone; a stat made after a listing says what came since.
+  if (haveKnown && (!haveListing || known->second.asked >= listing->second)) {
     out = known->second.stat;
     return Found::kPresent;
   }
-  if (path.empty()) {
-    return Found::kUnknown;
-  }
-  auto listing = listings_.find(parentOf(path));
-  if (listing != listings_.end() && fresh(listing->second) &&
-      (known == paths_.end() || known->second.asked <= listing->second)) {
-    return Found::kAbsent;
-  }
-  return Found::kUnknown;
+  return haveListing ? Found::kAbsent : Found::kUnknown;
 }
 
 void StatCache::forget(const std::string& path) {
