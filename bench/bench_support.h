@@ -1,8 +1,9 @@
 // What the benchmarks share: failing loudly, medians and quartiles, files
 // of bytes that neither compress nor repeat, running a program, an agent on
-// a socket of its own, and the WebDAV floor (a PROPFIND of Depth 0 and a
-// GET of each file over one kept-alive connection: the least a client asks
-// a server for to bring a tree).
+// a socket of its own, and the WebDAV floors (over one kept-alive
+// connection, a PROPFIND of Depth 1 per folder and a GET per file: the
+// least a client asks a server for to bring a tree; a MKCOL per folder and
+// a PUT per file: the least to send one).
 #ifndef VEL_BENCH_BENCH_SUPPORT_H_
 #define VEL_BENCH_BENCH_SUPPORT_H_
 
@@ -91,12 +92,16 @@ inline void makeFile(const std::string& path, size_t bytes, unsigned long long s
   ::close(fd);
 }
 
-// The regular files below `root`.
+// The regular files below `root`, but for those of a server's own
+// folders (Apache keeps properties in .DAV).
 inline size_t filesBelow(const std::string& root) {
   std::error_code error;
   size_t files = 0;
   for (std::filesystem::recursive_directory_iterator it(root, error), end; !error && it != end;
        it.increment(error)) {
+    if (it->is_directory() && it->path().filename() == ".DAV") {
+      it.disable_recursion_pending();
+    }
     files += it->is_regular_file() ? 1 : 0;
   }
   return files;
@@ -174,35 +179,93 @@ inline size_t countBytes(char*, size_t size, size_t n, void* user) {
   return size * n;
 }
 
-// A PROPFIND (Depth 0) and a GET of each of `files` below `base` over the
-// one connection `curl` keeps; every file must hold `fileSize` bytes.
-inline void davFloor(CURL* curl, const std::string& base, const std::vector<std::string>& files,
-                     size_t fileSize) {
-  const std::string body = velagent::propfindBody();
-  struct curl_slist* headers = curl_slist_append(nullptr, "Depth: 0");
-  headers = curl_slist_append(headers, "Content-Type: application/xml; charset=utf-8");
+// The folders that hold `files` (paths below the collection), each once,
+// parents before children, `top` first.
+inline std::vector<std::string> foldersOf(const std::string& top,
+                                          const std::vector<std::string>& files) {
+  std::vector<std::string> folders = {top};
   for (const std::string& file : files) {
-    const std::string url = base + velagent::encodePath(file);
-    size_t got = 0;
-    long code = 0;
-    curl_easy_reset(curl);
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, countBytes);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &got);
-    curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, "PROPFIND");
-    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
-    if (curl_easy_perform(curl) != CURLE_OK ||
-        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code) != CURLE_OK || code != 207) {
-      fail("PROPFIND of " + file + " failed");
+    const std::string folder = file.substr(0, file.rfind('/'));
+    if (std::find(folders.begin(), folders.end(), folder) == folders.end()) {
+      folders.push_back(folder);
     }
-    got = 0;
-    curl_easy_reset(curl);
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, countBytes);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &got);
-    if (curl_easy_perform(curl) != CURLE_OK || got != fileSize) {
+  }
+  return folders;
+}
+
+// The status of one request over the connection `curl` keeps; the answer's
+// body is counted into `got`.
+inline long davRequest(CURL* curl, const std::string& url, const char* method,
+                       struct curl_slist* headers, const std::string* body, size_t& got,
+                       const char* upload = nullptr, size_t uploadSize = 0) {
+  got = 0;
+  curl_easy_reset(curl);
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, countBytes);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &got);
+  if (std::string(method) != "GET") {
+    curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, method);
+  }
+  if (headers != nullptr) {
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+  }
+  if (body != nullptr) {
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body->c_str());
+  } else if (upload != nullptr) {
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, upload);
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(uploadSize));
+  }
+  long code = 0;
+  if (curl_easy_perform(curl) != CURLE_OK ||
+      curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code) != CURLE_OK) {
+    return 0;
+  }
+  return code;
+}
+
+// The least a client asks a server for to bring the tree `top`: a PROPFIND
+// (Depth 1) of each folder and a GET of each of `files` (paths below
+// `base`, each of `fileSize` bytes), over the one connection `curl` keeps.
+inline void davFloor(CURL* curl, const std::string& base, const std::string& top,
+                     const std::vector<std::string>& files, size_t fileSize) {
+  const std::string body = velagent::propfindBody();
+  struct curl_slist* headers = curl_slist_append(nullptr, "Depth: 1");
+  headers = curl_slist_append(headers, "Content-Type: application/xml; charset=utf-8");
+  size_t got = 0;
+  for (const std::string& folder : foldersOf(top, files)) {
+    if (davRequest(curl, base + velagent::encodePath(folder) + "/", "PROPFIND", headers, &body,
+                   got) != 207) {
+      fail("PROPFIND of " + folder + " failed");
+    }
+  }
+  for (const std::string& file : files) {
+    if (davRequest(curl, base + velagent::encodePath(file), "GET", nullptr, nullptr, got) != 200 ||
+        got != fileSize) {
       fail("GET of " + file + " failed");
+    }
+  }
+  curl_slist_free_all(headers);
+}
+
+// The least a client asks a server for to send the tree `top` where there
+// is none: a MKCOL of each folder and a PUT of each of `files` with
+// `content`, over the one connection `curl` keeps.
+inline void davPushFloor(CURL* curl, const std::string& base, const std::string& top,
+                         const std::vector<std::string>& files, const std::string& content) {
+  struct curl_slist* headers = curl_slist_append(nullptr, "Expect:");
+  headers = curl_slist_append(headers, "Content-Type: application/octet-stream");
+  size_t got = 0;
+  for (const std::string& folder : foldersOf(top, files)) {
+    if (davRequest(curl, base + velagent::encodePath(folder) + "/", "MKCOL", nullptr, nullptr,
+                   got) != 201) {
+      fail("MKCOL of " + folder + " failed");
+    }
+  }
+  for (const std::string& file : files) {
+    long code = davRequest(curl, base + velagent::encodePath(file), "PUT", headers, nullptr, got,
+                           content.data(), content.size());
+    if (code != 201 && code != 204) {
+      fail("PUT of " + file + " failed");
     }
   }
   curl_slist_free_all(headers);

@@ -18,10 +18,11 @@
 //  - a log line: stat of the path, the time stamp and the line formatted,
 //    one write on an O_APPEND descriptor;
 //  - local mode: the system calls on the same mirror paths;
-//  - with the agent's WebDAV store and Apache at hand, the tree update
-//    through an agent serving the tests' Apache WebDAV server: a PROPFIND
-//    (Depth 0) and a GET of each file over one kept-alive connection to the
-//    same server.
+//  - with the agent's WebDAV store and Apache at hand, the tree update and
+//    commit through an agent serving the tests' Apache WebDAV server: over
+//    one kept-alive connection to the same server, a PROPFIND (Depth 1) of
+//    each folder and a GET of each file; a MKCOL of each folder and a PUT
+//    of each file.
 //
 // Usage: vel_bench [--quick] [--only GROUP[,GROUP...]] [--agent PATH]
 //   groups: remote, tree, large, sync, log, local, webdav
@@ -679,31 +680,37 @@ bool agentHasWebdav(const std::string& agent) {
   return veltest::runProcess({agent, "--help"}).out.find("--webdav") != std::string::npos;
 }
 
-// The tree update through an agent serving the tests' Apache WebDAV server.
-void webdavRow(const Options& options, const std::string& dir) {
-  Row row("WebDAV update", "keep-alive PROPFIND + GET loop", 1.5);
+// The tree update and commit through an agent serving the tests' Apache
+// WebDAV server, each next to the least a client asks the server for.
+void webdavRows(const Options& options, const std::string& dir) {
+  Row update("WebDAV update", "keep-alive PROPFIND/folder + GET", 1.5);
+  Row commit("WebDAV commit", "keep-alive MKCOL/folder + PUT", 1.5);
   std::string why;
   if (!agentHasWebdav(options.agent)) {
-    row.note = "no WebDAV store in this build";
+    update.note = commit.note = "no WebDAV store in this build";
   } else if (!veltest::WebDavServer::available(why)) {
-    row.note = "no WebDAV server here: " + why;
+    update.note = commit.note = "no WebDAV server here: " + why;
   }
-  if (!row.note.empty()) {
-    g_rows.push_back(row);
+  if (!update.note.empty()) {
+    g_rows.push_back(update);
+    g_rows.push_back(commit);
     return;
   }
   const std::string docroot = dir + "/webdav";
   makeDir(docroot);
   makeTree(docroot + "/wtree", 500000);
-  std::vector<std::string> files;
+  makeTree(dir + "/mirror/wup", 700000);
+  std::vector<std::string> pulled;
+  std::vector<std::string> pushed;
   for (int d = 0; d < kFolders; ++d) {
     for (int f = 0; f < kFilesPerFolder; ++f) {
       char name[32];
-      std::snprintf(name, sizeof name, "wtree/%s/f%04d", folderName(d).c_str(),
-                    d * kFilesPerFolder + f);
-      files.push_back(name);
+      std::snprintf(name, sizeof name, "/%s/f%04d", folderName(d).c_str(), d * kFilesPerFolder + f);
+      pulled.push_back(std::string("wtree") + name);
+      pushed.push_back(std::string("wup") + name);
     }
   }
+  const std::string content(kSmallFile, 'c');
   curl_global_init(CURL_GLOBAL_DEFAULT);
   {
     veltest::WebDavServer server(docroot, dir + "/httpd");
@@ -714,7 +721,7 @@ void webdavRow(const Options& options, const std::string& dir) {
     const std::string folderUds = ::getenv("UDS_ROOT_OSSUSER");
     ::setenv("UDS_ROOT_OSSUSER", (dir + "/uds-webdav").c_str(), 1);
     const std::string mirrorTree = dir + "/mirror/wtree";
-    auto update = [&] {
+    auto pull = [&] {
       removeTree(mirrorTree);
       const Clock::time_point start = Clock::now();
       if (VEL::syncFromServer("wtree", true) != 0) {
@@ -722,19 +729,38 @@ void webdavRow(const Options& options, const std::string& dir) {
       }
       return seconds(start);
     };
-    update();
-    if (velbench::filesBelow(mirrorTree) != files.size()) {
-      fail("the WebDAV tree update did not bring every file");
+    auto push = [&] {
+      removeTree(docroot + "/wup");
+      const Clock::time_point start = Clock::now();
+      if (VEL::syncToServer("wup", true) != 0) {
+        fail("WebDAV tree commit failed");
+      }
+      return seconds(start);
+    };
+    pull();
+    push();
+    if (velbench::filesBelow(mirrorTree) != pulled.size() ||
+        velbench::filesBelow(docroot + "/wup") != pushed.size()) {
+      fail("the WebDAV tree update or commit did not move every file");
     }
     CURL* curl = curl_easy_init();
     measure(
-        row, options.quick ? 3 : 7,
+        update, options.quick ? 3 : 7,
         [&] {
           const Clock::time_point start = Clock::now();
-          velbench::davFloor(curl, server.url(), files, kSmallFile);
+          velbench::davFloor(curl, server.url(), "wtree", pulled, kSmallFile);
           return seconds(start);
         },
-        update);
+        pull);
+    measure(
+        commit, options.quick ? 3 : 7,
+        [&] {
+          removeTree(docroot + "/wup");
+          const Clock::time_point start = Clock::now();
+          velbench::davPushFloor(curl, server.url(), "wup", pushed, content);
+          return seconds(start);
+        },
+        push);
     curl_easy_cleanup(curl);
     ::setenv("UDS_ROOT_OSSUSER", folderUds.c_str(), 1);
   }
@@ -885,7 +911,7 @@ int main(int argc, char** argv) {
       syncRows(options, dir);
     }
     if (wanted("webdav")) {
-      webdavRow(options, dir);
+      webdavRows(options, dir);
     }
   }
   if (wanted("log")) {

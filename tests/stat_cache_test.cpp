@@ -88,6 +88,17 @@ TEST(StatCacheTest, AChangeForgetsThePathWhatIsBelowAndTheListingAbove) {
   EXPECT_EQ(lookup(cache, "d/b"), Found::kPresent);    // the neighbour is not
   EXPECT_EQ(lookup(cache, "f"), Found::kPresent);
 
+  StoreStat st;
+  cache.changeMode("d/b", 0600);
+  EXPECT_EQ(lookup(cache, "d/b", &st), Found::kPresent);
+  EXPECT_EQ(st.mode, 0600u);
+  EXPECT_EQ(st.version, "\"b1\"");
+  cache.forgetNode("d/deep");  // its mode may have changed: nothing else did
+  EXPECT_EQ(lookup(cache, "d/deep"), Found::kUnknown);
+  EXPECT_EQ(lookup(cache, "d/deep/x"), Found::kPresent);
+  EXPECT_EQ(lookup(cache, "d/deep/y"), Found::kAbsent);
+  EXPECT_EQ(lookup(cache, "d/b"), Found::kPresent);
+
   cache.forget("d");
   for (const char* path : {"d", "d/b", "d/deep", "d/deep/x", "d/deep/y"}) {
     EXPECT_EQ(lookup(cache, path), Found::kUnknown) << path;
@@ -99,6 +110,23 @@ TEST(StatCacheTest, AChangeForgetsThePathWhatIsBelowAndTheListingAbove) {
   EXPECT_EQ(lookup(cache, "dd"), Found::kPresent);
   cache.forget("");
   EXPECT_EQ(lookup(cache, "dd"), Found::kUnknown);
+}
+
+TEST(StatCacheTest, ANameFoundMissingStaysMissingUntilAChangeOrALaterAnswer) {
+  StatCache cache(std::chrono::minutes(1));
+  cache.putAbsent(cache.ticket(), "d/gone");
+  EXPECT_EQ(lookup(cache, "d/gone"), Found::kAbsent);
+  EXPECT_EQ(lookup(cache, "d/other"), Found::kUnknown);
+  cache.forget("d/gone");
+  EXPECT_EQ(lookup(cache, "d/gone"), Found::kUnknown);
+  cache.putAbsent(cache.ticket(), "d/gone");
+  cache.put(cache.ticket(), "d/gone", file(2, "\"g\""));
+  EXPECT_EQ(lookup(cache, "d/gone"), Found::kPresent);
+  cache.forget("d");
+  cache.putAbsent(cache.ticket(), "d/gone");
+  std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  cache.putListing(cache.ticket(), "d", folder(), {entry("gone", file(3, "\"h\""))});
+  EXPECT_EQ(lookup(cache, "d/gone"), Found::kPresent);
 }
 
 // An answer asked for before a change and received after it may describe

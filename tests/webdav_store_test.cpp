@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
+#include <map>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -21,6 +22,7 @@
 #include "fs/unique_fd.h"
 #include "stores/webdav_store.h"
 #include "support/agent_fixture.h"
+#include "support/process.h"
 #include "support/temp_dir.h"
 #include "support/webdav_server.h"
 
@@ -265,6 +267,79 @@ TEST_F(WebDavStoreTest, AnswersMapOntoTheAgentRepliesOverOneKeptConnection) {
   // fails it here for anything left behind).
   agent.stop();
   EXPECT_EQ(agent.exitStatus(), 0) << agent.agentLog();
+}
+
+// The requests each method got since `from` lines of the access log
+// ("<reuse> <method> <status> <path>"), and the log's length.
+std::map<std::string, int> methodsSince(const std::string& log, size_t& from) {
+  std::istringstream lines(readFile(log));
+  std::map<std::string, int> counts;
+  size_t n = 0;
+  for (std::string line; std::getline(lines, line); ++n) {
+    if (n >= from) {
+      std::istringstream words(line);
+      std::string reuse, method;
+      words >> reuse >> method;
+      ++counts[method];
+    }
+  }
+  from = n;
+  return counts;
+}
+
+// The tool's tree update asks for each folder's listing and each file's
+// bytes once: the entries' metadata and the downloads' lookups come from
+// the listing. A commit right after it sends each file once, with no
+// lookup per file, and over connections the agent keeps.
+TEST_F(WebDavStoreTest, ATreeCostsARequestPerFolderAndPerFile) {
+  AgentFixture agent(webdav());
+  ASSERT_TRUE(agent.ready());
+  const int folders = 3;
+  const int perFolder = 4;
+  for (int d = 0; d < folders; ++d) {
+    for (int f = 0; f < perFolder; ++f) {
+      agent.storeFile("tree/d" + std::to_string(d) + "/f" + std::to_string(f), "bytes");
+    }
+  }
+  const std::map<std::string, std::string> env = {{"UDS_ROOT_OSSUSER", agent.udsRoot()},
+                                                  {"TARN_ROOT_DIR", agent.mirror()},
+                                                  {"_APP_LOG_DIR", agent.logDir()}};
+  const std::string log = agent.server()->accessLog();
+  size_t mark = 0;
+  methodsSince(log, mark);
+  ProcessResult result = runProcess({VEL_TOOL_BIN, "update", "tree"}, env);
+  ASSERT_EQ(result.status, 0);
+  ASSERT_EQ(readFile(agent.mirror() + "/tree/d2/f3"), "bytes");
+  std::map<std::string, int> update = methodsSince(log, mark);
+  // One lookup of the top (the tool checks it is there), one listing each.
+  EXPECT_EQ(update["PROPFIND"], 1 + 1 + folders);
+  EXPECT_EQ(update["GET"], folders * perFolder);
+  EXPECT_EQ(update.size(), 2u);
+
+  for (int d = 0; d < folders; ++d) {
+    for (int f = 0; f < perFolder; ++f) {
+      writeFile(agent.mirror() + "/tree/d" + std::to_string(d) + "/f" + std::to_string(f),
+                "edited");
+    }
+  }
+  result = runProcess({VEL_TOOL_BIN, "commit", "tree"}, env);
+  ASSERT_EQ(result.status, 0);
+  ASSERT_EQ(readFile(agent.store() + "/tree/d2/f3"), "edited");
+  std::map<std::string, int> commit = methodsSince(log, mark);
+  EXPECT_EQ(commit["PUT"], folders * perFolder);
+  // The folders' lookups, at most (the listings just made answer them).
+  EXPECT_LE(commit["PROPFIND"], 1 + folders);
+  // The folders' modes, the store's question whether the server keeps
+  // them; the files keep theirs.
+  EXPECT_LE(commit["PROPPATCH"], 1 + folders + 1);
+  EXPECT_EQ(commit["GET"] + commit["MKCOL"], 0);
+
+  std::istringstream lines(readFile(log));
+  int fresh = 0;
+  for (std::string line; std::getline(lines, line);) {
+    fresh += line.compare(0, 2, "0 ") == 0 ? 1 : 0;
+  }
+  EXPECT_LE(fresh, 3) << readFile(log);
 }
 
 // ---- the Store interface on every server of the suite ----

@@ -39,7 +39,16 @@ void StatCache::put(const Ticket& ticket, const std::string& path, const StoreSt
   if (ticket.changes != changes_) {
     return;  // something changed while the answer was on its way
   }
-  paths_[path] = Known{st, ticket.asked};
+  paths_[path] = Known{st, ticket.asked, false};
+  trim();
+}
+
+void StatCache::putAbsent(const Ticket& ticket, const std::string& path) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (ticket.changes != changes_) {
+    return;
+  }
+  paths_[path] = Known{StoreStat(), ticket.asked, true};
   trim();
 }
 
@@ -50,10 +59,10 @@ void StatCache::putListing(const Ticket& ticket, const std::string& path, const 
     return;
   }
   const std::string prefix = path.empty() ? "" : path + "/";
-  paths_[path] = Known{self, ticket.asked};
+  paths_[path] = Known{self, ticket.asked, false};
   for (const StoreEntry& entry : entries) {
     if (entry.described) {
-      paths_[prefix + entry.name] = Known{entry.stat, ticket.asked};
+      paths_[prefix + entry.name] = Known{entry.stat, ticket.asked, false};
     }
   }
   listings_[path] = ticket.asked;
@@ -69,6 +78,9 @@ StatCache::Found StatCache::get(const std::string& path, StoreStat& out) const {
   // The later answer wins: a listing made after a stat that lacks the name
   // says it is gone; a stat made after a listing says what came since.
   if (haveKnown && (!haveListing || known->second.asked >= listing->second)) {
+    if (known->second.absent) {
+      return Found::kAbsent;
+    }
     out = known->second.stat;
     return Found::kPresent;
   }
@@ -82,6 +94,25 @@ void StatCache::forget(const std::string& path) {
   eraseTree(listings_, path);
   if (!path.empty()) {
     listings_.erase(parentOf(path));
+  }
+}
+
+void StatCache::forgetNode(const std::string& path) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ++changes_;
+  paths_.erase(path);
+  // The listing above must not take the name for gone.
+  if (!path.empty()) {
+    listings_.erase(parentOf(path));
+  }
+}
+
+void StatCache::changeMode(const std::string& path, unsigned mode) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ++changes_;
+  auto known = paths_.find(path);
+  if (known != paths_.end() && !known->second.absent) {
+    known->second.stat.mode = mode;
   }
 }
 

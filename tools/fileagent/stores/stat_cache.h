@@ -48,6 +48,8 @@ class StatCache {
   Ticket ticket() const;
   // Remembers `st` for `path` ("" is the top).
   void put(const Ticket& ticket, const std::string& path, const StoreStat& st);
+  // Remembers that nothing is at `path`.
+  void putAbsent(const Ticket& ticket, const std::string& path);
   // Remembers the folder `path` (`self` describes it) as holding exactly
   // `entries`, each described.
   void putListing(const Ticket& ticket, const std::string& path, const StoreStat& self,
@@ -57,12 +59,18 @@ class StatCache {
   Found get(const std::string& path, StoreStat& out) const;
   // Forgets `path`, everything below it and the listing of its folder.
   void forget(const std::string& path);
+  // Forgets what is known of `path` itself (a change of its properties
+  // only: what is known below it and beside it stays).
+  void forgetNode(const std::string& path);
+  // Records that the mode of `path` became `mode` (where `path` is known).
+  void changeMode(const std::string& path, unsigned mode);
   std::chrono::milliseconds window() const { return window_; }
 
  private:
   struct Known {
     StoreStat stat;
     Clock::time_point asked;
+    bool absent = false;
   };
   bool fresh(Clock::time_point asked) const { return Clock::now() - asked < window_; }
   // Under mutex_: drops expired entries when the maps grow large.

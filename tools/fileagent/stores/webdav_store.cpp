@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cctype>
 #include <cstdio>
+#include <ctime>
 #include <random>
 
 #include "server/agent_log.h"
@@ -246,6 +247,9 @@ Status WebDavStore::statFresh(const std::string& path, StoreStat& out) {
   std::vector<DavNode> nodes;
   time_t date = -1;
   Status status = propfind(path, "0", nodes, date);
+  if (status.code() == Status::Code::kNotFound) {
+    cache_.putAbsent(ticket, path);
+  }
   if (!status.isOk()) {
     return status;
   }
@@ -467,23 +471,21 @@ Status WebDavStore::setMode(const std::string& path, bool collection, mode_t mod
   request.headers = {kXmlType};
   request.hasBody = true;
   request.body = modeUpdateBody(mode);
-  cache_.forget(path);
   HttpResponse response = send(request);
-  cache_.forget(path);
+  std::string error;
+  if (response.answered(200) || response.answered(204) ||
+      (response.answered(207) && proppatchSucceeded(response.body, error))) {
+    cache_.changeMode(path, mode & 07777);
+    return Status::ok();
+  }
+  cache_.forgetNode(path);
   if (response.answered(404)) {
     return Status::error(Status::Code::kNotFound);
-  }
-  if (response.answered(200) || response.answered(204)) {
-    return Status::ok();
   }
   if (!response.answered(207)) {
     return failureOf(response);
   }
-  std::string error;
-  if (!proppatchSucceeded(response.body, error)) {
-    return Status::error(Status::Code::kServiceError, "webdav: mode not set: " + error);
-  }
-  return Status::ok();
+  return Status::error(Status::Code::kServiceError, "webdav: mode not set: " + error);
 }
 
 Status WebDavStore::storeMode(const std::string& path, bool collection, mode_t mode,
@@ -537,6 +539,9 @@ Status WebDavStore::upload(int source, const std::string& path, mode_t mode, con
   request.sourceHash = &hasher;
   cache_.forget(path);
   HttpResponse response = send(request);
+  if (response.answered(409) && remade(path)) {
+    response = send(request);
+  }
   if (response.answered(412) && expect.kind == Expect::Kind::kVersion) {
     // Apache refuses a tag it holds, for a second after a write, as weak.
     StoreStat now;
@@ -570,6 +575,15 @@ Status WebDavStore::upload(int source, const std::string& path, mode_t mode, con
   return storeMode(path, false, mode, found, before);
 }
 
+bool WebDavStore::remade(const std::string& path) {
+  if (path.find('/') == std::string::npos) {
+    return false;  // the top collection is not the store's to make
+  }
+  const std::string parent = parentOf(path);
+  cache_.forget(parent);
+  return makeDirs(parent).isOk();
+}
+
 Status WebDavStore::makeDirs(const std::string& path) {
   if (path.empty()) {
     return Status::ok();
@@ -598,6 +612,12 @@ Status WebDavStore::makeDirs(const std::string& path) {
   }
   cache_.forget(path);
   if (response.answered(201)) {
+    // What it is now is known without asking: an empty folder.
+    StoreStat made;
+    made.isDir = true;
+    made.mode = kDefaultFolderMode;
+    made.mtime = response.date >= 0 ? response.date : ::time(nullptr);
+    cache_.put(cache_.ticket(), path, made);
     return Status::ok();
   }
   if (response.answered(405)) {
@@ -629,6 +649,9 @@ Status WebDavStore::createFile(const std::string& path, mode_t mode) {
   request.hasBody = true;
   cache_.forget(path);
   HttpResponse response = send(request);
+  if (response.answered(409) && remade(path)) {
+    response = send(request);
+  }
   cache_.forget(path);
   if (response.answered(412)) {
     return Status::ok();  // made by someone else meanwhile
@@ -652,6 +675,9 @@ Status WebDavStore::move(const std::string& from, const std::string& to) {
   cache_.forget(from);
   cache_.forget(to);
   HttpResponse response = send(request);
+  if (response.answered(409) && remade(to)) {
+    response = send(request);
+  }
   cache_.forget(from);
   cache_.forget(to);
   if (response.answered(412)) {
