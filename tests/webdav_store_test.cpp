@@ -269,6 +269,24 @@ TEST_F(WebDavStoreTest, AnswersMapOntoTheAgentRepliesOverOneKeptConnection) {
   EXPECT_EQ(agent.exitStatus(), 0) << agent.agentLog();
 }
 
+// What the agent learned a moment ago may be out of date when another
+// client changes the server: a listing shows a file or a folder that is
+// gone. An upload into a folder removed meanwhile makes it again; a
+// metadata read within the window may still show what went.
+TEST_F(WebDavStoreTest, AFolderRemovedBehindTheAgentsBackIsMadeAgain) {
+  AgentFixture agent(webdav());
+  ASSERT_TRUE(agent.ready());
+  agent.storeFile("d/sub/f", "old");
+  AgentConnection c(agent.socketPath());
+  EXPECT_EQ(c.ask({"tarn.dir", kSvc, "d", "x"}), "*\nd/sub/");
+  EXPECT_EQ(c.ask({"tarn.dir", kSvc, "d/sub", "x"}), "*\nd/sub/f");
+  removeTree(agent.store() + "/d");
+  EXPECT_EQ(c.ask({"tarn.metadata", kSvc, "d/sub/f"}).substr(0, 16), "${\"AccessAllowRo");
+  plant(agent.mirror(), {{"d/sub/f", "new"}});
+  EXPECT_EQ(c.ask({"tarn.uploadlocal", kSvc, "d/sub/f"}), "+OK");
+  EXPECT_EQ(readFile(agent.store() + "/d/sub/f"), "new");
+}
+
 // The requests each method got since `from` lines of the access log
 // ("<reuse> <method> <status> <path>"), and the log's length.
 std::map<std::string, int> methodsSince(const std::string& log, size_t& from) {

@@ -603,7 +603,9 @@ Status WebDavStore::makeDirs(const std::string& path) {
   HttpResponse response = send(request);
   if (response.answered(409) || response.answered(400)) {
     // A level above is missing (409), or a file (400 from some servers):
-    // made first, then this one again.
+    // made first, then this one again. What the cache knew of it was out
+    // of date.
+    cache_.forget(parentOf(path));
     status = makeDirs(parentOf(path));
     if (!status.isOk()) {
       return status;
