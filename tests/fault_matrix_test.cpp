@@ -15,12 +15,24 @@
 // reports success on purpose (each such exception is in the table with its
 // reason) and where a directory rename has already moved the tree in the
 // mirror.
+//
+// The agent's WebDAV store meets the server's own failures at each HTTP
+// request of each store operation: a kept-alive connection the server
+// dropped, and a server that answers 503 once (support/fault_proxy.h
+// injects them). The store gets past both, so each such cell ends as the
+// clean run does: the same answer to the caller, the same files on the
+// server.
+#include <curl/curl.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <map>
 #include <memory>
@@ -31,8 +43,12 @@
 #include <type_traits>
 #include <vector>
 
+#include "fs/unique_fd.h"
+#include "stores/webdav_store.h"
 #include "support/agent_fixture.h"
+#include "support/fault_proxy.h"
 #include "support/temp_dir.h"
+#include "support/webdav_server.h"
 #include "vel/codeset.h"
 #include "vel/fstream.h"
 #include "vel/hooks.h"
@@ -431,5 +447,216 @@ std::string nameOf(const ::testing::TestParamInfo<Operation>& info) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Operations, FaultMatrix, ::testing::ValuesIn(kOperations), nameOf);
+
+// ---- the WebDAV server's failures, under every store operation ----
+
+// What one store operation gives its caller, in words, for comparing runs:
+// statuses, sizes, names, bytes and modes (versions differ from run to
+// run, the files being planted again).
+struct StoreOperation {
+  const char* name;
+  std::function<std::string(velagent::WebDavStore& store, int source)> run;
+};
+
+std::string codeOf(const velagent::Status& status) {
+  return std::to_string(static_cast<int>(status.code()));
+}
+
+std::string statOf(velagent::WebDavStore& store, const std::string& path) {
+  velagent::StoreStat st;
+  velagent::Status status = store.stat(path, true, st);
+  return codeOf(status) + (status.isOk()
+                               ? (st.isDir ? " dir " : " file ") + std::to_string(st.size) + " " +
+                                     std::to_string(st.mode)
+                               : "");
+}
+
+std::string versionOf(velagent::WebDavStore& store, const std::string& path) {
+  velagent::StoreStat st;
+  store.stat(path, true, st);
+  return st.version;
+}
+
+class StringSink : public velagent::ByteSink {
+ public:
+  int write(const char* data, size_t size) override {
+    bytes.append(data, size);
+    appended(data, size);
+    return 0;
+  }
+  std::string bytes;
+};
+
+std::string uploadTo(velagent::WebDavStore& store, int source, const std::string& path,
+                     const velagent::Expect& expect) {
+  velagent::StoreStat written;
+  velagent::ContentHash sent;
+  return codeOf(store.upload(source, path, 0604, expect, written, sent)) + " " +
+         statOf(store, path);
+}
+
+const StoreOperation kStoreOperations[] = {
+    {"stat", [](velagent::WebDavStore& s, int) { return statOf(s, "t/a") + statOf(s, "t/no"); }},
+    {"list",
+     [](velagent::WebDavStore& s, int) {
+       std::vector<velagent::StoreEntry> entries;
+       std::string out = codeOf(s.list("t", entries));
+       std::sort(entries.begin(), entries.end(),
+                 [](const velagent::StoreEntry& a, const velagent::StoreEntry& b) {
+                   return a.name < b.name;
+                 });
+       for (const velagent::StoreEntry& entry : entries) {
+         out += " " + entry.name;
+       }
+       return out;
+     }},
+    {"download",
+     [](velagent::WebDavStore& s, int) {
+       StringSink sink;
+       velagent::StoreStat copied;
+       return codeOf(s.download("t/a", sink, copied, "")) + " " + sink.bytes;
+     }},
+    {"download unless unchanged",
+     [](velagent::WebDavStore& s, int) {
+       StringSink sink;
+       velagent::StoreStat copied;
+       return codeOf(s.download("t/a", sink, copied, versionOf(s, "t/a"))) + " " + sink.bytes;
+     }},
+    {"upload",
+     [](velagent::WebDavStore& s, int source) {
+       return uploadTo(s, source, "t/new", velagent::Expect::anything());
+     }},
+    {"upload at the version",
+     [](velagent::WebDavStore& s, int source) {
+       return uploadTo(s, source, "t/a", velagent::Expect::at(versionOf(s, "t/a")));
+     }},
+    {"upload of a new name",
+     [](velagent::WebDavStore& s, int source) {
+       return uploadTo(s, source, "t/fresh", velagent::Expect::absent());
+     }},
+    {"makeDirs", [](velagent::WebDavStore& s,
+                    int) { return codeOf(s.makeDirs("t/x/y/z")) + " " + statOf(s, "t/x/y/z"); }},
+    {"createFile",
+     [](velagent::WebDavStore& s, int) {
+       return codeOf(s.createFile("t/sub/made", 0644)) + " " + statOf(s, "t/sub/made");
+     }},
+    {"move of a file",
+     [](velagent::WebDavStore& s, int) {
+       return codeOf(s.move("t/a", "t/moved")) + " " + statOf(s, "t/moved");
+     }},
+    {"move of a folder",
+     [](velagent::WebDavStore& s, int) {
+       return codeOf(s.move("t/sub", "t/sub2")) + " " + statOf(s, "t/sub2/c");
+     }},
+    {"chmod", [](velagent::WebDavStore& s,
+                 int) { return codeOf(s.chmod("t/b", 0600)) + " " + statOf(s, "t/b"); }},
+    {"remove at the version",
+     [](velagent::WebDavStore& s, int) {
+       return codeOf(s.remove("t/b", false, velagent::Expect::at(versionOf(s, "t/b")))) + " " +
+              statOf(s, "t/b");
+     }},
+    {"remove of an empty folder",
+     [](velagent::WebDavStore& s, int) {
+       return codeOf(s.remove("t/empty", false, velagent::Expect::anything())) + " " +
+              statOf(s, "t/empty");
+     }},
+    {"remove of a tree",
+     [](velagent::WebDavStore& s, int) {
+       return codeOf(s.remove("t", true, velagent::Expect::anything())) + " " + statOf(s, "t");
+     }},
+};
+
+void PrintTo(const StoreOperation& op, std::ostream* out) { *out << op.name; }
+
+// The server's own folder of properties (Apache's .DAV) is no file of the
+// service.
+Tree serviceSnapshot(const std::string& root) {
+  Tree tree = snapshot(root);
+  for (auto it = tree.begin(); it != tree.end();) {
+    it = it->first.find(".DAV") != std::string::npos ? tree.erase(it) : std::next(it);
+  }
+  return tree;
+}
+
+// A store of its own for every run, with nothing remembered between
+// questions, talks to Apache through a proxy that injects the faults.
+class WebDavFaults : public ::testing::TestWithParam<StoreOperation> {
+ protected:
+  static void SetUpTestSuite() { curl_global_init(CURL_GLOBAL_DEFAULT); }
+  static void TearDownTestSuite() { curl_global_cleanup(); }
+
+  void SetUp() override {
+    std::string why;
+    if (!veltest::WebDavServer::available(why)) {
+      GTEST_SKIP() << "no WebDAV server here: " << why;
+    }
+    server_.reset(new veltest::WebDavServer(dir_.sub("store"), dir_.sub("httpd")));
+    ASSERT_TRUE(server_->ready()) << server_->error();
+    const std::string url = server_->url();
+    proxy_.reset(new veltest::FaultProxy(std::atoi(url.c_str() + url.rfind(':') + 1)));
+    ASSERT_TRUE(proxy_->ready());
+    veltest::writeFile(dir_.sub("source"), "sent by the store");
+  }
+
+  // The planted tree, the operation on a fresh store, and what it gave.
+  std::string run(const StoreOperation& op) {
+    const std::string root = dir_.sub("store");
+    for (const std::string& name : veltest::namesIn(root)) {
+      veltest::removeTree(root + "/" + name);
+    }
+    veltest::plant(
+        root,
+        {{"t/a", "service a"}, {"t/b", "service b"}, {"t/sub/c", "service c"}, {"t/empty/", ""}});
+    server_->adopt();
+    velagent::WebDavOptions options;
+    options.url = "http://127.0.0.1:" + std::to_string(proxy_->port()) + "/dav/";
+    options.cacheWindow = std::chrono::milliseconds(0);
+    velagent::WebDavStore store(options);
+    velagent::UniqueFd source(::open(dir_.sub("source").c_str(), O_RDONLY | O_CLOEXEC));
+    return op.run(store, source.get());
+  }
+
+  veltest::TempDir dir_;
+  std::unique_ptr<veltest::WebDavServer> server_;
+  std::unique_ptr<veltest::FaultProxy> proxy_;
+};
+
+TEST_P(WebDavFaults, ADroppedConnectionAndABusyServerChangeNothing) {
+  const StoreOperation& op = GetParam();
+  using Fault = veltest::FaultProxy::Fault;
+  proxy_->arm(Fault::kNone, 0);
+  const std::string clean = run(op);
+  const int count = proxy_->requests();
+  const Tree after = serviceSnapshot(dir_.sub("store"));
+  ASSERT_GT(count, 0);
+  const std::pair<Fault, const char*> faults[] = {
+      {Fault::kDropConnection, "a dropped kept-alive connection"}, {Fault::kBusy, "a 503 answer"}};
+  for (const auto& fault : faults) {
+    int struck = 0;
+    for (int n = 1; n <= count; ++n) {
+      SCOPED_TRACE(std::string(op.name) + ", " + fault.second + " at HTTP request " +
+                   std::to_string(n) + " of " + std::to_string(count));
+      proxy_->arm(fault.first, n);
+      EXPECT_EQ(run(op), clean);
+      struck += proxy_->struck() ? 1 : 0;
+      EXPECT_TRUE(
+          beforeOrAfter("service", after, after, serviceSnapshot(dir_.sub("store")), false));
+    }
+    // A 503 can strike every request; a drop those on a connection that
+    // served one before.
+    EXPECT_GE(struck, fault.first == Fault::kBusy ? count : count - 1) << fault.second;
+  }
+}
+
+std::string storeOperationName(const ::testing::TestParamInfo<StoreOperation>& info) {
+  std::string name;
+  for (const char* c = info.param.name; *c != '\0'; ++c) {
+    name.push_back(std::isalnum(static_cast<unsigned char>(*c)) ? *c : '_');
+  }
+  return name;
+}
+
+INSTANTIATE_TEST_SUITE_P(StoreOperations, WebDavFaults, ::testing::ValuesIn(kStoreOperations),
+                         storeOperationName);
 
 }  // namespace

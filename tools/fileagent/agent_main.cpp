@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -34,7 +35,8 @@ namespace {
 
 const char kUsage[] =
     "Usage: velfileagent (--store DIR | --webdav URL [--webdav-user NAME]\n"
-    "                    [--webdav-password-file FILE] [--ca-file FILE])\n"
+    "                    [--webdav-password-file FILE] [--ca-file FILE]\n"
+    "                    [--webdav-cache-ms N])\n"
     "                    [--mirror DIR] [--socket PATH] [--journal FILE]\n"
     "                    [--rules FILE] [--max-request-args N] [--max-request-bytes N]\n"
     "                    [--max-reply-bytes N] [--no-openat2] [--state DIR]\n"
@@ -66,6 +68,12 @@ const char kUsage[] =
     "                  the password: the first line of FILE (never logged)\n"
     "  --ca-file FILE  certificates (PEM) to trust for an https:// server, for a\n"
     "                  server whose certificate the system does not know\n"
+    "  --webdav-cache-ms N\n"
+    "                  how long what the server said of a path (a listing, a\n"
+    "                  lookup) answers the next questions about it (default\n"
+    "                  2000; 0: every question goes to the server); changes\n"
+    "                  through this agent are never hidden, those of other\n"
+    "                  clients of the server show at most this late\n"
     "  --mirror DIR    mirror root that downloads write to and uploads read from\n"
     "                  (default: $TARN_ROOT_DIR, else /opt/backup/vel); it must be\n"
     "                  neither the store nor inside it, nor hold it (exit status 2)\n"
@@ -280,6 +288,8 @@ int main(int argc, char** argv) {
   bool socketSet = false;
   bool stateSet = false;
   velagent::SyncOptions syncOptions;
+  size_t cacheMs = static_cast<size_t>(velagent::kCacheWindow.count());
+  bool cacheSet = false;
   velagent::RequestLimits limits;
   for (int i = 1; i < argc; ++i) {
     std::string option = argv[i];
@@ -330,6 +340,9 @@ int main(int argc, char** argv) {
     } else if (option == "--max-reply-bytes") {
       cap = &limits.maxUnsentReply;
       least = 1024;
+    } else if (option == "--webdav-cache-ms") {
+      cap = &cacheMs;
+      cacheSet = true;
     } else {
       std::fprintf(stderr, "velfileagent: unknown option '%s'\n\n%s", option.c_str(), kUsage);
       return 2;
@@ -352,10 +365,10 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "velfileagent: give either --store or --webdav\n\n%s", kUsage);
     return 2;
   }
-  if (!webdav && (!webdavUser.empty() || !passwordFile.empty() || !caFile.empty())) {
+  if (!webdav && (!webdavUser.empty() || !passwordFile.empty() || !caFile.empty() || cacheSet)) {
     std::fprintf(stderr,
-                 "velfileagent: --webdav-user, --webdav-password-file and --ca-file go with "
-                 "--webdav\n");
+                 "velfileagent: --webdav-user, --webdav-password-file, --ca-file and "
+                 "--webdav-cache-ms go with --webdav\n");
     return 2;
   }
   velagent::WebDavOptions davOptions;
@@ -383,6 +396,7 @@ int main(int argc, char** argv) {
     davOptions.url = webdavUrl;
     davOptions.user = webdavUser;
     davOptions.caFile = caFile;
+    davOptions.cacheWindow = std::chrono::milliseconds(cacheMs);
   } else if (!isDirectory(store)) {
     std::fprintf(stderr, "velfileagent: store folder %s does not exist\n", store.c_str());
     return 2;

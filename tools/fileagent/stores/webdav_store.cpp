@@ -146,7 +146,7 @@ HttpOptions httpOptionsOf(const WebDavOptions& options) {
 }  // namespace
 
 WebDavStore::WebDavStore(const WebDavOptions& options)
-    : options_(options), http_(httpOptionsOf(options)), cache_(kCacheWindow) {
+    : options_(options), http_(httpOptionsOf(options)), cache_(options.cacheWindow) {
   size_t start = options_.url.find("://") + 3;
   size_t slash = options_.url.find('/', start);
   origin_ = options_.url.substr(0, slash);

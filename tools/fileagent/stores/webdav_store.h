@@ -34,7 +34,8 @@
 // refuses a weak tag for a second after a write) is followed by the same
 // request without the condition.
 //
-// Answers are remembered for kCacheWindow (stat_cache.h): a listing answers
+// Answers are remembered for a short window (stat_cache.h; kCacheWindow
+// unless the options say otherwise): a listing answers
 // the stat of each entry that follows it, a stat the next stat of the same
 // path. Every change through the store forgets what it changes.
 //
@@ -63,15 +64,17 @@
 
 namespace velagent {
 
+// How long an answer of the server answers again, unless the options say.
+constexpr std::chrono::milliseconds kCacheWindow{2000};
+
 struct WebDavOptions {
   std::string url;       // http(s) URL of the collection that is the store
   std::string user;      // empty: no login
   std::string password;  // sent with basic authentication
   std::string caFile;    // certificates to trust for HTTPS besides the system's
+  // How long an answer of the server answers again (0: never).
+  std::chrono::milliseconds cacheWindow{kCacheWindow};
 };
-
-// How long an answer of the server answers again.
-constexpr std::chrono::milliseconds kCacheWindow{2000};
 // The start of the names of the store's probes; listings never show them.
 constexpr const char* kProbePrefix = ".vel-probe-";
 
