@@ -285,6 +285,17 @@ TEST_F(WebDavStoreTest, AFolderRemovedBehindTheAgentsBackIsMadeAgain) {
   plant(agent.mirror(), {{"d/sub/f", "new"}});
   EXPECT_EQ(c.ask({"tarn.uploadlocal", kSvc, "d/sub/f"}), "+OK");
   EXPECT_EQ(readFile(agent.store() + "/d/sub/f"), "new");
+
+  // Without a memory, every question goes to the server.
+  AgentOptions options = webdav();
+  options.args = {"--webdav-cache-ms", "0"};
+  AgentFixture forgetful(options);
+  ASSERT_TRUE(forgetful.ready());
+  forgetful.storeFile("d/f", "old");
+  AgentConnection f(forgetful.socketPath());
+  EXPECT_EQ(f.ask({"tarn.dir", kSvc, "d", "x"}), "*\nd/f");
+  removeTree(forgetful.store() + "/d");
+  EXPECT_EQ(f.ask({"tarn.metadata", kSvc, "d/f"}), "$file not found");
 }
 
 // The requests each method got since `from` lines of the access log
