@@ -545,6 +545,26 @@ TEST_P(WebDavStoreContract, ChangesHappenOnlyAtTheExpectedVersion) {
   EXPECT_EQ(names, std::vector<std::string>{"c"});
 }
 
+// A folder another client removed while the store still remembers it: an
+// upload into it makes it again, on each server's way of saying it is
+// missing.
+TEST_P(WebDavStoreContract, AFolderRemovedMeanwhileIsMadeAgain) {
+  put("r/sub/f", "old", 10);
+  std::vector<StoreEntry> entries;
+  ASSERT_TRUE(store_->list("r/sub", entries).isOk());
+  removeTree(docroot("r"));
+  Status status = upload("r/sub/f", "new", Expect::anything());
+  EXPECT_TRUE(status.isOk()) << status.message();
+  EXPECT_EQ(readFile(docroot("r/sub/f")), "new");
+  removeTree(docroot("r"));
+  put("r/x", "x", 10);
+  ASSERT_TRUE(store_->list("r", entries).isOk());
+  removeTree(docroot("r"));
+  status = store_->createFile("r/made", 0640);
+  EXPECT_TRUE(status.isOk()) << status.message();
+  EXPECT_TRUE(pathExists(docroot("r/made")));
+}
+
 TEST_P(WebDavStoreContract, ModesWhereTheServerKeepsPropertiesAndTheLimitElsewhere) {
   put("m/f", "x", 10);
   ASSERT_TRUE(upload("m/up", "y", Expect::anything(), 0604).isOk());

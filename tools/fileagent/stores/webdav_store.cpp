@@ -89,6 +89,12 @@ const DavNode* nodeOf(const std::vector<DavNode>& nodes, const std::string& expe
   return nullptr;
 }
 
+// How servers answer a PUT or MOVE into a folder that is not there: 409
+// (Apache, lighttpd), 500 (nginx), 404 (rclone).
+bool folderMissing(const HttpResponse& r) {
+  return r.answered(409) || r.answered(500) || r.answered(404);
+}
+
 // Servers known to keep a file's dead properties when a PUT replaces it.
 bool keepsPropertiesOnPut(DavServerKind kind) {
   return kind == DavServerKind::kApache || kind == DavServerKind::kLighttpd;
@@ -496,14 +502,16 @@ Status WebDavStore::storeMode(const std::string& path, bool collection, mode_t m
     return status;
   }
   mode &= 07777;
+  // A name without the property reads the default.
+  const unsigned fresh = collection ? kDefaultFolderMode : kDefaultFileMode;
   if (!kept) {
-    logLine("webdav: the mode " + octal(mode) + " of '" + path + "' is left out: the server " +
-            "keeps no properties");
+    if (mode != fresh) {
+      logLine("webdav: the mode " + octal(mode) + " of '" + path +
+              "' is left out: the server keeps no properties");
+    }
     return Status::ok();
   }
-  // A new name without the property reads the default; a file replaced on
-  // a server that keeps its properties keeps its mode.
-  const unsigned fresh = collection ? kDefaultFolderMode : kDefaultFileMode;
+  // A file replaced on a server that keeps its properties keeps its mode.
   if ((found == StatCache::Found::kAbsent && mode == fresh) ||
       (found == StatCache::Found::kPresent && !before.isDir && before.mode == mode &&
        keepsPropertiesOnPut(static_cast<DavServerKind>(kind_.load())))) {
@@ -539,7 +547,7 @@ Status WebDavStore::upload(int source, const std::string& path, mode_t mode, con
   request.sourceHash = &hasher;
   cache_.forget(path);
   HttpResponse response = send(request);
-  if (response.answered(409) && remade(path)) {
+  if (folderMissing(response) && remade(path)) {
     response = send(request);
   }
   if (response.answered(412) && expect.kind == Expect::Kind::kVersion) {
@@ -581,6 +589,10 @@ bool WebDavStore::remade(const std::string& path) {
   }
   const std::string parent = parentOf(path);
   cache_.forget(parent);
+  StoreStat st;
+  if (statFresh(parent, st).code() != Status::Code::kNotFound) {
+    return false;  // the folder is there: the failure was another
+  }
   return makeDirs(parent).isOk();
 }
 
@@ -651,7 +663,7 @@ Status WebDavStore::createFile(const std::string& path, mode_t mode) {
   request.hasBody = true;
   cache_.forget(path);
   HttpResponse response = send(request);
-  if (response.answered(409) && remade(path)) {
+  if (folderMissing(response) && remade(path)) {
     response = send(request);
   }
   cache_.forget(path);
@@ -677,7 +689,7 @@ Status WebDavStore::move(const std::string& from, const std::string& to) {
   cache_.forget(from);
   cache_.forget(to);
   HttpResponse response = send(request);
-  if (response.answered(409) && remade(to)) {
+  if (folderMissing(response) && remade(to)) {
     response = send(request);
   }
   cache_.forget(from);

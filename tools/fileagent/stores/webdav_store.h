@@ -131,9 +131,9 @@ class WebDavStore : public Store {
   Status recheck(const std::string& path, const Expect& expect, StatCache::Found& found,
                  StoreStat& now);
   Status setMode(const std::string& path, bool collection, mode_t mode);
-  // After a 409 (a folder on the way is missing, though the cache said it
-  // was there: someone removed it meanwhile): makes the folders of `path`
-  // again, asking the server; true when they are there now.
+  // After an answer that may say a folder on the way is missing (though
+  // the cache said it was there: someone removed it meanwhile): asks the
+  // server and makes the folders of `path` again; true when it made them.
   bool remade(const std::string& path);
   // After a change of `path` that leaves the mode out: sets `mode` unless
   // the server keeps none (logged) or holds it already (`before`, `found`:
