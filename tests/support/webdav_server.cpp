@@ -355,11 +355,13 @@ std::vector<std::string> WebDavServer::commandLine() const {
     case WebDavServerKind::kRclone:
       break;
   }
-  // No directory cache: what the tests write into the folder shows at once.
+  // As the README's recipe serves a bucket, with the folder as a remote of
+  // the local back-end in place of the bucket's. No directory cache: what
+  // the tests write into the folder shows at once.
   std::vector<std::string> argv = {kRclone,
                                    "serve",
                                    "webdav",
-                                   docroot_,
+                                   "vel-store:" + docroot_,
                                    "--addr",
                                    "127.0.0.1:" + std::to_string(port_),
                                    "--baseurl",
@@ -372,6 +374,8 @@ std::vector<std::string> WebDavServer::commandLine() const {
                                    "0s",
                                    "--poll-interval",
                                    "0",
+                                   "--etag-hash",
+                                   "MD5",
                                    "--log-file",
                                    work_ + "/error.log"};
   if (!options_.user.empty()) {
@@ -388,7 +392,7 @@ bool WebDavServer::launch() {
   const std::string log = work_ + "/error.log";
   ::unlink(log.c_str());
   if (options_.kind == WebDavServerKind::kRclone) {
-    std::ofstream(work_ + "/rclone.conf") << "";
+    std::ofstream(work_ + "/rclone.conf") << "[vel-store]\ntype = local\n";
   } else if (asRoot()) {
     // Written by the server once it works as its user.
     std::ofstream(log) << "";

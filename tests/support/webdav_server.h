@@ -12,8 +12,10 @@
 //  kNginx     nginx with dav_methods and the dav_ext module (no PROPPATCH,
 //             no getetag; ignores If-Match and If-None-Match on PUT and
 //             DELETE)
-//  kRclone    `rclone serve webdav` of the folder as a local back-end, with
-//             no directory cache (no dead properties; ignores conditions)
+//  kRclone    `rclone serve webdav` as the README's recipe serves a bucket,
+//             the folder standing in for it as a remote of the local
+//             back-end, with MD5 entity tags and no directory cache (no
+//             dead properties; ignores conditions)
 // What each one gives in detail: docs/webdav-servers.md.
 //
 // Started as root, Apache, lighttpd and nginx serve as www-data: adopt()
