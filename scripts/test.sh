@@ -10,8 +10,9 @@
 # (scripts/fuzz.sh, build-fuzz/). With --arm it then cross-builds for aarch64
 # (build-arm64/), runs the suite again under qemu and builds and checks the
 # arm64 packages. The end-to-end suites run against both kinds of store; for
-# the WebDAV one the tests start an Apache httpd of their own (installed by
-# scripts/deps.sh, never as a system service), which the emulated agent
+# the WebDAV one the tests start an Apache httpd of their own, and for the
+# per-server scenario lighttpd, nginx and rclone as well (installed by
+# scripts/deps.sh, never as system services), which the emulated agent
 # reaches as well.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
