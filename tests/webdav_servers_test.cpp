@@ -4,7 +4,9 @@
 // collection of that server. Names that need encoding, an empty and a
 // larger file, nested folders; ls, update, commit, mkdir, file and folder
 // renames, rm and delTree everywhere; chmod where the server keeps
-// properties, and the error that names the server's limit elsewhere.
+// properties, and the error that names the server's limit elsewhere; and
+// HTTPS with a login.
+#include <curl/curl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -12,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "stores/webdav_store.h"
 #include "support/agent_fixture.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
@@ -28,6 +31,9 @@ using namespace veltest;
 
 class WebDavServersTest : public ::testing::TestWithParam<WebDavServerKind> {
  protected:
+  static void SetUpTestSuite() { curl_global_init(CURL_GLOBAL_DEFAULT); }
+  static void TearDownTestSuite() { curl_global_cleanup(); }
+
   void SetUp() override {
     std::string why;
     if (!WebDavServer::available(why, GetParam())) {
@@ -159,6 +165,33 @@ TEST_P(WebDavServersTest, EveryStoreOperationThroughTheToolAndTheLibrary) {
   EXPECT_FALSE(pathExists(store("docs/empty")));
   EXPECT_EQ(VEL::delTree("docs"), 0);
   EXPECT_FALSE(pathExists(store("docs")));
+}
+
+// Each server behind HTTPS with a certificate of the test's own and a
+// basic login: the agent gets through with the certificate and the
+// password; a wrong password is refused, and so is the server's
+// certificate without the file that vouches for it.
+TEST_P(WebDavServersTest, HttpsWithALogin) {
+  AgentOptions options;
+  options.webdav = true;
+  options.server = {"vel", "a long horse", true, GetParam()};
+  options.captureLog = true;
+  AgentFixture secure(options);
+  ASSERT_TRUE(secure.ready());
+  EXPECT_EQ(secure.server()->url().compare(0, 8, "https://"), 0);
+  secure.storeFile("s/f", "over TLS");
+  AgentConnection c(secure.socketPath());
+  EXPECT_EQ(c.ask({"tarn.downloadlocal", kSvc, "s"}), "+OK");
+  EXPECT_EQ(c.ask({"tarn.downloadlocal", kSvc, "s/f"}), "+OK");
+  EXPECT_EQ(readFile(secure.mirror() + "/s/f"), "over TLS");
+
+  velagent::WebDavStore refused(
+      {secure.server()->url(), "vel", "a short horse", secure.server()->certificate()});
+  velagent::Status status = refused.probe();
+  EXPECT_EQ(status.message(), "webdav: 401 Unauthorized");
+  velagent::WebDavStore untrusting({secure.server()->url(), "vel", "a long horse", ""});
+  status = untrusting.probe();
+  EXPECT_NE(status.message().find("certificate"), std::string::npos) << status.message();
 }
 
 std::string kindOf(const ::testing::TestParamInfo<WebDavServerKind>& info) {

@@ -274,7 +274,9 @@ TEST_F(WebDavStoreTest, AnswersMapOntoTheAgentRepliesOverOneKeptConnection) {
 // gone. An upload into a folder removed meanwhile makes it again; a
 // metadata read within the window may still show what went.
 TEST_F(WebDavStoreTest, AFolderRemovedBehindTheAgentsBackIsMadeAgain) {
-  AgentFixture agent(webdav());
+  AgentOptions remembering = webdav();
+  remembering.args = {"--webdav-cache-ms", "60000"};  // however slow the machine
+  AgentFixture agent(remembering);
   ASSERT_TRUE(agent.ready());
   agent.storeFile("d/sub/f", "old");
   AgentConnection c(agent.socketPath());
@@ -299,29 +301,40 @@ TEST_F(WebDavStoreTest, AFolderRemovedBehindTheAgentsBackIsMadeAgain) {
 }
 
 // The requests each method got since `from` lines of the access log
-// ("<reuse> <method> <status> <path>"), and the log's length.
-std::map<std::string, int> methodsSince(const std::string& log, size_t& from) {
-  std::istringstream lines(readFile(log));
-  std::map<std::string, int> counts;
-  size_t n = 0;
-  for (std::string line; std::getline(lines, line); ++n) {
-    if (n >= from) {
-      std::istringstream words(line);
-      std::string reuse, method;
-      words >> reuse >> method;
-      ++counts[method];
+// ("<reuse> <method> <status> <path>"), and the log's length. The server
+// writes a line once it has answered: this waits (a few seconds at most)
+// for `method` to have got `least` requests.
+std::map<std::string, int> methodsSince(const std::string& log, size_t& from,
+                                        const std::string& method = "", int least = 0) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  for (;;) {
+    std::istringstream lines(readFile(log));
+    std::map<std::string, int> counts;
+    size_t n = 0;
+    for (std::string line; std::getline(lines, line); ++n) {
+      if (n >= from) {
+        std::istringstream words(line);
+        std::string reuse, name;
+        words >> reuse >> name;
+        ++counts[name];
+      }
     }
+    if (counts[method] >= least || std::chrono::steady_clock::now() > deadline) {
+      from = n;
+      return counts;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  from = n;
-  return counts;
 }
 
 // The tool's tree update asks for each folder's listing and each file's
 // bytes once: the entries' metadata and the downloads' lookups come from
-// the listing. A commit right after it sends each file once, with no
-// lookup per file, and over connections the agent keeps.
+// the listing. A commit after it (within the window) sends each file once,
+// with no lookup per file, and over connections the agent keeps.
 TEST_F(WebDavStoreTest, ATreeCostsARequestPerFolderAndPerFile) {
-  AgentFixture agent(webdav());
+  AgentOptions remembering = webdav();
+  remembering.args = {"--webdav-cache-ms", "60000"};  // however slow the machine
+  AgentFixture agent(remembering);
   ASSERT_TRUE(agent.ready());
   const int folders = 3;
   const int perFolder = 4;
@@ -339,7 +352,7 @@ TEST_F(WebDavStoreTest, ATreeCostsARequestPerFolderAndPerFile) {
   ProcessResult result = runProcess({VEL_TOOL_BIN, "update", "tree"}, env);
   ASSERT_EQ(result.status, 0);
   ASSERT_EQ(readFile(agent.mirror() + "/tree/d2/f3"), "bytes");
-  std::map<std::string, int> update = methodsSince(log, mark);
+  std::map<std::string, int> update = methodsSince(log, mark, "GET", folders * perFolder);
   // One lookup of the top (the tool checks it is there), one listing each.
   EXPECT_EQ(update["PROPFIND"], 1 + 1 + folders);
   EXPECT_EQ(update["GET"], folders * perFolder);
@@ -354,7 +367,7 @@ TEST_F(WebDavStoreTest, ATreeCostsARequestPerFolderAndPerFile) {
   result = runProcess({VEL_TOOL_BIN, "commit", "tree"}, env);
   ASSERT_EQ(result.status, 0);
   ASSERT_EQ(readFile(agent.store() + "/tree/d2/f3"), "edited");
-  std::map<std::string, int> commit = methodsSince(log, mark);
+  std::map<std::string, int> commit = methodsSince(log, mark, "PUT", folders * perFolder);
   EXPECT_EQ(commit["PUT"], folders * perFolder);
   // The folders' lookups, at most (the listings just made answer them).
   EXPECT_LE(commit["PROPFIND"], 1 + folders);
@@ -512,6 +525,10 @@ TEST_P(WebDavStoreContract, ChangesHappenOnlyAtTheExpectedVersion) {
   EXPECT_EQ(upload("c/f", "second", Expect::absent()).code(), Code::kConflict);
   EXPECT_EQ(upload("c/f", "second", Expect::at("\"no-such-version\"")).code(), Code::kConflict);
   EXPECT_EQ(upload("c/f", "second", Expect::at("lm:1-5")).code(), Code::kConflict);
+  // A refusal that comes before the server has read a large body.
+  const std::string large(2 << 20, 'L');
+  EXPECT_EQ(upload("c/f", large, Expect::at("\"no-such-version\"")).code(), Code::kConflict);
+  EXPECT_EQ(upload("c/f", large, Expect::absent()).code(), Code::kConflict);
   EXPECT_EQ(readFile(docroot("c/f")), "first");
 
   Status status = upload("c/f", "second", Expect::at(first.version));

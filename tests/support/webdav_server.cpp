@@ -188,10 +188,10 @@ WebDavServer::WebDavServer(const std::string& docroot, const std::string& workDi
     error_ = "htpasswd failed";
     return;
   }
-  if (options_.https &&
-      !runQuiet({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
-                 "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1", "-keyout",
-                 work_ + "/key.pem", "-out", certificate()})) {
+  if (options_.https && !runQuiet({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                                   "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
+                                   "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1",
+                                   "-keyout", work_ + "/key.pem", "-out", certificate()})) {
     error_ = "openssl could not make a certificate";
     return;
   }

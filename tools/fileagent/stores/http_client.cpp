@@ -249,6 +249,10 @@ HttpResponse HttpClient::attempt(const HttpRequest& request, bool fresh) {
 
   curl_easy_setopt(curl, CURLOPT_URL, request.url.c_str());
   curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+  // HTTP/1.1 even where TLS could agree on HTTP/2: libcurl 7.88 loses a
+  // refusal that an HTTP/2 server sends with the end of the connection
+  // before it has read the request's body (lighttpd's 401).
+  curl_easy_setopt(curl, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, options_.connectSeconds);

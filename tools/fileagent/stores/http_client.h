@@ -2,7 +2,7 @@
 // place for the connections, the login, the TLS options, the time-outs and
 // the retry policy, so that no store writes its own.
 //
-// Connections: perform() borrows a libcurl handle from a pool and gives it
+// Connections (HTTP/1.1): perform() borrows a libcurl handle from a pool and gives it
 // back after, so a handle, and the server connection it keeps alive,
 // serves one request at a time and is reused by the next request of any
 // thread. A connection the server closed while it sat in the pool is

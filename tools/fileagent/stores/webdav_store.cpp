@@ -390,7 +390,10 @@ Status WebDavStore::propertiesKept(bool& kept) {
       request.hasBody = true;
       request.body = propertyProbeBody();
       HttpResponse response = send(request);
-      if (response.failed || response.answered(401) || response.answered(407)) {
+      // No answer, a refused login or a server that cannot answer now says
+      // nothing of properties: asked again next time.
+      if (response.failed || response.answered(401) || response.answered(407) ||
+          response.answered(502) || response.answered(503) || response.answered(504)) {
         return failureOf(response);
       }
       std::string error;
