@@ -2,11 +2,13 @@
 // place for the connections, the login, the TLS options, the time-outs and
 // the retry policy, so that no store writes its own.
 //
-// Connections (HTTP/1.1): perform() borrows a libcurl handle from a pool and gives it
-// back after, so a handle, and the server connection it keeps alive,
-// serves one request at a time and is reused by the next request of any
-// thread. A connection the server closed while it sat in the pool is
-// replaced by libcurl before the request goes out.
+// Connections (HTTP/1.1): perform() borrows a libcurl handle from a pool
+// and gives it back after, so a handle, and the server connection it keeps
+// alive, serves one request at a time and is reused by the next request of
+// any thread. A connection the server closed while it sat in the pool is
+// replaced by libcurl: before the request goes out, or, when the request
+// finds it closed before any answer, by sending the request again on a new
+// one (an upload's body is read again from its start).
 //
 // Retries (the whole policy; the stores rely on it and add none):
 //  - a 503 answer: the server did not act on the request, so it is sent
