@@ -249,9 +249,14 @@ inline void davFloor(CURL* curl, const std::string& base, const std::string& top
 
 // The least a client asks a server for to send the tree `top` where there
 // is none: a MKCOL of each folder and a PUT of each of `files` with
-// `content`, over the one connection `curl` keeps.
+// `content`, over the one connection `curl` keeps; with `modes`, a
+// PROPPATCH of each file's mode after its PUT as well.
 inline void davPushFloor(CURL* curl, const std::string& base, const std::string& top,
-                         const std::vector<std::string>& files, const std::string& content) {
+                         const std::vector<std::string>& files, const std::string& content,
+                         bool modes = false) {
+  const std::string modeBody = velagent::modeUpdateBody(0644);
+  struct curl_slist* xml =
+      curl_slist_append(nullptr, "Content-Type: application/xml; charset=utf-8");
   struct curl_slist* headers = curl_slist_append(nullptr, "Expect:");
   headers = curl_slist_append(headers, "Content-Type: application/octet-stream");
   size_t got = 0;
@@ -267,8 +272,13 @@ inline void davPushFloor(CURL* curl, const std::string& base, const std::string&
     if (code != 201 && code != 204) {
       fail("PUT of " + file + " failed");
     }
+    if (modes && davRequest(curl, base + velagent::encodePath(file), "PROPPATCH", xml, &modeBody,
+                            got) != 207) {
+      fail("PROPPATCH of " + file + " failed");
+    }
   }
   curl_slist_free_all(headers);
+  curl_slist_free_all(xml);
 }
 
 }  // namespace velbench

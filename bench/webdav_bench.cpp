@@ -7,7 +7,8 @@
 //    update` of the same tree through the agent's folder store (the
 //    server's document root served directly);
 //  - for the commit, the same loop sending a MKCOL of each folder and a PUT
-//    of each file into a collection that is not there yet.
+//    of each file into a collection that is not there yet; and, on a
+//    server that keeps modes, a PROPPATCH of each file's mode after it.
 // Every update round pulls into an empty mirror, every commit round pushes
 // where the tree is not. The server is one of the tests' servers
 // (tests/support/webdav_server.h), Apache unless --server names another.
@@ -134,7 +135,8 @@ int main(int argc, char** argv) {
       return secondsOf([&] { vel(root + "/dav", "commit", "up"); });
     };
     CURL* curl = curl_easy_init();
-    std::vector<double> davTimes, rawTimes, folderTimes, commitTimes, pushTimes;
+    std::vector<double> davTimes, rawTimes, folderTimes, commitTimes, pushTimes, modeTimes;
+    const bool modes = veltest::keepsProperties(serverOptions.kind);
     for (int round = 0; round < rounds; ++round) {
       davTimes.push_back(update(root + "/dav"));
       rawTimes.push_back(
@@ -151,6 +153,11 @@ int main(int argc, char** argv) {
       velbench::removeTree(docroot + "/up");
       pushTimes.push_back(
           secondsOf([&] { velbench::davPushFloor(curl, server.url(), "up", sent, content); }));
+      velbench::removeTree(docroot + "/up");
+      modeTimes.push_back(modes ? secondsOf([&] {
+        velbench::davPushFloor(curl, server.url(), "up", sent, content, true);
+      })
+                                : pushTimes.back());
       std::printf(
           "round %d: update %.3f s, PROPFIND+GET %.3f s, folder store %.3f s; commit %.3f s, "
           "MKCOL+PUT %.3f s\n",
@@ -160,11 +167,12 @@ int main(int argc, char** argv) {
     curl_easy_cleanup(curl);
     // The ratios are taken within each round (the runs back to back), so
     // that a round slowed by the machine's other work counts once.
-    std::vector<double> toRaw, toFolder, toPush;
+    std::vector<double> toRaw, toFolder, toPush, toModes;
     for (int round = 0; round < rounds; ++round) {
       toRaw.push_back(davTimes[round] / rawTimes[round]);
       toFolder.push_back(davTimes[round] / folderTimes[round]);
       toPush.push_back(commitTimes[round] / pushTimes[round]);
+      toModes.push_back(commitTimes[round] / modeTimes[round]);
     }
     std::printf(
         "%s: %zu files of %zu bytes in %d folders (medians of %d rounds):\n"
@@ -172,10 +180,12 @@ int main(int argc, char** argv) {
         "  PROPFIND+GET loop    %.3f s   update / loop          = %.2f\n"
         "  folder store update  %.3f s   update / folder store  = %.2f\n"
         "  vel commit           %.3f s\n"
-        "  MKCOL+PUT loop       %.3f s   commit / loop          = %.2f\n",
+        "  MKCOL+PUT loop       %.3f s   commit / loop          = %.2f\n"
+        "  ... + PROPPATCH/file %.3f s   commit / loop          = %.2f (the mode of each file)\n",
         veltest::kindName(serverOptions.kind), files.size(), fileSize, folders, rounds,
         median(davTimes), median(rawTimes), median(toRaw), median(folderTimes), median(toFolder),
-        median(commitTimes), median(pushTimes), median(toPush));
+        median(commitTimes), median(pushTimes), median(toPush), median(modeTimes),
+        median(toModes));
   }
   curl_global_cleanup();
   velbench::removeTree(root);
