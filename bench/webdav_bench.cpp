@@ -184,8 +184,7 @@ int main(int argc, char** argv) {
         "  ... + PROPPATCH/file %.3f s   commit / loop          = %.2f (the mode of each file)\n",
         veltest::kindName(serverOptions.kind), files.size(), fileSize, folders, rounds,
         median(davTimes), median(rawTimes), median(toRaw), median(folderTimes), median(toFolder),
-        median(commitTimes), median(pushTimes), median(toPush), median(modeTimes),
-        median(toModes));
+        median(commitTimes), median(pushTimes), median(toPush), median(modeTimes), median(toModes));
   }
   curl_global_cleanup();
   velbench::removeTree(root);

@@ -1,6 +1,6 @@
 // The short-lived memory of a network store's answers: what a listing and
-// a stat answer again, what a change forgets, an answer that raced with a
-// change, and the window.
+// a lookup answer again, what a change or the end of a walk forgets, an
+// answer that raced with a change, and the window.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -15,7 +15,6 @@ namespace {
 using velagent::StatCache;
 using velagent::StoreEntry;
 using velagent::StoreStat;
-using Found = StatCache::Found;
 
 StoreStat file(long long size, const std::string& version) {
   StoreStat st;
@@ -24,9 +23,10 @@ StoreStat file(long long size, const std::string& version) {
   return st;
 }
 
-StoreStat folder() {
+StoreStat folder(unsigned mode = 0750) {
   StoreStat st;
   st.isDir = true;
+  st.mode = mode;
   return st;
 }
 
@@ -39,94 +39,78 @@ StoreEntry entry(const std::string& name, const StoreStat& st) {
   return e;
 }
 
-Found lookup(const StatCache& cache, const std::string& path, StoreStat* out = nullptr) {
+bool known(const StatCache& cache, const std::string& path, StoreStat* out = nullptr) {
   StoreStat st;
-  Found found = cache.get(path, st);
+  bool found = cache.get(path, st);
   if (out != nullptr) {
     *out = st;
   }
   return found;
 }
 
-TEST(StatCacheTest, AListingAnswersForItsEntriesAndItsGaps) {
+// A listing answers for its entries and itself, a lookup for its path;
+// nothing is ever said to be absent.
+TEST(StatCacheTest, AListingAnswersForItsEntriesALookupForItsPath) {
   StatCache cache(std::chrono::minutes(1));
   cache.putListing(cache.ticket(), "d", folder(),
-                   {entry("a", file(3, "\"a1\"")), entry("sub", folder())});
+                   {entry("a", file(3, "\"a1\"")), entry("sub", folder(0711))});
   StoreStat st;
-  EXPECT_EQ(lookup(cache, "d/a", &st), Found::kPresent);
+  ASSERT_TRUE(known(cache, "d/a", &st));
   EXPECT_EQ(st.size, 3);
   EXPECT_EQ(st.version, "\"a1\"");
-  EXPECT_EQ(lookup(cache, "d/sub", &st), Found::kPresent);
+  ASSERT_TRUE(known(cache, "d/sub", &st));
   EXPECT_TRUE(st.isDir);
-  EXPECT_EQ(lookup(cache, "d", &st), Found::kPresent);
-  EXPECT_EQ(lookup(cache, "d/missing"), Found::kAbsent);
-  EXPECT_EQ(lookup(cache, "d/sub/x"), Found::kUnknown);  // not listed
-  EXPECT_EQ(lookup(cache, "e"), Found::kUnknown);
-  EXPECT_EQ(lookup(cache, ""), Found::kUnknown);
+  EXPECT_EQ(st.mode, 0711u);
+  EXPECT_TRUE(known(cache, "d"));
+  EXPECT_FALSE(known(cache, "d/missing"));
+  EXPECT_FALSE(known(cache, "d/sub/x"));
 
-  // A stat of a name the listing lacked, made later, wins over the gap; a
-  // later listing without a name that a stat found makes it absent again.
-  cache.put(cache.ticket(), "d/late", file(1, "\"l\""));
-  EXPECT_EQ(lookup(cache, "d/late"), Found::kPresent);
-  std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  cache.putListing(cache.ticket(), "d", folder(), {entry("a", file(3, "\"a2\""))});
-  EXPECT_EQ(lookup(cache, "d/late"), Found::kAbsent);
-  EXPECT_EQ(lookup(cache, "d/a", &st), Found::kPresent);
-  EXPECT_EQ(st.version, "\"a2\"");
+  // A later listing forgets the names it no longer shows, and what lay
+  // below them; what it shows stays known below.
+  cache.putListing(cache.ticket(), "d/sub", folder(), {entry("x", file(1, "\"x\""))});
+  cache.putListing(cache.ticket(), "d", folder(), {entry("sub", folder())});
+  EXPECT_FALSE(known(cache, "d/a"));
+  EXPECT_TRUE(known(cache, "d/sub/x"));
+  cache.putListing(cache.ticket(), "d", folder(), {entry("a", file(2, "\"a2\""))});
+  EXPECT_FALSE(known(cache, "d/sub"));
+  EXPECT_FALSE(known(cache, "d/sub/x"));
+  EXPECT_TRUE(known(cache, "d/a"));
+  cache.putListing(cache.ticket(), "d", folder(), {entry("a", file(2, "\"a2\""))});
+
+  cache.put(cache.ticket(), "e/f", file(1, "\"f\""));
+  ASSERT_TRUE(known(cache, "e/f", &st));
+  EXPECT_EQ(st.version, "\"f\"");
+  EXPECT_FALSE(known(cache, "e"));
 }
 
-TEST(StatCacheTest, AChangeForgetsThePathWhatIsBelowAndTheListingAbove) {
+TEST(StatCacheTest, AChangeForgetsThePathAndWhatIsBelow) {
   StatCache cache(std::chrono::minutes(1));
-  cache.putListing(cache.ticket(), "", folder(), {entry("d", folder()), entry("f", file(1, "1"))});
   cache.putListing(cache.ticket(), "d", folder(),
                    {entry("a", file(3, "\"a1\"")), entry("b", file(4, "\"b1\""))});
   cache.putListing(cache.ticket(), "d/deep", folder(), {entry("x", file(5, "\"x\""))});
-
-  cache.forget("d/a");
-  EXPECT_EQ(lookup(cache, "d/a"), Found::kUnknown);
-  EXPECT_EQ(lookup(cache, "d/new"), Found::kUnknown);  // the listing of d is gone
-  EXPECT_EQ(lookup(cache, "d/b"), Found::kPresent);    // the neighbour is not
-  EXPECT_EQ(lookup(cache, "f"), Found::kPresent);
+  cache.put(cache.ticket(), "dd", folder());  // a neighbour whose name starts alike
 
   StoreStat st;
   cache.changeMode("d/b", 0600);
-  EXPECT_EQ(lookup(cache, "d/b", &st), Found::kPresent);
+  ASSERT_TRUE(known(cache, "d/b", &st));
   EXPECT_EQ(st.mode, 0600u);
   EXPECT_EQ(st.version, "\"b1\"");
-  cache.forgetNode("d/deep");  // its mode may have changed: nothing else did
-  EXPECT_EQ(lookup(cache, "d/deep"), Found::kUnknown);
-  EXPECT_EQ(lookup(cache, "d/deep/x"), Found::kPresent);
-  EXPECT_EQ(lookup(cache, "d/deep/y"), Found::kAbsent);
-  EXPECT_EQ(lookup(cache, "d/b"), Found::kPresent);
+  // A walk done with a file, or a folder whose mode may have changed:
+  // only that path goes.
+  cache.forgetNode("d/a");
+  cache.forgetNode("d/deep");
+  EXPECT_FALSE(known(cache, "d/a"));
+  EXPECT_FALSE(known(cache, "d/deep"));
+  EXPECT_TRUE(known(cache, "d/deep/x"));
+  EXPECT_TRUE(known(cache, "d/b"));
 
   cache.forget("d");
-  for (const char* path : {"d", "d/b", "d/deep", "d/deep/x", "d/deep/y"}) {
-    EXPECT_EQ(lookup(cache, path), Found::kUnknown) << path;
+  for (const char* path : {"d", "d/b", "d/deep/x"}) {
+    EXPECT_FALSE(known(cache, path)) << path;
   }
-  EXPECT_EQ(lookup(cache, "f"), Found::kPresent);
-  EXPECT_EQ(lookup(cache, "other"), Found::kUnknown);  // the top's listing is gone too
-  cache.put(cache.ticket(), "dd", file(1, "1"));       // a sibling whose name starts alike
-  cache.forget("d");
-  EXPECT_EQ(lookup(cache, "dd"), Found::kPresent);
+  EXPECT_TRUE(known(cache, "dd"));
   cache.forget("");
-  EXPECT_EQ(lookup(cache, "dd"), Found::kUnknown);
-}
-
-TEST(StatCacheTest, ANameFoundMissingStaysMissingUntilAChangeOrALaterAnswer) {
-  StatCache cache(std::chrono::minutes(1));
-  cache.putAbsent(cache.ticket(), "d/gone");
-  EXPECT_EQ(lookup(cache, "d/gone"), Found::kAbsent);
-  EXPECT_EQ(lookup(cache, "d/other"), Found::kUnknown);
-  cache.forget("d/gone");
-  EXPECT_EQ(lookup(cache, "d/gone"), Found::kUnknown);
-  cache.putAbsent(cache.ticket(), "d/gone");
-  cache.put(cache.ticket(), "d/gone", file(2, "\"g\""));
-  EXPECT_EQ(lookup(cache, "d/gone"), Found::kPresent);
-  cache.forget("d");
-  cache.putAbsent(cache.ticket(), "d/gone");
-  std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  cache.putListing(cache.ticket(), "d", folder(), {entry("gone", file(3, "\"h\""))});
-  EXPECT_EQ(lookup(cache, "d/gone"), Found::kPresent);
+  EXPECT_FALSE(known(cache, "dd"));
 }
 
 // An answer asked for before a change and received after it may describe
@@ -135,12 +119,12 @@ TEST(StatCacheTest, AnAnswerThatCrossedAChangeIsNotKept) {
   StatCache cache(std::chrono::minutes(1));
   StatCache::Ticket before = cache.ticket();
   cache.forget("d/a");
-  cache.put(before, "d/a", file(3, "\"old\""));
   cache.putListing(before, "d", folder(), {entry("a", file(3, "\"old\""))});
-  EXPECT_EQ(lookup(cache, "d/a"), Found::kUnknown);
-  EXPECT_EQ(lookup(cache, "d/b"), Found::kUnknown);
-  cache.put(cache.ticket(), "d/a", file(4, "\"new\""));
-  EXPECT_EQ(lookup(cache, "d/a"), Found::kPresent);
+  cache.put(before, "e", folder());
+  EXPECT_FALSE(known(cache, "d/a"));
+  EXPECT_FALSE(known(cache, "e"));
+  cache.put(cache.ticket(), "e", folder());
+  EXPECT_TRUE(known(cache, "e"));
 }
 
 TEST(StatCacheTest, AnswersLastTheirWindowFromWhenTheyWereAskedFor) {
@@ -149,15 +133,12 @@ TEST(StatCacheTest, AnswersLastTheirWindowFromWhenTheyWereAskedFor) {
   StatCache::Ticket asked = cache.ticket();
   std::this_thread::sleep_for(std::chrono::milliseconds(60));
   cache.putListing(asked, "d", folder(), {entry("a", file(3, "\"a1\""))});
-  EXPECT_EQ(lookup(cache, "d/a"), Found::kUnknown);
-  EXPECT_EQ(lookup(cache, "d/b"), Found::kUnknown);
+  EXPECT_FALSE(known(cache, "d/a"));
+  EXPECT_FALSE(known(cache, "d"));
   // Asked for now, it answers until the window has passed.
   cache.putListing(cache.ticket(), "d", folder(), {entry("a", file(3, "\"a1\""))});
-  cache.putAbsent(cache.ticket(), "e");
   std::this_thread::sleep_for(std::chrono::milliseconds(60));
-  EXPECT_EQ(lookup(cache, "d/a"), Found::kUnknown);
-  EXPECT_EQ(lookup(cache, "d/b"), Found::kUnknown);
-  EXPECT_EQ(lookup(cache, "e"), Found::kUnknown);
+  EXPECT_FALSE(known(cache, "d/a"));
 }
 
 }  // namespace

@@ -253,9 +253,6 @@ Status WebDavStore::statFresh(const std::string& path, StoreStat& out) {
   std::vector<DavNode> nodes;
   time_t date = -1;
   Status status = propfind(path, "0", nodes, date);
-  if (status.code() == Status::Code::kNotFound) {
-    cache_.putAbsent(ticket, path);
-  }
   if (!status.isOk()) {
     return status;
   }
@@ -272,13 +269,8 @@ Status WebDavStore::statFresh(const std::string& path, StoreStat& out) {
 }
 
 Status WebDavStore::stat(const std::string& path, bool /*followLast*/, StoreStat& out) {
-  switch (cache_.get(path, out)) {
-    case StatCache::Found::kPresent:
-      return Status::ok();
-    case StatCache::Found::kAbsent:
-      return Status::error(Status::Code::kNotFound);
-    case StatCache::Found::kUnknown:
-      break;
+  if (cache_.get(path, out)) {
+    return Status::ok();
   }
   return statFresh(path, out);
 }
@@ -338,6 +330,9 @@ Status WebDavStore::download(const std::string& path, ByteSink& target, StoreSta
     request.headers.push_back("If-None-Match: " + ifNoneMatch);
   }
   HttpResponse response = send(request);
+  // A listing's walk is done with the file: the next question about it
+  // goes to the server.
+  cache_.forgetNode(path);
   if (response.answered(404)) {
     return Status::error(Status::Code::kNotFound);
   }
@@ -455,17 +450,17 @@ bool WebDavStore::conditionsHonoured() {
   return known == kYes;
 }
 
-Status WebDavStore::recheck(const std::string& path, const Expect& expect, StatCache::Found& found,
+Status WebDavStore::recheck(const std::string& path, const Expect& expect, Prior& prior,
                             StoreStat& now) {
   Status status = statFresh(path, now);
   if (status.code() == Status::Code::kNotFound) {
-    found = StatCache::Found::kAbsent;
+    prior = Prior::kAbsent;
     return expect.kind == Expect::Kind::kVersion ? conflict() : Status::ok();
   }
   if (!status.isOk()) {
     return status;
   }
-  found = StatCache::Found::kPresent;
+  prior = Prior::kPresent;
   if (expect.kind == Expect::Kind::kAbsent ||
       (expect.kind == Expect::Kind::kVersion && (now.isDir || now.version != expect.version))) {
     return conflict();
@@ -497,8 +492,8 @@ Status WebDavStore::setMode(const std::string& path, bool collection, mode_t mod
   return Status::error(Status::Code::kServiceError, "webdav: mode not set: " + error);
 }
 
-Status WebDavStore::storeMode(const std::string& path, bool collection, mode_t mode,
-                              StatCache::Found found, const StoreStat& before) {
+Status WebDavStore::storeMode(const std::string& path, bool collection, mode_t mode, Prior prior,
+                              const StoreStat& before) {
   bool kept = false;
   Status status = propertiesKept(kept);
   if (!status.isOk()) {
@@ -515,8 +510,8 @@ Status WebDavStore::storeMode(const std::string& path, bool collection, mode_t m
     return Status::ok();
   }
   // A file replaced on a server that keeps its properties keeps its mode.
-  if ((found == StatCache::Found::kAbsent && mode == fresh) ||
-      (found == StatCache::Found::kPresent && !before.isDir && before.mode == mode &&
+  if ((prior == Prior::kAbsent && mode == fresh) ||
+      (prior == Prior::kPresent && !before.isDir && before.mode == mode &&
        keepsPropertiesOnPut(static_cast<DavServerKind>(kind_.load())))) {
     return Status::ok();
   }
@@ -531,10 +526,10 @@ Status WebDavStore::upload(int source, const std::string& path, mode_t mode, con
   }
   // What is known of the path before: whether its mode must be set again.
   StoreStat before;
-  StatCache::Found found = cache_.get(path, before);
+  Prior prior = cache_.get(path, before) ? Prior::kPresent : Prior::kUnknown;
   if (expect.kind != Expect::Kind::kAnything && (!isTag(expect.version) || !conditionsHonoured())) {
     // The server will not check: the version is read just before the PUT.
-    Status status = recheck(path, expect, found, before);
+    Status status = recheck(path, expect, prior, before);
     if (!status.isOk()) {
       return status;
     }
@@ -555,8 +550,7 @@ Status WebDavStore::upload(int source, const std::string& path, mode_t mode, con
   }
   if (response.answered(412) && expect.kind == Expect::Kind::kVersion) {
     // Apache refuses a tag it holds, for a second after a write, as weak.
-    StoreStat now;
-    Status status = recheck(path, expect, found, now);
+    Status status = recheck(path, expect, prior, before);
     if (!status.isOk()) {
       return status;
     }
@@ -583,7 +577,7 @@ Status WebDavStore::upload(int source, const std::string& path, mode_t mode, con
     // Read in the moment of the write: never settled.
     written.version = versionOf(tag, -1, written.size, response.date, DavServerKind::kUnknown).text;
   }
-  return storeMode(path, false, mode, found, before);
+  return storeMode(path, false, mode, prior, before);
 }
 
 bool WebDavStore::remade(const std::string& path) {
@@ -676,7 +670,7 @@ Status WebDavStore::createFile(const std::string& path, mode_t mode) {
   if (!response.succeeded()) {
     return failureOf(response);
   }
-  return storeMode(path, false, mode, StatCache::Found::kAbsent, st);
+  return storeMode(path, false, mode, Prior::kAbsent, st);
 }
 
 Status WebDavStore::move(const std::string& from, const std::string& to) {
@@ -757,9 +751,9 @@ Status WebDavStore::remove(const std::string& path, bool recursive, const Expect
   HttpResponse response = send(request);
   if (response.answered(412)) {
     // A tag the server still holds but calls weak: again without it.
-    StatCache::Found found;
+    Prior prior;
     StoreStat now;
-    status = recheck(path, expect, found, now);
+    status = recheck(path, expect, prior, now);
     if (!status.isOk()) {
       return status;
     }

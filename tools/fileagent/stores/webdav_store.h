@@ -35,9 +35,9 @@
 // request without the condition.
 //
 // Answers are remembered for a short window (stat_cache.h; kCacheWindow
-// unless the options say otherwise): a listing answers
-// the stat of each entry that follows it, a stat the next stat of the same
-// path. Every change through the store forgets what it changes.
+// unless the options say otherwise): a listing answers the stats of each
+// entry that follow it, a lookup the next ones of its path; a download
+// or a change of a path forgets it.
 //
 // The server has no links, so nothing is ever kRefused or isLink. A
 // failure of the server (not reached, a refused login, a status the
@@ -109,6 +109,8 @@ class WebDavStore : public Store {
 
  private:
   enum Learned : int { kUnknown, kYes, kNo };
+  // What a change knew of its path before it was made.
+  enum class Prior { kUnknown, kAbsent, kPresent };
 
   // The URL of `path`, a collection's with a trailing slash.
   std::string urlOf(const std::string& path, bool collection) const;
@@ -128,17 +130,16 @@ class WebDavStore : public Store {
   bool conditionsHonoured();
   // Reads the version of `path` again and compares it with `expect`:
   // ok, kConflict, or the failure. `now` gets what was found.
-  Status recheck(const std::string& path, const Expect& expect, StatCache::Found& found,
-                 StoreStat& now);
+  Status recheck(const std::string& path, const Expect& expect, Prior& prior, StoreStat& now);
   Status setMode(const std::string& path, bool collection, mode_t mode);
   // After an answer that may say a folder on the way is missing (though
   // the cache said it was there: someone removed it meanwhile): asks the
   // server and makes the folders of `path` again; true when it made them.
   bool remade(const std::string& path);
   // After a change of `path` that leaves the mode out: sets `mode` unless
-  // the server keeps none (logged) or holds it already (`before`, `found`:
+  // the server keeps none (logged) or holds it already (`before`, `prior`:
   // what was known of the path before the change).
-  Status storeMode(const std::string& path, bool collection, mode_t mode, StatCache::Found found,
+  Status storeMode(const std::string& path, bool collection, mode_t mode, Prior prior,
                    const StoreStat& before);
   std::string propertyLimit();
 
