@@ -721,8 +721,10 @@ void webdavRows(const Options& options, const std::string& dir) {
     const std::string folderUds = ::getenv("UDS_ROOT_OSSUSER");
     ::setenv("UDS_ROOT_OSSUSER", (dir + "/uds-webdav").c_str(), 1);
     const std::string mirrorTree = dir + "/mirror/wtree";
+    // Every round is a first sync: cold copies, none skipped.
     auto pull = [&] {
       removeTree(mirrorTree);
+      agent.forget();
       const Clock::time_point start = Clock::now();
       if (VEL::syncFromServer("wtree", true) != 0) {
         fail("WebDAV tree update failed");
@@ -731,6 +733,7 @@ void webdavRows(const Options& options, const std::string& dir) {
     };
     auto push = [&] {
       removeTree(docroot + "/wup");
+      agent.forget();
       const Clock::time_point start = Clock::now();
       if (VEL::syncToServer("wup", true) != 0) {
         fail("WebDAV tree commit failed");

@@ -124,24 +124,27 @@ int main(int argc, char** argv) {
     Agent dav(VEL_AGENT_BIN, root + "/dav/mirror", root + "/dav/uds", {"--webdav", server.url()});
     Agent folder(VEL_AGENT_BIN, root + "/folder/mirror", root + "/folder/uds",
                  {"--store", docroot});
-    auto update = [&](const std::string& dir) {
+    // Every round is a first sync: cold copies, none skipped.
+    auto update = [&](const std::string& dir, const Agent& agent) {
       velbench::removeTree(dir + "/mirror/tree");
+      agent.forget();
       return secondsOf([&] { vel(dir, "update", "tree"); });
     };
     auto commit = [&] {
       velbench::removeTree(docroot + "/up");
       velbench::makeDir(docroot + "/up");  // `vel commit` checks that the path is there
       server.adopt();
+      dav.forget();
       return secondsOf([&] { vel(root + "/dav", "commit", "up"); });
     };
     CURL* curl = curl_easy_init();
     std::vector<double> davTimes, rawTimes, folderTimes, commitTimes, pushTimes, modeTimes;
     const bool modes = veltest::keepsProperties(serverOptions.kind);
     for (int round = 0; round < rounds; ++round) {
-      davTimes.push_back(update(root + "/dav"));
+      davTimes.push_back(update(root + "/dav", dav));
       rawTimes.push_back(
           secondsOf([&] { velbench::davFloor(curl, server.url(), "tree", files, fileSize); }));
-      folderTimes.push_back(update(root + "/folder"));
+      folderTimes.push_back(update(root + "/folder", folder));
       if (velbench::filesBelow(root + "/dav/mirror/tree") != files.size() ||
           velbench::filesBelow(root + "/folder/mirror/tree") != files.size()) {
         fail("a mirror lacks files after vel update");
