@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
@@ -209,6 +210,11 @@ void FaultProxy::serve(int client) {
     std::lock_guard<std::mutex> lock(mutex_);
     sockets_.push_back(up);
   }
+  // Heads and bodies go out in separate writes: without this, each waits
+  // for the other side's delayed acknowledgement.
+  const int on = 1;
+  ::setsockopt(up, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  ::setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   // Answers go back as they come.
   std::thread pump([client, up] {
     char chunk[65536];
@@ -262,11 +268,29 @@ void FaultProxy::serve(int client) {
 
     Action action = Action::kSlowDown;
     if (!decide(head, action)) {
+      // A client that went while its request was held (killed): the
+      // request never reaches the service.
+      struct pollfd gone = {client, POLLRDHUP, 0};
+      if (::poll(&gone, 1, 0) > 0 && (gone.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
+        break;
+      }
       if ((head.expectContinue && !sendAll(client, "HTTP/1.1 100 Continue\r\n\r\n")) ||
           !sendAll(up, head.text) || !relayBody(client, buffer, up, head.length)) {
         break;
       }
       continue;
+    }
+    if (action == Action::kDropAnswer) {
+      if (head.expectContinue) {
+        sendAll(client, "HTTP/1.1 100 Continue\r\n\r\n");
+      }
+      if (sendAll(up, head.text) && relayBody(client, buffer, up, head.length)) {
+        // The client goes before the answer comes; the service finishes
+        // the request, whose answer the pump then fails to pass on.
+        ::shutdown(client, SHUT_RDWR);
+        pump.join();
+      }
+      break;
     }
     if (action == Action::kDropMidBody) {
       if (head.expectContinue) {
@@ -291,7 +315,9 @@ void FaultProxy::serve(int client) {
   }
   ::shutdown(client, SHUT_RDWR);
   ::shutdown(up, SHUT_RDWR);
-  pump.join();
+  if (pump.joinable()) {
+    pump.join();
+  }
   std::lock_guard<std::mutex> lock(mutex_);
   for (int fd : {client, up}) {
     sockets_.erase(std::remove(sockets_.begin(), sockets_.end(), fd), sockets_.end());

@@ -30,7 +30,8 @@ class FaultProxy {
     kSlowDown,     // 503 with the S3 error "SlowDown"
     kServerError,  // 500 with the S3 error "InternalError"
     kDropMidBody,  // half the body goes up, then both connections close
-    kHold,         // waits until release() (or 30 s), then passes
+    kHold,         // waits until release() (or 30 s), then passes, unless its client is gone
+    kDropAnswer,   // the request reaches the service whole, its answer never the client
   };
   struct Rule {
     std::string method;  // "" for any

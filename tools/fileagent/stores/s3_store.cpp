@@ -138,9 +138,7 @@ Status S3Store::listKeys(const std::string& prefix, bool delimited, int limit, S
     if (delimited) {
       request.query.push_back({"delimiter", "/"});
     }
-    if (limit > 0) {
-      request.query.push_back({"max-keys", std::to_string(limit)});
-    }
+    request.query.push_back({"max-keys", std::to_string(limit > 0 ? limit : options_.listPage)});
     if (!token.empty()) {
       request.query.push_back({"continuation-token", token});
     }
@@ -374,7 +372,7 @@ Status S3Store::upload(int source, const std::string& path, mode_t mode, const E
         // The version matches: the service wants the tag in the other form.
         quoted = !quoted;
         quoteIfMatch_.store(quoted);
-        logLine(std::string("s3: the service refused a matching If-Match; sending ") +
+        logLine(std::string("s3: the service refused a matching If-Match; ") +
                 (quoted ? "quoted" : "bare") + " entity tags from now on");
         continue;
       } else {

@@ -38,9 +38,10 @@
 // Conditions, as Ceph's gateway (16.2) answers them: GET If-None-Match
 // gives 304; PUT If-None-Match: * refuses an existing key (412); PUT
 // If-Match refuses another version (412) and a missing key (412, where
-// others say 404), and must carry the bare hex (a quoted tag is refused
-// even when it matches; a service that wants the quotes is recognised on
-// the first 412 whose HEAD shows the expected tag, and then gets them).
+// others say 404), and must carry the bare hex: a quoted tag (the form
+// HTTP and other services use) is refused even when it matches. The store
+// sends the quoted form until a refusal whose HEAD shows the expected tag
+// says the service wants the other one, and that form from then on.
 // DELETE ignores If-Match, and CompleteMultipartUpload ignores both
 // conditions: there the version is read again (HEAD) just before the
 // DELETE or the completion, which leaves the window of one request in
@@ -76,7 +77,8 @@ struct S3Options {
   // Files above this size go up in parts of this size (S3 wants at least
   // 5 MiB for every part but the last).
   long long partSize = 16LL << 20;
-  int attempts = 4;  // sends of one request at most (s3_transport.h)
+  int attempts = 4;     // sends of one request at most (s3_transport.h)
+  int listPage = 1000;  // keys per listing page (S3 gives at most 1000)
 };
 
 class S3Store : public Store {
@@ -143,8 +145,9 @@ class S3Store : public Store {
   S3Options options_;
   S3Location location_;
   S3Transport transport_;
-  // The service refused a bare If-Match that matched: it gets quoted ones.
-  std::atomic<bool> quoteIfMatch_{false};
+  // If-Match carries the tag quoted, as HTTP has it, until the service
+  // refuses a quoted tag that matches (Ceph's gateway does): then bare.
+  std::atomic<bool> quoteIfMatch_{true};
 };
 
 }  // namespace velagent
