@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Prepares the arm64 sysroot for the aarch64 cross build: downloads Debian's
 # arm64 packages of hiredis, jsoncpp, ACE, GoogleTest, libcurl, pugixml,
-# SQLite and xxHash
+# OpenSSL's libcrypto, SQLite and xxHash
 # with what they need at run time (headers, libraries
 # and CMake files) and unpacks them with `dpkg -x` into a folder. Nothing is
 # installed on this machine: apt runs with a private state and package-list
@@ -25,14 +25,14 @@ stamps=$sysroot/.unpacked  # one file per unpacked package: its version
 # toolchain provides (libc6, libgcc-s1, libstdc++6, gcc-12-base). `googletest`
 # (sources only, architecture "all") is not needed: libgtest-dev ships the
 # built static libraries.
-# libcurl and pugixml are the agent's WebDAV store, SQLite and xxHash its
-# sync record; the closure below brings
+# libcurl and pugixml are the agent's WebDAV and S3 stores (libssl-dev the
+# S3 store's digests), SQLite and xxHash its sync record; the closure below brings
 # the libraries libcurl needs at run time (TLS, HTTP/2, ...), which the
 # emulated programs load from here.
 packages=(libhiredis-dev libhiredis0.14 libjsoncpp-dev libjsoncpp25
           libace-dev libace-7.0.8 libgtest-dev libcurl4-openssl-dev libcurl4
-          libpugixml-dev libpugixml1v5 libsqlite3-dev libsqlite3-0 libxxhash-dev
-          libxxhash0)
+          libpugixml-dev libpugixml1v5 libssl-dev libssl3 libsqlite3-dev libsqlite3-0
+          libxxhash-dev libxxhash0)
 from_toolchain='^(libc6|libgcc-s1|libstdc\+\+6|gcc-12-base|googletest)$'
 
 all_unpacked() {

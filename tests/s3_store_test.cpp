@@ -213,6 +213,17 @@ TEST_F(S3StoreTest, MultipartUploadsCheckTheirConditionLastAndLeaveNoParts) {
   EXPECT_EQ(status.code(), Code::kConflict) << status.message();
   EXPECT_EQ(client_->get("big").body, "theirs");
   EXPECT_EQ(client_->uploads(), std::vector<std::string>{});
+
+  // A service that checks the completion's If-Match and refuses the form
+  // of the tag: the version just read matches, so the completion goes
+  // again in the other form instead of failing.
+  const std::string theirs = client_->head("big").etag;
+  proxy.setRules({{"POST", "uploadId=", FaultProxy::Action::kPreconditionFailed, 0, 1}});
+  status = upload(*slow, "big", big, Expect::at(theirs));
+  EXPECT_TRUE(status.isOk()) << status.message();
+  EXPECT_EQ(proxy.faults(), 1);
+  EXPECT_TRUE(client_->get("big").body == big);
+  EXPECT_EQ(client_->uploads(), std::vector<std::string>{});
 }
 
 // A listing follows the service's pages to the end, shows a folder's

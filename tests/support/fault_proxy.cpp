@@ -307,10 +307,12 @@ void FaultProxy::serve(int client) {
     if (!head.expectContinue) {
       relayBody(client, buffer, -1, head.length);
     }
+    const bool bodyless = head.method == "HEAD";
     sendAll(client, action == Action::kSlowDown
-                        ? madeUpAnswer(503, "Slow Down", "SlowDown", head.method == "HEAD")
-                        : madeUpAnswer(500, "Internal Server Error", "InternalError",
-                                       head.method == "HEAD"));
+                        ? madeUpAnswer(503, "Slow Down", "SlowDown", bodyless)
+                    : action == Action::kPreconditionFailed
+                        ? madeUpAnswer(412, "Precondition Failed", "PreconditionFailed", bodyless)
+                        : madeUpAnswer(500, "Internal Server Error", "InternalError", bodyless));
     break;
   }
   ::shutdown(client, SHUT_RDWR);

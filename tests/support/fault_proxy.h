@@ -27,11 +27,12 @@ namespace veltest {
 class FaultProxy {
  public:
   enum class Action {
-    kSlowDown,     // 503 with the S3 error "SlowDown"
-    kServerError,  // 500 with the S3 error "InternalError"
-    kDropMidBody,  // half the body goes up, then both connections close
-    kHold,         // waits until release() (or 30 s), then passes, unless its client is gone
-    kDropAnswer,   // the request reaches the service whole, its answer never the client
+    kSlowDown,            // 503 with the S3 error "SlowDown"
+    kServerError,         // 500 with the S3 error "InternalError"
+    kPreconditionFailed,  // 412, as a service says when a condition does not hold
+    kDropMidBody,         // half the body goes up, then both connections close
+    kHold,                // waits until release() (or 30 s), then passes, unless its client is gone
+    kDropAnswer,          // the request reaches the service whole, its answer never the client
   };
   struct Rule {
     std::string method;  // "" for any

@@ -37,7 +37,7 @@ const char kUsage[] =
     "Usage: velfileagent (--store DIR | --webdav URL [--webdav-user NAME]\n"
     "                    [--webdav-password-file FILE] [--ca-file FILE]\n"
     "                    | --s3 URL [--s3-credentials FILE] [--s3-part-size N]\n"
-    "                    [--ca-file FILE])\n"
+    "                    [--s3-retry-wait MS] [--ca-file FILE])\n"
     "                    [--mirror DIR] [--socket PATH] [--journal FILE]\n"
     "                    [--rules FILE] [--max-request-args N] [--max-request-bytes N]\n"
     "                    [--max-reply-bytes N] [--no-openat2] [--state DIR]\n"
@@ -90,6 +90,11 @@ const char kUsage[] =
     "                  files above N bytes go up in parts of N bytes (default\n"
     "                  16777216, 16 MiB; at least 5242880); a failed upload\n"
     "                  leaves no parts behind\n"
+    "  --s3-retry-wait MS\n"
+    "                  a request the service answers with 500, 502, 503 (SlowDown),\n"
+    "                  504 or RequestTimeout, or whose connection is lost, is sent\n"
+    "                  again up to three times, after MS, 2*MS and 4*MS\n"
+    "                  milliseconds (default 100; each resend is logged)\n"
     "  --ca-file FILE  certificates (PEM) to trust for an https:// server, for a\n"
     "                  server whose certificate the system does not know\n"
     "  --mirror DIR    mirror root that downloads write to and uploads read from\n"
@@ -348,6 +353,7 @@ int main(int argc, char** argv) {
   std::string s3Url;
   std::string s3CredentialsFile;
   size_t s3PartSize = 16u << 20;
+  size_t s3RetryWait = 100;
   std::string mirror;
   std::string socketPath;
   std::string journalPath;
@@ -392,6 +398,9 @@ int main(int argc, char** argv) {
     } else if (option == "--s3-part-size") {
       cap = &s3PartSize;
       least = velagent::S3Store::kMinPartSize;
+    } else if (option == "--s3-retry-wait") {
+      cap = &s3RetryWait;
+      least = 1;
     } else if (option == "--mirror") {
       target = &mirror;
       mirrorSet = true;
@@ -466,6 +475,7 @@ int main(int argc, char** argv) {
     s3Options.url = s3Url;
     s3Options.caFile = caFile;
     s3Options.partSize = static_cast<long long>(s3PartSize);
+    s3Options.retryWaitMs = static_cast<long>(std::min<size_t>(s3RetryWait, 60000));
   }
   velagent::WebDavOptions davOptions;
   if (webdav) {

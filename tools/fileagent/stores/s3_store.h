@@ -77,8 +77,9 @@ struct S3Options {
   // Files above this size go up in parts of this size (S3 wants at least
   // 5 MiB for every part but the last).
   long long partSize = 16LL << 20;
-  int attempts = 4;     // sends of one request at most (s3_transport.h)
-  int listPage = 1000;  // keys per listing page (S3 gives at most 1000)
+  int attempts = 4;        // sends of one request at most (s3_transport.h)
+  long retryWaitMs = 100;  // the wait before the first resend; it doubles
+  int listPage = 1000;     // keys per listing page (S3 gives at most 1000)
 };
 
 class S3Store : public Store {

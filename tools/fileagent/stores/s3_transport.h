@@ -18,7 +18,8 @@
 // Retries: a request whose connection failed before an answer (refused,
 // reset, dropped mid-body) or that was answered 500, 502, 503 (SlowDown),
 // 504 or 400 RequestTimeout is sent again, up to `attempts` times in all,
-// after 100, 200, 400... ms, unless part of an answer's body already went
+// after 100, 200, 400... ms (`firstBackoffMs` and its doubles), unless
+// part of an answer's body already went
 // to the caller's sink. A body streamed from a file is read again from its
 // start for each attempt; each byte is hashed once.
 //
