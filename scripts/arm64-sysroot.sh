@@ -82,11 +82,13 @@ apt-get "${apt_opts[@]}" update > "$work/update.log" 2>&1 || {
   exit 1
 }
 
-# Everything the wanted packages depend on, less the toolchain's own packages.
+# Everything the wanted packages depend on, less the toolchain's own packages
+# and virtual names ("<libc-dev>", which a real package of the closure or the
+# toolchain provides).
 mapfile -t closure < <(
   apt-cache "${apt_opts[@]}" depends --recurse --no-recommends --no-suggests \
     --no-conflicts --no-breaks --no-replaces --no-enhances "${packages[@]}" |
-    grep -v '^ ' | sed 's/:arm64$//' | grep -Ev "$from_toolchain" | sort -u)
+    grep -v '^ ' | grep -v '^<' | sed 's/:arm64$//' | grep -Ev "$from_toolchain" | sort -u)
 
 cd "$work/debs"
 for p in "${closure[@]}"; do
