@@ -97,10 +97,11 @@ for p in "${closure[@]}"; do
   if [[ -f $stamps/$p && $(cat "$stamps/$p") == "$version" ]]; then
     continue
   fi
-  rm -f "${p}"_*_arm64.deb
+  rm -f "${p}"_*_arm64.deb "${p}"_*_all.deb
   echo "arm64-sysroot: $p $version"
   apt-get "${apt_opts[@]}" download "$p:arm64" > /dev/null
-  dpkg -x "${p}"_*_arm64.deb "$sysroot"
+  # Packages of every architecture ("all") come as such.
+  dpkg -x "$(compgen -G "${p}_*_arm64.deb" || compgen -G "${p}_*_all.deb")" "$sysroot"
   echo "$version" > "$stamps/$p"
 done
 # Only the gconv folder of libc6: the toolchain's libc is the one that runs.
