@@ -91,9 +91,11 @@ mapfile -t closure < <(
     grep -v '^ ' | grep -v '^<' | sed 's/:arm64$//' | grep -Ev "$from_toolchain" | sort -u)
 
 cd "$work/debs"
+# awk reads each answer to its end: a reader that stopped at the first match
+# would kill apt-cache with SIGPIPE, which pipefail turns into a failure.
 for p in "${closure[@]}"; do
   version=$(apt-cache "${apt_opts[@]}" show --no-all-versions "$p:arm64" |
-            awk '/^Version:/ { print $2; exit }')
+            awk '/^Version:/ && v == "" { v = $2 } END { print v }')
   if [[ -f $stamps/$p && $(cat "$stamps/$p") == "$version" ]]; then
     continue
   fi
@@ -115,7 +117,7 @@ if [[ ! -f $stamps/libc6-gconv ]]; then
   cp -a "$work/libc6/usr/lib/aarch64-linux-gnu/gconv" "$sysroot/usr/lib/aarch64-linux-gnu/"
   rm -rf "$work/libc6"
   apt-cache "${apt_opts[@]}" show --no-all-versions libc6:arm64 |
-    awk '/^Version:/ { print $2; exit }' > "$stamps/libc6-gconv"
+    awk '/^Version:/ && v == "" { v = $2 } END { print v }' > "$stamps/libc6-gconv"
 fi
 all_unpacked || { echo "arm64-sysroot: some packages are missing" >&2; exit 1; }
 echo "arm64-sysroot: ready in $sysroot"
