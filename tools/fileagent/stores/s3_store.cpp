@@ -36,6 +36,7 @@ S3TransportOptions transportOptions(const S3Options& options) {
   out.credentials = options.credentials;
   out.caFile = options.caFile;
   out.attempts = options.attempts;
+  out.firstBackoffMs = options.retryWaitMs;
   return out;
 }
 
@@ -462,19 +463,33 @@ Status S3Store::uploadParts(int source, const std::string& key, long long size,
   if (!status.isOk()) {
     return abort(status);
   }
-  Request complete;
-  complete.method = "POST";
-  complete.key = key;
-  complete.query = {{"uploadId", uploadId}};
-  complete.headers = {kXmlType};
-  if (expect.kind == Expect::Kind::kAbsent) {
-    complete.headers.push_back("If-None-Match: *");
-  }
-  complete.hasBody = true;
-  complete.body = completeBody(etags);
-  Response completed = transport_.perform(complete);
-  if (completed.answered(412)) {
-    return abort(Status::error(Status::Code::kConflict, "the service holds another version"));
+  Response completed;
+  for (int round = 0;; ++round) {
+    Request complete;
+    complete.method = "POST";
+    complete.key = key;
+    complete.query = {{"uploadId", uploadId}};
+    complete.headers = {kXmlType};
+    if (expect.kind == Expect::Kind::kAbsent) {
+      complete.headers.push_back("If-None-Match: *");
+    } else if (expect.kind == Expect::Kind::kVersion) {
+      const std::string tag = bareEtag(expect.version);
+      complete.headers.push_back("If-Match: " + (quoteIfMatch_ ? "\"" + tag + "\"" : tag));
+    }
+    complete.hasBody = true;
+    complete.body = completeBody(etags);
+    completed = transport_.perform(complete);
+    if (!completed.answered(412)) {
+      break;
+    }
+    // Refused: another version, or the tag in the form this service does
+    // not take (the HEAD just before showed the expected one).
+    Response now = head(key);
+    if (round > 0 || expect.kind != Expect::Kind::kVersion || !now.answered(200) ||
+        now.etag != bareEtag(expect.version)) {
+      return abort(Status::error(Status::Code::kConflict, "the service holds another version"));
+    }
+    quoteIfMatch_.store(!quoteIfMatch_.load());
   }
   S3Error failure;
   // A completion can fail after its 200 has gone out: the error is the body.
