@@ -225,8 +225,8 @@ TEST_P(RemoteApiTest, DirectoryRenameThroughALinkedFolderKeepsTheSource) {
   ASSERT_EQ(::symlink("../other", mirror("proj/big").c_str()), 0);
 
   EXPECT_EQ(VEL::rename("proj", "proj2"), -1);
-  EXPECT_EQ(readFile(store("proj/big/f.txt")), "big f");
-  EXPECT_EQ(readFile(store("proj/a.txt")), "a");
+  EXPECT_EQ(storeRead("proj/big/f.txt"), "big f");
+  EXPECT_EQ(storeRead("proj/a.txt"), "a");
   EXPECT_EQ(countOf("tarn.remove"), 0u);
   EXPECT_TRUE(
       logged("ERROR [TARN] VELClientTavora::RenameDir() proj/big/ is not on the service "

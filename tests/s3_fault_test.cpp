@@ -80,24 +80,29 @@ class S3FaultMatrix : public ::testing::Test {
     }
   }
 
-  // The same bucket and mirror before every run.
+  // The same bucket, mirror and sync record before every run. The service's
+  // "up/big" is an older version that this device sent, so that uploading
+  // the mirror's "up/big" sends an edit of it.
   void reset(bool bucketToo = true) {
     proxy_->setRules({});
+    agent_->forgetRecord();
     removeTree(agent_->mirror() + "/t");
     plant(agent_->mirror(), {{"t/", ""}, {"up/small", "a small local file", 0644}});
+    if (bucketToo) {
+      for (const std::string& key : client_->keys()) {
+        client_->remove(key);
+      }
+      client_->putFolder("t", 0750);
+      client_->putFile("t/a", "service a", 0644);
+      client_->putFile("t/sub/c", "service c", 0600);
+      writeFile(agent_->mirror() + "/up/big", kOldBig);
+      AgentConnection c(agent_->socketPath());
+      EXPECT_EQ(c.ask({"tarn.uploadlocal", kSvc, "up/big"}), "+OK");
+    }
     if (readFile(agent_->mirror() + "/up/big") != kBig) {
       writeFile(agent_->mirror() + "/up/big", kBig);
     }
-    if (!bucketToo) {
-      return;
-    }
-    for (const std::string& key : client_->keys()) {
-      client_->remove(key);
-    }
-    client_->putFolder("t", 0750);
-    client_->putFile("t/a", "service a", 0644);
-    client_->putFile("t/sub/c", "service c", 0600);
-    client_->putFile("up/big", kOldBig, 0644);
+    proxy_->setRules({});  // what the next run asks, from its first request
   }
 
   // Every key with its ETag (the MD5 of its content, or of its parts' MD5s)
