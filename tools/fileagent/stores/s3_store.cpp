@@ -314,9 +314,10 @@ Status S3Store::upload(int source, const std::string& path, mode_t mode, const E
   if (::fstat(source, &st) != 0) {
     return Status::fromErrno(errno);
   }
-  // A file may not hide a folder of the same name.
+  // A file may not hide a folder of the same name (where a version is
+  // expected, a file is there, not a folder).
   bool folder = false;
-  Status status = folderExists(path, folder);
+  Status status = expect.kind == Expect::Kind::kVersion ? Status::ok() : folderExists(path, folder);
   if (!status.isOk()) {
     return status;
   }
@@ -505,6 +506,14 @@ Status S3Store::uploadParts(int source, const std::string& key, long long size,
 Status S3Store::makeDirs(const std::string& path) {
   if (path.empty()) {
     return Status::ok();
+  }
+  // The common case, a folder that is there with its marker: one request.
+  Response there = head(folderKey(path));
+  if (there.answered(200)) {
+    return Status::ok();
+  }
+  if (!missing(there)) {
+    return serviceError(there);
   }
   StoreStat st;
   Status status = stat(path, true, st);
