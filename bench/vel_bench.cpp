@@ -804,6 +804,7 @@ void s3Rows(const Options& options, const std::string& dir, size_t mib) {
     const std::string mirrorTree = dir + "/mirror/s3tree";
     auto pull = [&] {
       removeTree(mirrorTree);
+      agent.forget();
       const Clock::time_point start = Clock::now();
       if (VEL::syncFromServer("s3tree", true) != 0) {
         fail("S3 tree update failed");
@@ -854,6 +855,9 @@ void s3Rows(const Options& options, const std::string& dir, size_t mib) {
             return seconds(start);
           },
           [&] {
+            // A new name each round: nothing there, nothing recorded.
+            floor.remove("bigup");
+            agent.forget();
             const Clock::time_point start = Clock::now();
             if (VEL::syncToServer("bigup", false) != 0) {
               fail("S3 upload failed");
