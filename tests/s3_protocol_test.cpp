@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "stores/s3_protocol.h"
+#include "stores/s3_transport.h"
 
 namespace {
 
@@ -155,6 +156,19 @@ TEST(S3ProtocolTest, ErrorsCopiesUploadsAndBatchRemovals) {
             "xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\"><Part><PartNumber>1</PartNumber>"
             "<ETag>\"aa\"</ETag></Part><Part><PartNumber>2</PartNumber><ETag>\"bb\"</ETag></Part>"
             "</CompleteMultipartUpload>");
+  std::string completed;
+  EXPECT_TRUE(velagent::parseCompleteResult(
+      "<CompleteMultipartUploadResult><Bucket>b</Bucket><Key>k</Key><ETag></ETag>"
+      "</CompleteMultipartUploadResult>",
+      completed));
+  EXPECT_EQ(completed, "");
+  EXPECT_TRUE(
+      velagent::parseCompleteResult("<CompleteMultipartUploadResult><ETag>&quot;a15-2&quot;</"
+                                    "ETag></CompleteMultipartUploadResult>",
+                                    completed));
+  EXPECT_EQ(completed, "a15-2");
+  EXPECT_FALSE(
+      velagent::parseCompleteResult("<Error><Code>InternalError</Code></Error>", completed));
   std::vector<velagent::S3Upload> uploads;
   EXPECT_TRUE(velagent::parseUploads(
       "<ListMultipartUploadsResult><Upload><Key>t/big</Key><UploadId>2~x</UploadId></Upload>"
@@ -185,6 +199,11 @@ TEST(S3ProtocolTest, EtagsTimesAndMetadata) {
   EXPECT_FALSE(velagent::isContentEtag("a1511828e07c5aef31e961c427e9e413-2"));
   EXPECT_FALSE(velagent::isContentEtag("b1946ac92492d2347c6235b4d261118"));
   EXPECT_FALSE(velagent::isContentEtag(""));
+  // Two parts uploaded to Ceph's gateway, and the ETag it gave the whole.
+  EXPECT_EQ(velagent::multipartEtag(
+                {"392c63afe238c9bc780311a7ef99eaf9", "b30f80aff1fc5633092b8da9ac0ea6eb"}),
+            "a1511828e07c5aef31e961c427e9e413-2");
+  EXPECT_EQ(velagent::multipartEtag({"392c63afe238c9bc780311a7ef99eaf9", "not-an-md5"}), "");
 
   struct TimeCase {
     const char* text;

@@ -1,8 +1,8 @@
 // Several devices sharing one service, for the sync tests: each device is
 // a reference agent with a mirror, a socket and a sync record of its own,
 // and every one serves the store of the first (its folder, the WebDAV
-// server in front of it, or its prefix of the S3 bucket). The library is one per process, so it is moved
-// from device to device (finish, the device's environment, init) by as().
+// server in front of it, or its prefix of the S3 bucket). The library is one per process, so it is
+// moved from device to device (finish, the device's environment, init) by as().
 #ifndef VEL_TESTS_SYNC_FIXTURE_H_
 #define VEL_TESTS_SYNC_FIXTURE_H_
 

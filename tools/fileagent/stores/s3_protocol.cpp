@@ -318,6 +318,17 @@ std::string completeBody(const std::vector<std::string>& partEtags) {
   return out;
 }
 
+bool parseCompleteResult(const std::string& xml, std::string& etag) {
+  pugi::xml_document doc;
+  pugi::xml_node root;
+  std::string error;
+  if (!load(xml, doc, "CompleteMultipartUploadResult", root, error)) {
+    return false;
+  }
+  etag = bareEtag(textOf(root, "ETag"));
+  return true;
+}
+
 bool parseUploads(const std::string& xml, std::vector<S3Upload>& out, std::string& error) {
   out.clear();
   pugi::xml_document doc;

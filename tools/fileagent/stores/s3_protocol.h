@@ -90,6 +90,9 @@ bool parseListing(const std::string& xml, S3Listing& out, std::string& error);
 bool parseUploadId(const std::string& xml, std::string& out, std::string& error);
 // The body of CompleteMultipartUpload for parts 1..n with these ETags.
 std::string completeBody(const std::vector<std::string>& partEtags);
+// The ETag (bare) a CompleteMultipartUpload answer names, possibly empty;
+// false when the answer is no such result.
+bool parseCompleteResult(const std::string& xml, std::string& etag);
 // A multipart upload under way, from a ListMultipartUploads answer.
 struct S3Upload {
   std::string key;

@@ -41,7 +41,9 @@
 // others say 404), and must carry the bare hex: a quoted tag (the form
 // HTTP and other services use) is refused even when it matches. The store
 // sends the quoted form until a refusal whose HEAD shows the expected tag
-// says the service wants the other one, and that form from then on.
+// says the service wants the other one, and that form from then on. The
+// gateway's answer to a completion names no ETag: the store computes it
+// from the parts' ETags, as S3 services do.
 // DELETE ignores If-Match, and CompleteMultipartUpload ignores both
 // conditions: there the version is read again (HEAD) just before the
 // DELETE or the completion, which leaves the window of one request in
@@ -129,9 +131,10 @@ class S3Store : public Store {
   Status listKeys(const std::string& prefix, bool delimited, int limit, S3Listing& out);
   // True when some key lies below the folder marker of `path`.
   Status folderExists(const std::string& path, bool& exists);
+  // A multipart upload; `etag` gets the new version.
   Status uploadParts(int source, const std::string& key, long long size,
                      const std::vector<std::string>& headers, const Expect& expect, Hasher& hasher,
-                     long long& hashedUpTo);
+                     long long& hashedUpTo, std::string& etag);
   // kOk when the service holds what `expect` says at `key`, kConflict when
   // not.
   Status checkExpected(const std::string& key, const Expect& expect);

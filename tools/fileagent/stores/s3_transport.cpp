@@ -209,6 +209,22 @@ std::string md5Base64(const std::string& data) {
   return std::string(reinterpret_cast<char*>(text), static_cast<size_t>(length));
 }
 
+std::string multipartEtag(const std::vector<std::string>& partEtags) {
+  std::string digests;
+  for (const std::string& etag : partEtags) {
+    if (!isContentEtag(etag)) {
+      return "";
+    }
+    for (size_t i = 0; i < etag.size(); i += 2) {
+      digests += static_cast<char>(std::stoi(etag.substr(i, 2), nullptr, 16));
+    }
+  }
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned size = 0;
+  EVP_Digest(digests.data(), digests.size(), digest, &size, EVP_md5(), nullptr);
+  return hexOf(digest, size) + "-" + std::to_string(partEtags.size());
+}
+
 std::string S3Transport::Response::errorCode() const {
   S3Error parsed;
   return parseS3Error(body, parsed) ? parsed.code : "";

@@ -122,6 +122,10 @@ class S3Transport {
 // and the MD5 in base64 that Content-MD5 carries.
 std::string sha256Hex(const std::string& data);
 std::string md5Base64(const std::string& data);
+// The ETag S3 services give a multipart upload of parts with these ETags
+// (each the MD5 of its part): the MD5 of the parts' MD5s, "-", their
+// number. "" when a part's ETag is no MD5.
+std::string multipartEtag(const std::vector<std::string>& partEtags);
 
 }  // namespace velagent
 
