@@ -88,7 +88,8 @@ const char kUsage[] =
     "                  readable by group or others (chmod 600)\n"
     "  --s3-part-size N\n"
     "                  files above N bytes go up in parts of N bytes (default\n"
-    "                  16777216, 16 MiB; at least 5242880); a failed upload\n"
+    "                  67108864, 64 MiB; at least 5242880; larger for a file of\n"
+    "                  more than 10000 parts); a failed upload\n"
     "                  leaves no parts behind\n"
     "  --s3-retry-wait MS\n"
     "                  a request the service answers with 500, 502, 503 (SlowDown),\n"
@@ -352,7 +353,7 @@ int main(int argc, char** argv) {
   std::string caFile;
   std::string s3Url;
   std::string s3CredentialsFile;
-  size_t s3PartSize = 16u << 20;
+  size_t s3PartSize = 64u << 20;
   size_t s3RetryWait = 100;
   std::string mirror;
   std::string socketPath;

@@ -441,15 +441,16 @@ Status S3Store::uploadParts(int source, const std::string& key, long long size,
     }
     return why;
   };
+  const long long partSize = std::max(options_.partSize, (size + kMaxParts - 1) / kMaxParts);
   std::vector<std::string> etags;
-  for (long long offset = 0; offset < size; offset += options_.partSize) {
+  for (long long offset = 0; offset < size; offset += partSize) {
     Request part;
     part.method = "PUT";
     part.key = key;
     part.query = {{"partNumber", std::to_string(etags.size() + 1)}, {"uploadId", uploadId}};
     part.source = source;
     part.offset = offset;
-    part.length = std::min(options_.partSize, size - offset);
+    part.length = std::min(partSize, size - offset);
     part.sourceHash = &hasher;
     part.hashedUpTo = &hashedUpTo;
     Response response = transport_.perform(part);

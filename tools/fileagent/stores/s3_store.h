@@ -77,8 +77,10 @@ struct S3Options {
   S3Credentials credentials;
   std::string caFile;  // certificates to trust for HTTPS besides the system's
   // Files above this size go up in parts of this size (S3 wants at least
-  // 5 MiB for every part but the last).
-  long long partSize = 16LL << 20;
+  // 5 MiB for every part but the last, and at most 10,000 parts: a larger
+  // file gets larger parts). Each part costs the gateway a little on top
+  // of its bytes: 64 MiB parts send a file about as fast as one PUT does.
+  long long partSize = 64LL << 20;
   int attempts = 4;        // sends of one request at most (s3_transport.h)
   long retryWaitMs = 100;  // the wait before the first resend; it doubles
   int listPage = 1000;     // keys per listing page (S3 gives at most 1000)
@@ -88,8 +90,9 @@ class S3Store : public Store {
  public:
   // False with `error` when `url` is no S3 URL the store can use.
   static bool checkUrl(const std::string& url, std::string& error);
-  // The smallest part size S3 services accept.
+  // The smallest part size S3 services accept, and the most parts.
   static constexpr long long kMinPartSize = 5LL << 20;
+  static constexpr long long kMaxParts = 10000;
 
   explicit S3Store(const S3Options& options);
   ~S3Store() override;
