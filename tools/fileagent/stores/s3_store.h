@@ -41,15 +41,15 @@
 // others say 404), and must carry the bare hex: a quoted tag (the form
 // HTTP and other services use) is refused even when it matches. The store
 // sends the quoted form until a refusal whose HEAD shows the expected tag
-// says the service wants the other one, and that form from then on. The
-// gateway's answer to a completion names no ETag: the store computes it
-// from the parts' ETags, as S3 services do.
+// says the service wants the other one, and that form from then on.
 // DELETE ignores If-Match, and CompleteMultipartUpload ignores both
 // conditions: there the version is read again (HEAD) just before the
 // DELETE or the completion, which leaves the window of one request in
 // which another client's change goes unseen. A conditional PUT that is
 // sent again after a lost connection and then refused is checked against
-// the MD5 of what was sent: the first attempt may have landed.
+// the MD5 of what was sent: the first attempt may have landed. The
+// gateway's answer to a completion names no ETag: the store computes it
+// from the parts' ETags, as S3 services do.
 //
 // A failure of the service (not reached, credentials refused, an
 // unexpected status) is kServiceError with "s3: " and the HTTP status and
