@@ -22,10 +22,16 @@
 //    commit through an agent serving the tests' Apache WebDAV server: over
 //    one kept-alive connection to the same server, a PROPFIND (Depth 1) of
 //    each folder and a GET of each file; a MKCOL of each folder and a PUT
-//    of each file.
+//    of each file;
+//  - with the agent's S3 store and the Ceph packages at hand, against a
+//    one-node Ceph cluster started for the run (scripts/ceph-fixture.sh):
+//    the cold update of a tree of 300 files of 4 KiB in 15 folders, next to
+//    a ListObjectsV2 of each folder and a GET of each file over one
+//    kept-alive connection; and the upload of the large file, next to
+//    curl(1) sending the same bytes in one signed PUT.
 //
 // Usage: vel_bench [--quick] [--only GROUP[,GROUP...]] [--agent PATH]
-//   groups: remote, tree, large, sync, log, local, webdav
+//   groups: remote, tree, large, sync, log, local, webdav, s3
 // The table goes to standard output, progress to standard error. Files go
 // below $TMPDIR (else /tmp); on a tmpfs the tree rows leave out the disk.
 #include <curl/curl.h>
@@ -53,6 +59,8 @@
 #include <vector>
 
 #include "bench_support.h"
+#include "support/ceph_cluster.h"
+#include "support/s3_client.h"
 #include "support/webdav_server.h"
 #include "vel/fstream.h"
 #include "vel/hooks.h"
@@ -770,6 +778,131 @@ void webdavRows(const Options& options, const std::string& dir) {
   curl_global_cleanup();
 }
 
+// The tree update and the large upload through an agent serving a prefix of
+// a bucket on a Ceph cluster of the run's own.
+void s3Rows(const Options& options, const std::string& dir, size_t mib) {
+  Row update("S3 update", "keep-alive ListObjectsV2 + GET loop", 1.5);
+  Row upload(std::to_string(mib) + " MiB S3 upload", "curl: one signed PUT", 1.2);
+  std::string why;
+  veltest::S3Service service;
+  const std::string cluster = dir + "/ceph";
+  if (veltest::runProcess({options.agent, "--help"}).out.find("--s3") == std::string::npos) {
+    why = "no S3 store in this build";
+  } else if (!veltest::startCluster(cluster, service, why)) {
+    why = "no Ceph cluster here: " + why;
+  }
+  if (!why.empty()) {
+    update.note = why;
+    upload.note = why;
+    g_rows.push_back(update);
+    g_rows.push_back(upload);
+    veltest::stopCluster(cluster);
+    return;
+  }
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  {
+    // The tree: 15 folders of 20 files, put by the tests' own client.
+    const std::string prefix = "bench/";
+    veltest::S3Client client(service, prefix);
+    constexpr int kS3Folders = 15;
+    std::vector<std::pair<std::string, std::vector<std::string>>> tree;
+    for (int d = 0; d < kS3Folders; ++d) {
+      const std::string folder = "s3tree/" + folderName(d);
+      client.put(folder + "/", "");
+      tree.push_back({folder, {}});
+      for (int f = 0; f < kFilesPerFolder; ++f) {
+        char name[16];
+        std::snprintf(name, sizeof name, "/f%04d", d * kFilesPerFolder + f);
+        const std::string path = dir + "/floor/s3file";
+        makeFile(path, kSmallFile, 700000ULL + static_cast<unsigned long long>(d * 100 + f));
+        std::ifstream in(path, std::ios::binary);
+        std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        if (client.put(folder + name, bytes).status != 200) {
+          fail("cannot put the S3 tree");
+        }
+        tree.back().second.push_back(folder + name);
+      }
+    }
+    client.put("s3tree/", "");
+    for (const auto& [name, value] : service.env()) {
+      if (value != veltest::kUnset) ::setenv(name.c_str(), value.c_str(), 1);
+    }
+    Agent agent(options.agent, dir + "/mirror", dir + "/uds-s3", {"--s3", service.url(prefix)});
+    const std::string folderUds = ::getenv("UDS_ROOT_OSSUSER");
+    ::setenv("UDS_ROOT_OSSUSER", (dir + "/uds-s3").c_str(), 1);
+    const std::string mirrorTree = dir + "/mirror/s3tree";
+    auto pull = [&] {
+      removeTree(mirrorTree);
+      agent.forget();
+      const Clock::time_point start = Clock::now();
+      if (VEL::syncFromServer("s3tree", true) != 0) {
+        fail("S3 tree update failed");
+      }
+      return seconds(start);
+    };
+    pull();
+    if (velbench::filesBelow(mirrorTree) != kS3Folders * kFilesPerFolder) {
+      fail("the S3 tree update did not bring every file");
+    }
+    veltest::S3Client floor(service, prefix);
+    measure(
+        update, options.quick ? 3 : 7,
+        [&] {
+          const Clock::time_point start = Clock::now();
+          for (const auto& [folder, files] : tree) {
+            if (floor.keys(folder + "/").size() != files.size() + 1) {
+              fail("the ListObjectsV2 floor listed another tree");
+            }
+            for (const std::string& file : files) {
+              if (floor.get(file).body.size() != kSmallFile) {
+                fail("the GET floor got another file");
+              }
+            }
+          }
+          return seconds(start);
+        },
+        pull);
+    removeTree(mirrorTree);
+
+    {
+      const std::string big = dir + "/mirror/bigup";
+      struct stat st;
+      if (::stat(big.c_str(), &st) != 0 || static_cast<size_t>(st.st_size) != (mib << 20)) {
+        makeFile(big, mib << 20, 0xd1b54a32d192ed03ULL);
+      }
+      const std::string target = service.url(prefix) + "curlcopy";
+      measure(
+          upload, options.quick ? 3 : 5,
+          [&] {
+            const Clock::time_point start = Clock::now();
+            if (!velbench::run({"curl", "-sSf", "-o", "/dev/null", "--aws-sigv4",
+                                "aws:amz:" + service.region + ":s3", "--user",
+                                service.accessKey + ":" + service.secretKey, "-H",
+                                "x-amz-content-sha256: UNSIGNED-PAYLOAD", "-T", big, target})) {
+              fail("curl could not put the large file");
+            }
+            return seconds(start);
+          },
+          [&] {
+            // A new name each round: nothing there, nothing recorded.
+            floor.remove("bigup");
+            agent.forget();
+            const Clock::time_point start = Clock::now();
+            if (VEL::syncToServer("bigup", false) != 0) {
+              fail("S3 upload failed");
+            }
+            return seconds(start);
+          });
+      if (floor.head("bigup").status != 200) {
+        fail("the large file is not in the bucket");
+      }
+    }
+    ::setenv("UDS_ROOT_OSSUSER", folderUds.c_str(), 1);
+  }
+  curl_global_cleanup();
+  veltest::stopCluster(cluster);
+}
+
 std::string showTime(double secondsPerOp) {
   char text[32];
   if (secondsPerOp >= 1) {
@@ -847,7 +980,7 @@ int main(int argc, char** argv) {
       options.agent = argv[++i];
     } else {
       std::fprintf(stderr,
-                   "usage: vel_bench [--quick] [--only remote,tree,large,sync,log,local,webdav] "
+                   "usage: vel_bench [--quick] [--only remote,tree,large,sync,log,local,webdav,s3] "
                    "[--agent PATH]\n");
       return 2;
     }
@@ -894,6 +1027,8 @@ int main(int argc, char** argv) {
   }
   if (wanted("large")) {
     makeFile(dir + "/store/big", mib << 20, 0x9e3779b97f4a7c15ULL);
+  }
+  if (wanted("large") || wanted("s3")) {
     makeFile(dir + "/mirror/bigup", mib << 20, 0xd1b54a32d192ed03ULL);
   }
 
@@ -915,6 +1050,9 @@ int main(int argc, char** argv) {
     }
     if (wanted("webdav")) {
       webdavRows(options, dir);
+    }
+    if (wanted("s3")) {
+      s3Rows(options, dir, mib);
     }
   }
   if (wanted("log")) {

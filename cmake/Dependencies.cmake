@@ -20,10 +20,12 @@ find_package(Threads REQUIRED)
 set_property(TARGET vel_deps::ace APPEND PROPERTY INTERFACE_LINK_LIBRARIES
              Threads::Threads ${CMAKE_DL_LIBS} rt)
 
-# The agent's WebDAV store: libcurl for HTTP, pugixml for the answers.
+# The agent's WebDAV and S3 stores: libcurl for HTTP, pugixml for the
+# answers, OpenSSL's libcrypto for the digests S3 requests carry.
 if(VEL_BUILD_TOOLS)
   vel_import(curl curl/curl.h curl)
   vel_import(pugixml pugixml.hpp pugixml)
+  vel_import(crypto openssl/evp.h crypto)
 endif()
 # The agent's sync record: SQLite for the record, xxHash for content hashes
 # (the agent's request fuzzer builds the command layer too).

@@ -37,7 +37,7 @@ if(CMAKE_CROSSCOMPILING)
   endif()
   # What dpkg-shlibdeps finds for the native build on Debian 12.
   set(VEL_DEB_CROSS_TOOLS_DEPENDS
-      "libc6 (>= 2.34), libcurl4 (>= 7.16.2), libgcc-s1 (>= 3.0), libhiredis0.14 (>= 0.14.0), libjsoncpp25 (>= 1.9.5), libpugixml1v5 (>= 1.6), libsqlite3-0 (>= 3.7.9), libstdc++6 (>= 11), libxxhash0 (>= 0.8.0)"
+      "libc6 (>= 2.34), libcurl4 (>= 7.16.2), libgcc-s1 (>= 3.0), libhiredis0.14 (>= 0.14.0), libjsoncpp25 (>= 1.9.5), libpugixml1v5 (>= 1.6), libsqlite3-0 (>= 3.7.9), libssl3 (>= 3.0.0), libstdc++6 (>= 11), libxxhash0 (>= 0.8.0)"
       CACHE STRING "Depends of vel-tools (besides libvel0) in a cross build")
   set(VEL_DEB_CROSS_RUNTIME_DEPENDS
       "libace-7.0.8 (>= 7.0.8+dfsg), libc6 (>= 2.33), libgcc-s1 (>= 3.0), libhiredis0.14 (>= 0.14.0), libjsoncpp25 (>= 1.9.5), libstdc++6 (>= 11)"

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Prepares the arm64 sysroot for the aarch64 cross build: downloads Debian's
 # arm64 packages of hiredis, jsoncpp, ACE, GoogleTest, libcurl, pugixml,
-# SQLite and xxHash
+# OpenSSL's libcrypto, SQLite and xxHash
 # with what they need at run time (headers, libraries
 # and CMake files) and unpacks them with `dpkg -x` into a folder. Nothing is
 # installed on this machine: apt runs with a private state and package-list
@@ -25,14 +25,14 @@ stamps=$sysroot/.unpacked  # one file per unpacked package: its version
 # toolchain provides (libc6, libgcc-s1, libstdc++6, gcc-12-base). `googletest`
 # (sources only, architecture "all") is not needed: libgtest-dev ships the
 # built static libraries.
-# libcurl and pugixml are the agent's WebDAV store, SQLite and xxHash its
-# sync record; the closure below brings
+# libcurl and pugixml are the agent's WebDAV and S3 stores (libssl-dev the
+# S3 store's digests), SQLite and xxHash its sync record; the closure below brings
 # the libraries libcurl needs at run time (TLS, HTTP/2, ...), which the
 # emulated programs load from here.
 packages=(libhiredis-dev libhiredis0.14 libjsoncpp-dev libjsoncpp25
           libace-dev libace-7.0.8 libgtest-dev libcurl4-openssl-dev libcurl4
-          libpugixml-dev libpugixml1v5 libsqlite3-dev libsqlite3-0 libxxhash-dev
-          libxxhash0)
+          libpugixml-dev libpugixml1v5 libssl-dev libssl3 libsqlite3-dev libsqlite3-0
+          libxxhash-dev libxxhash0)
 from_toolchain='^(libc6|libgcc-s1|libstdc\+\+6|gcc-12-base|googletest)$'
 
 all_unpacked() {
@@ -82,23 +82,28 @@ apt-get "${apt_opts[@]}" update > "$work/update.log" 2>&1 || {
   exit 1
 }
 
-# Everything the wanted packages depend on, less the toolchain's own packages.
+# Everything the wanted packages depend on, less the toolchain's own packages
+# and virtual names ("<libc-dev>", which a real package of the closure or the
+# toolchain provides).
 mapfile -t closure < <(
   apt-cache "${apt_opts[@]}" depends --recurse --no-recommends --no-suggests \
     --no-conflicts --no-breaks --no-replaces --no-enhances "${packages[@]}" |
-    grep -v '^ ' | sed 's/:arm64$//' | grep -Ev "$from_toolchain" | sort -u)
+    grep -v '^ ' | grep -v '^<' | sed 's/:arm64$//' | grep -Ev "$from_toolchain" | sort -u)
 
 cd "$work/debs"
+# awk reads each answer to its end: a reader that stopped at the first match
+# would kill apt-cache with SIGPIPE, which pipefail turns into a failure.
 for p in "${closure[@]}"; do
   version=$(apt-cache "${apt_opts[@]}" show --no-all-versions "$p:arm64" |
-            awk '/^Version:/ { print $2; exit }')
+            awk '/^Version:/ && v == "" { v = $2 } END { print v }')
   if [[ -f $stamps/$p && $(cat "$stamps/$p") == "$version" ]]; then
     continue
   fi
-  rm -f "${p}"_*_arm64.deb
+  rm -f "${p}"_*_arm64.deb "${p}"_*_all.deb
   echo "arm64-sysroot: $p $version"
   apt-get "${apt_opts[@]}" download "$p:arm64" > /dev/null
-  dpkg -x "${p}"_*_arm64.deb "$sysroot"
+  # Packages of every architecture ("all") come as such.
+  dpkg -x "$(compgen -G "${p}_*_arm64.deb" || compgen -G "${p}_*_all.deb")" "$sysroot"
   echo "$version" > "$stamps/$p"
 done
 # Only the gconv folder of libc6: the toolchain's libc is the one that runs.
@@ -112,7 +117,7 @@ if [[ ! -f $stamps/libc6-gconv ]]; then
   cp -a "$work/libc6/usr/lib/aarch64-linux-gnu/gconv" "$sysroot/usr/lib/aarch64-linux-gnu/"
   rm -rf "$work/libc6"
   apt-cache "${apt_opts[@]}" show --no-all-versions libc6:arm64 |
-    awk '/^Version:/ { print $2; exit }' > "$stamps/libc6-gconv"
+    awk '/^Version:/ && v == "" { v = $2 } END { print v }' > "$stamps/libc6-gconv"
 fi
 all_unpacked || { echo "arm64-sysroot: some packages are missing" >&2; exit 1; }
 echo "arm64-sysroot: ready in $sysroot"

@@ -3,7 +3,7 @@
 # agent and the tests for aarch64 into build-arm64/ (tool: build-arm64/bin/vel)
 # and runs the whole suite there under qemu-aarch64; then builds the arm64
 # Debian packages (build-arm64/*.deb) and checks them (scripts/package.sh).
-# Installs what is missing first (scripts/deps.sh --arm) and prepares the
+# Installs what is missing first (scripts/deps.sh --arm --ceph) and prepares the
 # arm64 sysroot from Debian's packages (scripts/arm64-sysroot.sh).
 # Usage: scripts/arm64.sh
 set -euo pipefail
@@ -12,7 +12,7 @@ cd "$root"
 dir=build-arm64
 start=$SECONDS
 
-scripts/deps.sh --arm
+scripts/deps.sh --arm --ceph
 scripts/arm64-sysroot.sh "$root/$dir/sysroot"
 
 echo "== $dir: cross build for aarch64"

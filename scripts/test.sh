@@ -9,11 +9,12 @@
 # matrix are part of it); then runs every fuzz target for 30 s
 # (scripts/fuzz.sh, build-fuzz/). With --arm it then cross-builds for aarch64
 # (build-arm64/), runs the suite again under qemu and builds and checks the
-# arm64 packages. The end-to-end suites run against both kinds of store; for
-# the WebDAV one the tests start an Apache httpd of their own, and for the
-# per-server scenario lighttpd, nginx and rclone as well (installed by
-# scripts/deps.sh, never as system services), which the emulated agent
-# reaches as well.
+# arm64 packages. The end-to-end suites run against every kind of store; for
+# the WebDAV one the tests start an Apache httpd of their own (and, for the
+# per-server scenario, lighttpd, nginx and rclone), for the S3 one each
+# suite run starts a one-node Ceph cluster (scripts/ceph-fixture.sh; all
+# installed by scripts/deps.sh, never as system services), which the
+# emulated agent reaches as well.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -21,7 +22,7 @@ cd "$root"
 arm=0
 [[ "${1:-}" == "--arm" ]] && arm=1
 
-if ((arm)); then scripts/deps.sh --arm; else scripts/deps.sh; fi
+if ((arm)); then scripts/deps.sh --arm --ceph; else scripts/deps.sh --ceph; fi
 scripts/format.sh --check
 
 run_suite() {

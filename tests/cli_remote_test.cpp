@@ -65,7 +65,7 @@ TEST_P(ToolRemoteTest, UpdateAndLsReadTheServiceAndEveryPathIsCheckedFirst) {
       "check Exit successed : docs/readme.txt\n"
       "File check exist faild;docs/missing.txt\n",
       result.out);
-  EXPECT_TRUE(pathExists(store("docs/readme.txt")));
+  EXPECT_TRUE(storeHas("docs/readme.txt"));
   result = vel({"ls", "/elsewhere/docs"});
   EXPECT_EQ(245, result.status);
   EXPECT_EQ("File check exist faild;/elsewhere/docs\n", result.out);
@@ -83,8 +83,8 @@ TEST_P(ToolRemoteTest, RmReportsARefusedDirectoryAndGoesOn) {
   EXPECT_EQ(0, result.status);
   EXPECT_NE(std::string::npos, result.out.find("delete director : docs/notes\n")) << result.out;
   EXPECT_NE(std::string::npos, result.out.find("delete file : docs/readme.txt\n")) << result.out;
-  EXPECT_TRUE(pathExists(store("docs/notes/mon.txt")));
-  EXPECT_FALSE(pathExists(store("docs/readme.txt")));
+  EXPECT_TRUE(storeHas("docs/notes/mon.txt"));
+  EXPECT_FALSE(storeHas("docs/readme.txt"));
 
   // A directory the service removes but whose mirror copy still holds a
   // local file is reported as failed, and the local file stays.
@@ -111,7 +111,7 @@ TEST_P(ToolRemoteTest, CommitStopsAtTheFirstFailure) {
       "commit : other\n"
       "commit fialed : other\n",
       result.out);
-  EXPECT_EQ("service copy\n", readFile(store("docs/readme.txt")));
+  EXPECT_EQ("service copy\n", storeRead("docs/readme.txt"));
 
   result = vel({"commit", "docs/readme.txt"});
   EXPECT_EQ(
@@ -119,9 +119,9 @@ TEST_P(ToolRemoteTest, CommitStopsAtTheFirstFailure) {
       "commit : docs/readme.txt\n"
       "[TARN]upload file success[docs/readme.txt]!\n",
       result.out);
-  EXPECT_EQ("edited\n", readFile(store("docs/readme.txt")));
+  EXPECT_EQ("edited\n", storeRead("docs/readme.txt"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Stores, ToolRemoteTest, bothStores(), storeKindName);
+INSTANTIATE_TEST_SUITE_P(Stores, ToolRemoteTest, allStores(), storeKindName);
 
 }  // namespace

@@ -18,7 +18,7 @@
 //
 // The agent's WebDAV store meets the server's own failures at each HTTP
 // request of each store operation: a kept-alive connection the server
-// dropped, and a server that answers 503 once (support/fault_proxy.h
+// dropped, and a server that answers 503 once (support/counting_fault_proxy.h
 // injects them). The store gets past both, so each such cell ends as the
 // clean run does: the same answer to the caller, the same files on the
 // server.
@@ -46,7 +46,7 @@
 #include "fs/unique_fd.h"
 #include "stores/webdav_store.h"
 #include "support/agent_fixture.h"
-#include "support/fault_proxy.h"
+#include "support/counting_fault_proxy.h"
 #include "support/temp_dir.h"
 #include "support/webdav_server.h"
 #include "vel/codeset.h"
@@ -593,7 +593,7 @@ class WebDavFaults : public ::testing::TestWithParam<StoreOperation> {
     server_.reset(new veltest::WebDavServer(dir_.sub("store"), dir_.sub("httpd")));
     ASSERT_TRUE(server_->ready()) << server_->error();
     const std::string url = server_->url();
-    proxy_.reset(new veltest::FaultProxy(std::atoi(url.c_str() + url.rfind(':') + 1)));
+    proxy_.reset(new veltest::CountingFaultProxy(std::atoi(url.c_str() + url.rfind(':') + 1)));
     ASSERT_TRUE(proxy_->ready());
     veltest::writeFile(dir_.sub("source"), "sent by the store");
   }
@@ -618,12 +618,12 @@ class WebDavFaults : public ::testing::TestWithParam<StoreOperation> {
 
   veltest::TempDir dir_;
   std::unique_ptr<veltest::WebDavServer> server_;
-  std::unique_ptr<veltest::FaultProxy> proxy_;
+  std::unique_ptr<veltest::CountingFaultProxy> proxy_;
 };
 
 TEST_P(WebDavFaults, ADroppedConnectionAndABusyServerChangeNothing) {
   const StoreOperation& op = GetParam();
-  using Fault = veltest::FaultProxy::Fault;
+  using Fault = veltest::CountingFaultProxy::Fault;
   proxy_->arm(Fault::kNone, 0);
   const std::string clean = run(op);
   const int count = proxy_->requests();

@@ -183,9 +183,9 @@ TEST_P(RemoteApiTest, DirectoryRenameKeepsTheSourceUntilTheWholeTreeMoved) {
   storeFile("S/y", "y");
   storeFile("S/sub/z", "z");
   const auto sourceIntact = [this] {
-    EXPECT_EQ(readFile(store("S/x")), "x");
-    EXPECT_EQ(readFile(store("S/y")), "y");
-    EXPECT_EQ(readFile(store("S/sub/z")), "z");
+    EXPECT_EQ(storeRead("S/x"), "x");
+    EXPECT_EQ(storeRead("S/y"), "y");
+    EXPECT_EQ(storeRead("S/sub/z"), "z");
     EXPECT_EQ(countOf("tarn.remove"), 0u);
   };
 
@@ -225,8 +225,8 @@ TEST_P(RemoteApiTest, DirectoryRenameThroughALinkedFolderKeepsTheSource) {
   ASSERT_EQ(::symlink("../other", mirror("proj/big").c_str()), 0);
 
   EXPECT_EQ(VEL::rename("proj", "proj2"), -1);
-  EXPECT_EQ(readFile(store("proj/big/f.txt")), "big f");
-  EXPECT_EQ(readFile(store("proj/a.txt")), "a");
+  EXPECT_EQ(storeRead("proj/big/f.txt"), "big f");
+  EXPECT_EQ(storeRead("proj/a.txt"), "a");
   EXPECT_EQ(countOf("tarn.remove"), 0u);
   EXPECT_TRUE(
       logged("ERROR [TARN] VELClientTavora::RenameDir() proj/big/ is not on the service "
@@ -304,14 +304,14 @@ TEST_P(RemoteApiTest, PushSkipsSymbolicLinksAndStopsAtTheDepthBound) {
   ASSERT_EQ(::symlink(outside.path().c_str(), mirror("t/out").c_str()), 0);
   ASSERT_EQ(::symlink(outside.sub("secret").c_str(), mirror("t/alias").c_str()), 0);
   EXPECT_EQ(VEL::syncToServer("t", true), 0);
-  EXPECT_EQ(readFile(store("t/file")), "mine");
+  EXPECT_EQ(storeRead("t/file"), "mine");
   EXPECT_EQ(storeMode("t/s"), 0705);
   EXPECT_TRUE(
       inOrder({"tarn.createinfo TestService t dir", "tarn.uploadlocal TestService t/file"}));
   EXPECT_TRUE(inOrder({"tarn.createinfo TestService t dir", "tarn.createinfo TestService t/s dir",
                        "tarn.uploadlocal TestService t/s/z.txt"}));
-  ASSERT_FALSE(pathExists(store("t/out")));
-  ASSERT_FALSE(pathExists(store("t/alias")));
+  ASSERT_FALSE(storeHas("t/out"));
+  ASSERT_FALSE(storeHas("t/alias"));
   EXPECT_EQ(countOf("tarn.uploadlocal"), 2u);
   const size_t withoutLoop = requests().size();
   EXPECT_TRUE(logged("ERROR [VEL] syncToServer() Skipped symbolic link " + mirror("t/out") + "\n"));
@@ -325,8 +325,8 @@ TEST_P(RemoteApiTest, PushSkipsSymbolicLinksAndStopsAtTheDepthBound) {
   mirrorFile("d/1/2/3/f", "deep");
   ScopedEnv depth("VEL_MAX_TREE_DEPTH", "2");
   EXPECT_EQ(VEL::syncToServer("d", true), 0);
-  EXPECT_TRUE(pathExists(store("d/1/2")));
-  EXPECT_FALSE(pathExists(store("d/1/2/3")));
+  EXPECT_TRUE(storeHas("d/1/2"));
+  EXPECT_FALSE(storeHas("d/1/2/3"));
   EXPECT_TRUE(logged("ERROR [VEL] syncToServer() Stopped at the depth bound 2, not sent below " +
                      mirror("d/1/2") + "\n"));
 }
@@ -357,6 +357,6 @@ TEST_P(RemoteApiTest, TreeWalksStopAtTheEntryBound) {
                      mirror("up/")));  // which one depends on the mirror's directory order
 }
 
-INSTANTIATE_TEST_SUITE_P(Stores, RemoteApiTest, bothStores(), storeKindName);
+INSTANTIATE_TEST_SUITE_P(Stores, RemoteApiTest, allStores(), storeKindName);
 
 }  // namespace

@@ -72,7 +72,7 @@ TEST_P(RemoteFailureTest, RefusedAndDroppedRepliesKeepTheMirror) {
     EXPECT_EQ(VEL::delTree("w"), -6);
     expectMirrorKept();
   }
-  EXPECT_EQ(readFile(store("w/doc")), "service version");
+  EXPECT_EQ(storeRead("w/doc"), "service version");
 }
 
 // Every directory lookup answers "a directory", as a store with a loop or
@@ -133,6 +133,6 @@ TEST_P(RemoteFailureTest, ListedEntriesOutsideTheListedDirectoryAreSkipped) {
   EXPECT_EQ(names, std::list<std::string>{"ok"});
 }
 
-INSTANTIATE_TEST_SUITE_P(Stores, RemoteFailureTest, bothStores(), storeKindName);
+INSTANTIATE_TEST_SUITE_P(Stores, RemoteFailureTest, allStores(), storeKindName);
 
 }  // namespace

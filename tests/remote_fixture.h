@@ -3,11 +3,13 @@
 // environment at them and initialises the client as "Tavora"; at the end the
 // client is finished and the agent stopped.
 //
-// Each suite runs twice, once per kind of store: the agent serves the store
-// folder itself (Folder), or a WebDAV server serves it and the agent talks
-// to that server (WebDav). The store helpers work for both: what they write
-// into the folder is handed to the server, and modes go into the server's
-// mode property.
+// Each suite runs once per kind of store: the agent serves the store folder
+// itself (Folder), a WebDAV server serves it and the agent talks to that
+// server (WebDav), or the agent serves a fresh key prefix of the run's S3
+// bucket on a one-node Ceph cluster (S3, see support/ceph_cluster.h). The
+// store helpers work for all: what they write into the folder is handed to
+// the server, and modes go into the server's mode property; with S3 they
+// write and read objects and their metadata.
 #ifndef VEL_TESTS_REMOTE_FIXTURE_H_
 #define VEL_TESTS_REMOTE_FIXTURE_H_
 
@@ -26,18 +28,38 @@
 #include "vel/instance.h"
 #include "vel/log.h"
 
-enum class StoreKind { kFolder, kWebDav };
+enum class StoreKind { kFolder, kWebDav, kS3 };
 
 inline void PrintTo(StoreKind kind, std::ostream* out) {
-  *out << (kind == StoreKind::kFolder ? "folder store" : "WebDAV store");
+  *out << (kind == StoreKind::kFolder   ? "folder store"
+           : kind == StoreKind::kWebDav ? "WebDAV store"
+                                        : "S3 store");
 }
 
 inline std::string storeKindName(const ::testing::TestParamInfo<StoreKind>& info) {
-  return info.param == StoreKind::kFolder ? "Folder" : "WebDav";
+  return info.param == StoreKind::kFolder   ? "Folder"
+         : info.param == StoreKind::kWebDav ? "WebDav"
+                                            : "S3";
 }
 
-// Both kinds: INSTANTIATE_TEST_SUITE_P(Stores, Suite, bothStores(), storeKindName).
+// Every kind: INSTANTIATE_TEST_SUITE_P(Stores, Suite, allStores(), storeKindName).
+inline auto allStores() {
+  return ::testing::Values(StoreKind::kFolder, StoreKind::kWebDav, StoreKind::kS3);
+}
+// The folder and WebDAV kinds only.
 inline auto bothStores() { return ::testing::Values(StoreKind::kFolder, StoreKind::kWebDav); }
+
+// Skips the running test where the Ceph programs cannot be had; fails it
+// where they are installed and the cluster does not run.
+#define VEL_REQUIRE_S3_SERVICE()                                          \
+  do {                                                                    \
+    std::string why_;                                                     \
+    bool unavailable_ = false;                                            \
+    if (veltest::sharedS3Service(why_, unavailable_) == nullptr) {        \
+      if (unavailable_) GTEST_SKIP() << "no Ceph cluster here: " << why_; \
+      FAIL() << why_;                                                     \
+    }                                                                     \
+  } while (false)
 
 class RemoteFixture : public ::testing::TestWithParam<StoreKind> {
  protected:
@@ -48,8 +70,12 @@ class RemoteFixture : public ::testing::TestWithParam<StoreKind> {
     if (webdav() && !veltest::WebDavServer::available(why)) {
       GTEST_SKIP() << "no WebDAV server here: " << why;
     }
+    if (s3()) {
+      VEL_REQUIRE_S3_SERVICE();
+    }
     veltest::AgentOptions options;
     options.webdav = webdav();
+    options.s3 = s3();
     agent_.reset(new veltest::AgentFixture(options));
     ASSERT_TRUE(agent_->ready());
     agent_->exportEnv();
@@ -66,24 +92,48 @@ class RemoteFixture : public ::testing::TestWithParam<StoreKind> {
   }
 
   bool webdav() const { return GetParam() == StoreKind::kWebDav; }
+  bool s3() const { return GetParam() == StoreKind::kS3; }
 
   std::string store(const std::string& rel) const { return agent_->store() + "/" + rel; }
+  // What the service holds at `rel`: a file's bytes ("" when none), and
+  // whether anything (file or folder) is there.
+  std::string storeRead(const std::string& rel) const {
+    if (s3()) {
+      veltest::S3Client::Answer answer = agent_->s3()->get(rel);
+      return answer.status == 200 ? answer.body : "";
+    }
+    return veltest::readFile(store(rel));
+  }
+  bool storeHas(const std::string& rel) const {
+    return s3() ? agent_->s3()->exists(rel) : veltest::pathExists(store(rel));
+  }
   std::string mirror(const std::string& rel) const { return agent_->mirror() + "/" + rel; }
 
   void storeDir(const std::string& rel, mode_t mode) {
+    if (s3()) {
+      agent_->s3()->putFolder(rel, mode);
+      return;
+    }
     veltest::makeDirs(store(rel), 0755);
     ::chmod(store(rel).c_str(), mode);
     handOver(rel, mode);
   }
   void storeFile(const std::string& rel, const std::string& content, mode_t mode = 0644) {
+    if (s3()) {
+      agent_->s3()->putFile(rel, content, mode);
+      return;
+    }
     agent_->storeFile(rel, content);
     ::chmod(store(rel).c_str(), mode);
     handOver(rel, mode);
   }
   // The mode the service has for `rel`: the file's with a folder store,
-  // the mode property with WebDAV; -1 when there is none.
+  // the mode property with WebDAV, the mode metadata with S3; -1 when
+  // there is none.
   int storeMode(const std::string& rel) const {
-    return webdav() ? agent_->server()->mode(rel) : veltest::permissionsOf(store(rel));
+    return webdav() ? agent_->server()->mode(rel)
+           : s3()   ? agent_->s3()->mode(rel)
+                    : veltest::permissionsOf(store(rel));
   }
   void mirrorFile(const std::string& rel, const std::string& content) {
     veltest::makeDirs(mirror(rel).substr(0, mirror(rel).rfind('/')), 0750);

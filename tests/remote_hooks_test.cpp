@@ -34,7 +34,7 @@ TEST_P(RemoteHooksTest, FopenAndStreamsSynchroniseByMode) {
   std::fflush(f);
   EXPECT_EQ(countOf("tarn.uploadlocal"), 0u);
   EXPECT_EQ(VEL::fclose(f), 0);
-  EXPECT_EQ(readFile(store("w/new")), "written");
+  EXPECT_EQ(storeRead("w/new"), "written");
 
   // "r": the service's copy replaces the mirror's; nothing is uploaded.
   storeFile("w/read", "service copy");
@@ -58,14 +58,14 @@ TEST_P(RemoteHooksTest, FopenAndStreamsSynchroniseByMode) {
   EXPECT_EQ(VEL::fclose(f), 0);
   EXPECT_TRUE(
       inOrder({"tarn.downloadlocal TestService w/both", "tarn.uploadlocal TestService w/both"}));
-  EXPECT_EQ(readFile(store("w/both")), "xy23");
+  EXPECT_EQ(storeRead("w/both"), "xy23");
 
   // An ofstream announces its mirror file and uploads on close; an
   // ifstream reads the service's copy once it changed there.
   std::string printed = stdoutOf([] { VEL::ofstream("w/f.txt") << "stream bytes"; });
   EXPECT_EQ(printed,
             "ofstream open file:" + mirror("w/f.txt") + "\n[TARN]upload file success[w/f.txt]!\n");
-  EXPECT_EQ(readFile(store("w/f.txt")), "stream bytes");
+  EXPECT_EQ(storeRead("w/f.txt"), "stream bytes");
   storeFile("w/read", "service copy, changed");
   std::stringstream all;
   all << VEL::ifstream("w/read").rdbuf();
@@ -99,7 +99,7 @@ TEST_P(RemoteHooksTest, StreamThatNeverOpenedSendsNothingOnClose) {
   EXPECT_EQ(VEL::fopen("h/d", "w"), nullptr);  // registers nothing ...
   EXPECT_EQ(VEL::fclose(nullptr), EOF);        // ... so its close sends nothing
   EXPECT_EQ(countOf("tarn.uploadlocal"), 0u);
-  EXPECT_EQ(readFile(store("h/f")), "newer service copy");
+  EXPECT_EQ(storeRead("h/f"), "newer service copy");
 }
 
 // A closed stream is forgotten: another stream that the allocator puts at
@@ -132,6 +132,6 @@ TEST_P(RemoteHooksTest, FcloseForgetsTheStreamSoItsAddressCanBeReused) {
   EXPECT_FALSE(VEL::getInstance()->getFileOpenMode(reinterpret_cast<FILE*>(closed), path, mode));
 }
 
-INSTANTIATE_TEST_SUITE_P(Stores, RemoteHooksTest, bothStores(), storeKindName);
+INSTANTIATE_TEST_SUITE_P(Stores, RemoteHooksTest, allStores(), storeKindName);
 
 }  // namespace

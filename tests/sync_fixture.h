@@ -1,14 +1,15 @@
 // Several devices sharing one service, for the sync tests: each device is
 // a reference agent with a mirror, a socket and a sync record of its own,
-// and every one serves the store of the first (its folder, or the WebDAV
-// server in front of it). The library is one per process, so it is moved
-// from device to device (finish, the device's environment, init) by as().
+// and every one serves the store of the first (its folder, the WebDAV
+// server in front of it, or its prefix of the S3 bucket). The library is one per process, so it is
+// moved from device to device (finish, the device's environment, init) by as().
 #ifndef VEL_TESTS_SYNC_FIXTURE_H_
 #define VEL_TESTS_SYNC_FIXTURE_H_
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,6 +29,7 @@ class Fleet {
     for (int i = 0; i < count; ++i) {
       veltest::AgentOptions options = veltest::quiet(args);
       options.webdav = kind == StoreKind::kWebDav;
+      options.s3 = kind == StoreKind::kS3;
       options.sharedWith = devices_.empty() ? nullptr : devices_.front().get();
       devices_.emplace_back(new veltest::AgentFixture(options));
     }
@@ -74,10 +76,33 @@ class Fleet {
     return as(i, [&] { return VEL::syncToServer(path, true); });
   }
 
-  // The service's bytes of `rel`, read from the store folder ("" when
-  // there is none).
-  std::string service(const std::string& rel) const { return veltest::readFile(storePath(rel)); }
-  bool onService(const std::string& rel) const { return veltest::pathExists(storePath(rel)); }
+  // The service's bytes of `rel`, read from the store folder or the bucket
+  // ("" when there is none).
+  std::string service(const std::string& rel) const {
+    if (kind_ == StoreKind::kS3) {
+      veltest::S3Client::Answer answer = devices_.front()->s3()->get(rel);
+      return answer.status == 200 ? answer.body : "";
+    }
+    return veltest::readFile(storePath(rel));
+  }
+  bool onService(const std::string& rel) const {
+    return kind_ == StoreKind::kS3 ? devices_.front()->s3()->exists(rel)
+                                   : veltest::pathExists(storePath(rel));
+  }
+  // The service's files below the folder `rel` ("" for all), by path below
+  // it, with their bytes; for S3 (the others are folders: snapshot them).
+  std::map<std::string, std::string> bucketFiles(const std::string& rel) const {
+    std::map<std::string, std::string> out;
+    veltest::S3Client& client = *devices_.front()->s3();
+    const std::string below = rel.empty() ? "" : rel + "/";
+    for (const std::string& key : client.keys(below)) {
+      if (!key.empty() && key.back() != '/') {
+        out[key.substr(below.size())] = client.get(key).body;
+      }
+    }
+    return out;
+  }
+  bool s3() const { return kind_ == StoreKind::kS3; }
   // Another program changes `rel` on the service.
   void serviceWrite(const std::string& rel, const std::string& content) {
     devices_.front()->storeFile(rel, content);

@@ -42,7 +42,7 @@ std::string encodeRequest(const std::vector<std::string>& args) {
 }  // namespace
 
 AgentFixture::AgentFixture(const std::string& rulesJson)
-    : AgentFixture(AgentOptions{rulesJson, {}, -1, false, false, {}, nullptr}) {}
+    : AgentFixture(AgentOptions{rulesJson, {}, -1, false, false, {}, nullptr, false, "", false}) {}
 
 AgentFixture::AgentFixture(const AgentOptions& options) : options_(options) {
   store_ = options_.sharedWith != nullptr ? options_.sharedWith->store() : dir_.sub("store");
@@ -55,6 +55,11 @@ AgentFixture::AgentFixture(const AgentOptions& options) : options_(options) {
     sharedServer_ = options_.sharedWith->server();
     options_.webdav = false;
     options_.server = options_.sharedWith->options_.server;
+    if (!options_.sharedWith->s3Url().empty()) {
+      options_.s3 = true;
+      options_.s3Url = options_.sharedWith->s3Url();
+      options_.s3Https = options_.sharedWith->options_.s3Https;
+    }
   }
   if (options_.webdav) {
     server_.reset(new WebDavServer(store(), dir_.sub("httpd"), options_.server));
@@ -66,6 +71,29 @@ AgentFixture::AgentFixture(const AgentOptions& options) : options_(options) {
       writeFile(dir_.sub("password"), options_.server.password + "\n");
     }
   }
+  if (options_.s3) {
+    std::string why;
+    bool unavailable = false;
+    s3Service_ = sharedS3Service(why, unavailable);
+    if (s3Service_ == nullptr) {
+      ADD_FAILURE() << "no S3 service: " << why;
+      return;
+    }
+    std::string prefix;
+    if (options_.s3Url.empty()) {
+      prefix = s3Service_->freshPrefix();
+      ownPrefix_ = true;
+      s3Url_ = s3Service_->url(prefix, options_.s3Https);
+    } else {
+      s3Url_ = options_.s3Url;
+      const std::string base = s3Service_->url("", options_.s3Https);
+      prefix = s3Url_.compare(0, base.size(), base) == 0 ? s3Url_.substr(base.size()) : "";
+      if (!prefix.empty() && prefix.back() != '/') {
+        prefix += '/';
+      }
+    }
+    s3_.reset(new S3Client(*s3Service_, prefix));
+  }
   ready_ = start();
   if (!ready_) {
     ADD_FAILURE() << "the file agent " << VEL_AGENT_BIN << " did not start";
@@ -75,6 +103,12 @@ AgentFixture::AgentFixture(const AgentOptions& options) : options_(options) {
 AgentFixture::~AgentFixture() {
   stop();
   server_.reset();
+  if (s3_ && ownPrefix_) {
+    // The cluster keeps its objects in memory: each test takes its own away.
+    for (const std::string& key : s3_->keys()) {
+      s3_->remove(key);
+    }
+  }
 }
 
 std::string AgentFixture::root() const { return dir_.path(); }
@@ -121,11 +155,19 @@ bool AgentFixture::start() {
     if (options_.server.https) {
       args.insert(args.end(), {"--ca-file", dav->certificate()});
     }
+  } else if (s3Service_ != nullptr) {
+    args.insert(args.end(), {"--s3", s3Url_});
+    if (options_.s3Https) {
+      args.insert(args.end(), {"--ca-file", s3Service_->caFile});
+    }
   } else {
     args.insert(args.end(), {"--store", store()});
   }
   args.insert(args.end(), options_.args.begin(), options_.args.end());
   SpawnOptions spawning;
+  if (s3Service_ != nullptr) {
+    spawning.env = s3Service_->env();
+  }
   spawning.out = fds[1];
   spawning.endWithParent = true;  // an agent must not outlive a test process that aborts
   if (options_.captureLog) {
@@ -229,6 +271,10 @@ void AgentFixture::setRules(const std::string& rulesJson) {
 }
 
 void AgentFixture::storeFile(const std::string& rel, const std::string& content) const {
+  if (s3_) {
+    s3_->putFile(rel, content, 0);
+    return;
+  }
   const std::string path = store() + "/" + rel;
   makeDirs(path.substr(0, path.rfind('/')));
   writeFile(path, content);

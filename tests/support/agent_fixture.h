@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "support/ceph_cluster.h"
+#include "support/s3_client.h"
 #include "support/temp_dir.h"
 #include "support/webdav_server.h"
 
@@ -29,9 +31,15 @@ struct AgentOptions {
   // agent, with --webdav (and its login and certificate) instead of --store.
   bool webdav = false;
   WebDavServerOptions server;  // that server's login and HTTPS
-  // Another device: serve the store of `sharedWith` (its folder, or its
-  // WebDAV server) with a mirror of its own.
+  // Another device: serve the store of `sharedWith` (its folder, its
+  // WebDAV server, or its S3 prefix) with a mirror of its own.
   const class AgentFixture* sharedWith = nullptr;
+  // Serve a key prefix of the run's S3 bucket (ceph_cluster.h) with --s3:
+  // a fresh prefix, or the one of `s3Url` (another agent's s3Url(), so that
+  // two agents share a store). The keys go in the environment.
+  bool s3 = false;
+  std::string s3Url;
+  bool s3Https = false;  // through the gateway's HTTPS port, trusting its certificate
 };
 
 // The service every request names.
@@ -50,7 +58,8 @@ inline AgentOptions quiet(std::vector<std::string> args = {}) {
 // store/, mirror/, uds/ and log/; socket uds/velfileagent/velfileagent.sock.
 // Waits for "ready". The destructor stops it (SIGTERM, waits) and removes the directory.
 // With AgentOptions::webdav a WebDAV server serves store/ (its files in
-// httpd/) and the agent talks to it.
+// httpd/) and the agent talks to it; with AgentOptions::s3 the agent serves
+// a prefix of the run's S3 bucket, and store/ is not used.
 class AgentFixture {
  public:
   explicit AgentFixture(const std::string& rulesJson = "");
@@ -76,7 +85,8 @@ class AgentFixture {
   void clearJournal();
   void setRules(const std::string& rulesJson);  // applies to the next request
   // Writes a file below store() (making its folders) and, with a WebDAV
-  // server, gives it to the server's user.
+  // server, gives it to the server's user; with S3 puts the object (and
+  // markers for its folders).
   void storeFile(const std::string& rel, const std::string& content) const;
   void exportEnv() const;  // setenv UDS_ROOT_OSSUSER, TARN_ROOT_DIR (mirror), _APP_LOG_DIR
   void stop();             // idempotent
@@ -88,6 +98,10 @@ class AgentFixture {
   std::string agentLog() const;
   // The WebDAV server behind the agent; null for a folder store.
   WebDavServer* server() const { return server_ ? server_.get() : sharedServer_; }
+  // The S3 side: a client on the agent's prefix (null without S3), and the
+  // agent's --s3 URL.
+  S3Client* s3() const { return s3_.get(); }
+  const std::string& s3Url() const { return s3Url_; }
 
   // True once the agent printed "ready"; false when it could not start.
   bool ready() const { return ready_; }
@@ -104,6 +118,10 @@ class AgentFixture {
   std::string store_;
   std::unique_ptr<WebDavServer> server_;
   WebDavServer* sharedServer_ = nullptr;
+  const S3Service* s3Service_ = nullptr;
+  std::unique_ptr<S3Client> s3_;
+  std::string s3Url_;
+  bool ownPrefix_ = false;  // made for this agent: emptied at the end
   pid_t pid_ = -1;
   int outFd_ = -1;
   bool ready_ = false;

@@ -1,6 +1,6 @@
-// velfileagent: a file agent that serves a store (a folder, or a WebDAV
-// server) as the remote file service over the agent protocol on a
-// Unix-domain socket.
+// velfileagent: a file agent that serves a store (a folder, a WebDAV
+// server or an S3 bucket) as the remote file service over the agent
+// protocol on a Unix-domain socket.
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -28,6 +28,7 @@
 #include "server/request.h"
 #include "stores/faulty_store.h"
 #include "stores/folder_store.h"
+#include "stores/s3_store.h"
 #include "stores/webdav_store.h"
 #include "sync/record.h"
 
@@ -36,14 +37,17 @@ namespace {
 const char kUsage[] =
     "Usage: velfileagent (--store DIR | --webdav URL [--webdav-user NAME]\n"
     "                    [--webdav-password-file FILE] [--ca-file FILE]\n"
-    "                    [--webdav-cache-ms N])\n"
+    "                    [--webdav-cache-ms N]\n"
+    "                    | --s3 URL [--s3-credentials FILE] [--s3-part-size N]\n"
+    "                    [--s3-retry-wait MS] [--ca-file FILE])\n"
     "                    [--mirror DIR] [--socket PATH] [--journal FILE]\n"
     "                    [--rules FILE] [--max-request-args N] [--max-request-bytes N]\n"
     "                    [--max-reply-bytes N] [--no-openat2] [--state DIR]\n"
     "                    [--last-writer-wins]\n"
     "\n"
-    "Serves the folder given by --store, or the WebDAV collection given by\n"
-    "--webdav, as the remote file service on a Unix-domain socket, for the\n"
+    "Serves the folder given by --store, the WebDAV collection given by\n"
+    "--webdav, or the S3 bucket given by --s3, as the remote file service on\n"
+    "a Unix-domain socket, for the\n"
     "service name \"TestService\". Prints \"ready\" once it listens;\n"
     "SIGTERM or SIGINT stops it and removes the socket. Start, stop and every\n"
     "refused request are logged on standard error, one line each.\n"
@@ -66,6 +70,34 @@ const char kUsage[] =
     "                  log in with basic authentication as NAME\n"
     "  --webdav-password-file FILE\n"
     "                  the password: the first line of FILE (never logged)\n"
+    "  --s3 URL        http(s)://HOST[:PORT]/BUCKET[/PREFIX]: the objects of an S3\n"
+    "                  service (Ceph's gateway, a cloud) whose keys begin with\n"
+    "                  PREFIX/ hold them instead; the bucket is addressed in the\n"
+    "                  path (in the host name on Amazon's s3.*.amazonaws.com);\n"
+    "                  a folder is every key below \"name/\", an empty one the\n"
+    "                  zero-byte key \"name/\"; mode and modification time are\n"
+    "                  the metadata x-amz-meta-mode (octal) and x-amz-meta-mtime\n"
+    "                  (0640 for a file and 0750 for a folder without it);\n"
+    "                  renames are copies on the service; the handle commands\n"
+    "                  are not supported there. The keys come from\n"
+    "                  AWS_ACCESS_KEY_ID, AWS_SECRET_ACCESS_KEY (and\n"
+    "                  AWS_SESSION_TOKEN, AWS_REGION, default us-east-1), or from\n"
+    "                  --s3-credentials; never from the command line\n"
+    "  --s3-credentials FILE\n"
+    "                  the [default] section of FILE, in the shared format of S3\n"
+    "                  tools (aws_access_key_id = ..., aws_secret_access_key = ...,\n"
+    "                  optional aws_session_token and region); FILE must not be\n"
+    "                  readable by group or others (chmod 600)\n"
+    "  --s3-part-size N\n"
+    "                  files above N bytes go up in parts of N bytes (default\n"
+    "                  67108864, 64 MiB; at least 5242880; larger for a file of\n"
+    "                  more than 10000 parts); a failed upload\n"
+    "                  leaves no parts behind\n"
+    "  --s3-retry-wait MS\n"
+    "                  a request the service answers with 500, 502, 503 (SlowDown),\n"
+    "                  504 or RequestTimeout, or whose connection is lost, is sent\n"
+    "                  again up to three times, after MS, 2*MS and 4*MS\n"
+    "                  milliseconds (default 100; each resend is logged)\n"
     "  --ca-file FILE  certificates (PEM) to trust for an https:// server, for a\n"
     "                  server whose certificate the system does not know\n"
     "  --webdav-cache-ms N\n"
@@ -258,6 +290,54 @@ bool parseCap(const std::string& text, unsigned long long least, size_t& out) {
   return true;
 }
 
+// The S3 keys: from the credentials file `path` when given (refused when
+// group or others may read it), else from the environment. False with
+// `error`, which never holds a key.
+bool readS3Credentials(const std::string& path, velagent::S3Credentials& out, std::string& error) {
+  if (path.empty()) {
+    const auto env = [](const char* name) {
+      const char* value = std::getenv(name);
+      return std::string(value != nullptr ? value : "");
+    };
+    out.accessKey = env("AWS_ACCESS_KEY_ID");
+    out.secretKey = env("AWS_SECRET_ACCESS_KEY");
+    out.sessionToken = env("AWS_SESSION_TOKEN");
+    out.region = !env("AWS_REGION").empty() ? env("AWS_REGION") : env("AWS_DEFAULT_REGION");
+    if (out.accessKey.empty() || out.secretKey.empty()) {
+      error =
+          "--s3 needs AWS_ACCESS_KEY_ID and AWS_SECRET_ACCESS_KEY in the environment, or "
+          "--s3-credentials FILE";
+      return false;
+    }
+    return true;
+  }
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+  struct stat st;
+  if (fd < 0 || ::fstat(fd, &st) != 0) {
+    error = "cannot read the credentials file " + path + ": " + std::strerror(errno);
+    if (fd >= 0) ::close(fd);
+    return false;
+  }
+  if ((st.st_mode & 077) != 0) {
+    ::close(fd);
+    error = "the credentials file " + path +
+            " may be read by group or others; chmod 600 it (the keys in it are secrets)";
+    return false;
+  }
+  std::string text;
+  char buffer[4096];
+  ssize_t n;
+  while ((n = ::read(fd, buffer, sizeof buffer)) > 0 && text.size() < (1u << 20)) {
+    text.append(buffer, static_cast<size_t>(n));
+  }
+  ::close(fd);
+  if (!velagent::parseCredentials(text, out, error)) {
+    error = "the credentials file " + path + ": " + error;
+    return false;
+  }
+  return true;
+}
+
 // The first line of `path`, without its line end. False with errno.
 bool readPassword(const std::string& path, std::string& out) {
   std::ifstream in(path);
@@ -279,6 +359,10 @@ int main(int argc, char** argv) {
   std::string webdavUser;
   std::string passwordFile;
   std::string caFile;
+  std::string s3Url;
+  std::string s3CredentialsFile;
+  size_t s3PartSize = 64u << 20;
+  size_t s3RetryWait = 100;
   std::string mirror;
   std::string socketPath;
   std::string journalPath;
@@ -318,6 +402,16 @@ int main(int argc, char** argv) {
       target = &passwordFile;
     } else if (option == "--ca-file") {
       target = &caFile;
+    } else if (option == "--s3") {
+      target = &s3Url;
+    } else if (option == "--s3-credentials") {
+      target = &s3CredentialsFile;
+    } else if (option == "--s3-part-size") {
+      cap = &s3PartSize;
+      least = velagent::S3Store::kMinPartSize;
+    } else if (option == "--s3-retry-wait") {
+      cap = &s3RetryWait;
+      least = 1;
     } else if (option == "--mirror") {
       target = &mirror;
       mirrorSet = true;
@@ -361,15 +455,42 @@ int main(int argc, char** argv) {
     }
   }
   const bool webdav = !webdavUrl.empty();
-  if (store.empty() == !webdav) {
-    std::fprintf(stderr, "velfileagent: give either --store or --webdav\n\n%s", kUsage);
+  const bool s3 = !s3Url.empty();
+  if ((store.empty() ? 0 : 1) + (webdav ? 1 : 0) + (s3 ? 1 : 0) != 1) {
+    std::fprintf(stderr, "velfileagent: give one of --store, --webdav and --s3\n\n%s", kUsage);
     return 2;
   }
-  if (!webdav && (!webdavUser.empty() || !passwordFile.empty() || !caFile.empty() || cacheSet)) {
+  if (!webdav && (!webdavUser.empty() || !passwordFile.empty() || cacheSet)) {
     std::fprintf(stderr,
-                 "velfileagent: --webdav-user, --webdav-password-file, --ca-file and "
-                 "--webdav-cache-ms go with --webdav\n");
+                 "velfileagent: --webdav-user, --webdav-password-file and --webdav-cache-ms go "
+                 "with --webdav\n");
     return 2;
+  }
+  if (!s3 && !s3CredentialsFile.empty()) {
+    std::fprintf(stderr, "velfileagent: --s3-credentials goes with --s3\n");
+    return 2;
+  }
+  if (!webdav && !s3 && !caFile.empty()) {
+    std::fprintf(stderr, "velfileagent: --ca-file goes with --webdav or --s3\n");
+    return 2;
+  }
+  if (!caFile.empty() && ::access(caFile.c_str(), R_OK) != 0) {
+    std::fprintf(stderr, "velfileagent: cannot read the certificate file %s: %s\n", caFile.c_str(),
+                 std::strerror(errno));
+    return 2;
+  }
+  velagent::S3Options s3Options;
+  if (s3) {
+    std::string error;
+    if (!velagent::S3Store::checkUrl(s3Url, error) ||
+        !readS3Credentials(s3CredentialsFile, s3Options.credentials, error)) {
+      std::fprintf(stderr, "velfileagent: %s\n", error.c_str());
+      return 2;
+    }
+    s3Options.url = s3Url;
+    s3Options.caFile = caFile;
+    s3Options.partSize = static_cast<long long>(s3PartSize);
+    s3Options.retryWaitMs = static_cast<long>(std::min<size_t>(s3RetryWait, 60000));
   }
   velagent::WebDavOptions davOptions;
   if (webdav) {
@@ -388,16 +509,11 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "velfileagent: --webdav-password-file needs --webdav-user\n");
       return 2;
     }
-    if (!caFile.empty() && ::access(caFile.c_str(), R_OK) != 0) {
-      std::fprintf(stderr, "velfileagent: cannot read the certificate file %s: %s\n",
-                   caFile.c_str(), std::strerror(errno));
-      return 2;
-    }
     davOptions.url = webdavUrl;
     davOptions.user = webdavUser;
     davOptions.caFile = caFile;
     davOptions.cacheWindow = std::chrono::milliseconds(cacheMs);
-  } else if (!isDirectory(store)) {
+  } else if (!s3 && !isDirectory(store)) {
     std::fprintf(stderr, "velfileagent: store folder %s does not exist\n", store.c_str());
     return 2;
   }
@@ -427,7 +543,7 @@ int main(int argc, char** argv) {
   }
   // The record never lives where a listing or a commit would carry it to
   // the service.
-  for (const std::string& served : {mirror, webdav ? std::string() : store}) {
+  for (const std::string& served : {mirror, webdav || s3 ? std::string() : store}) {
     if (served.empty()) {
       continue;
     }
@@ -442,7 +558,7 @@ int main(int argc, char** argv) {
       return 2;
     }
   }
-  std::string overlap = webdav ? "" : overlapOf(store, mirror);
+  std::string overlap = webdav || s3 ? "" : overlapOf(store, mirror);
   if (!overlap.empty()) {
     std::fprintf(stderr,
                  "velfileagent: the store %s and the mirror %s %s; every copy would destroy "
@@ -477,7 +593,7 @@ int main(int argc, char** argv) {
                  std::strerror(errno));
     return 1;
   }
-  bool openat2 = velagent::Root::probeOpenat2(webdav ? mirror : store);
+  bool openat2 = velagent::Root::probeOpenat2(webdav || s3 ? mirror : store);
   velagent::Rules rules(rulesPath);
   // Cleans libcurl up after the store's handles are gone (declared first,
   // destroyed last).
@@ -498,6 +614,13 @@ int main(int argc, char** argv) {
     storeText = "WebDAV " + webdavUrl + (webdavUser.empty() ? "" : " as " + webdavUser) +
                 (probe.isOk() ? "" : " (not answering now: " + probe.message() + ")");
     backing = std::move(dav);
+  } else if (s3) {
+    curlLibrary.started = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+    auto bucket = std::make_unique<velagent::S3Store>(s3Options);
+    velagent::Status probe = bucket->probe();
+    storeText = "S3 " + bucket->identity().substr(3) +
+                (probe.isOk() ? "" : " (not answering now: " + probe.message() + ")");
+    backing = std::move(bucket);
   } else {
     backing = std::make_unique<velagent::FolderStore>(store);
   }
