@@ -8,10 +8,13 @@ set -euo pipefail
 # libcurl and pugixml: the agent's WebDAV store; apache2 and openssl: the
 # WebDAV server (plain and HTTPS) the tests and the demo start in a folder of
 # their own. clang and libclang-rt-dev (libFuzzer): the fuzz targets.
+# redis-server: the benchmark's baseline for the agent's connection handling,
+# started by scripts/bench.sh on a socket of its own. systemd: systemd-analyze,
+# which rates the agent's unit.
 packages=(cmake make g++ pkg-config libhiredis-dev libjsoncpp-dev libace-dev
           libgtest-dev googletest clang-format dpkg-dev file lintian
           libcurl4-openssl-dev libpugixml-dev apache2 openssl clang libclang-rt-dev
-          libsqlite3-dev libxxhash-dev)
+          libsqlite3-dev libxxhash-dev redis-server systemd)
 if [[ "${1:-}" == "--arm" ]]; then
   packages+=(g++-aarch64-linux-gnu qemu-user)
 fi
@@ -33,8 +36,8 @@ if [[ $(id -u) -ne 0 ]]; then
 fi
 export DEBIAN_FRONTEND=noninteractive
 "${sudo_cmd[@]}" apt-get update -qq
-# Installing apache2 would start the system's web server; the tests start
-# their own. A policy-rc.d that refuses every start (exit status 101) holds
+# Installing apache2 or redis-server would start the system's service; the
+# tests and the benchmarks start their own. A policy-rc.d that refuses every start (exit status 101) holds
 # for this install only; one that was there before is put back.
 policy=/usr/sbin/policy-rc.d
 saved=""
