@@ -341,48 +341,41 @@ TEST(AgentService, PastTheConnectionLimitANewClientIsToldTheLimitAndClosed) {
 // request whole.)
 TEST(AgentService, EachLimitLeavesALineNamingItInTheClientLog) {
   LogCapture log;
-  AgentFixture agent(
-      quiet({"--max-clients", "1", "--max-request-bytes", "1024", "--max-reply-bytes", "1024"}));
-  ASSERT_TRUE(agent.ready());
-  makeDirs(agent.store() + "/many");
-  for (int i = 0; i < 100; ++i) {
-    writeFile(agent.store() + "/many/a-file-with-a-longer-name-" + std::to_string(i), "");
-  }
   std::list<std::string> entries;
   {
-    VEL::TarnClient client(VEL::TarnConnOptions(), agent.socketPath());
-    ASSERT_EQ(0, client.connect(1));
-    // Its path alone is above the request cap.
-    EXPECT_EQ(-6, client.TarnListFile(std::string(2000, 'p'), "false", entries));
-  }
-  EXPECT_TRUE(
-      log.contains("[VEL] uploadlocal: Failed to upload object. ERR Protocol error: "
-                   "request too large, ppp"))
-      << log.text();
-  {
-    VEL::TarnClient client(VEL::TarnConnOptions(), agent.socketPath());
-    ASSERT_EQ(0, client.connect(1));
-    EXPECT_EQ(-6, client.TarnListFile("many", "false", entries));
-  }
-  EXPECT_TRUE(log.contains("[VEL] uploadlocal: Failed to upload object. ERR reply too large, many"))
-      << log.text();
-  // The agent holds one connection (once it has seen the library's close);
-  // the library's is the second.
-  std::unique_ptr<AgentConnection> holder;
-  for (const auto until = Clock::now() + std::chrono::seconds(10); Clock::now() < until;) {
-    holder.reset(new AgentConnection(agent.socketPath()));
-    if (holder->ask({"tarn.dir", kSvc, "", "false"}) == "*\nmany/") {
-      break;
+    AgentFixture agent(quiet({"--max-request-bytes", "1024", "--max-reply-bytes", "1024"}));
+    ASSERT_TRUE(agent.ready());
+    makeDirs(agent.store() + "/many");
+    for (int i = 0; i < 100; ++i) {
+      writeFile(agent.store() + "/many/a-file-with-a-longer-name-" + std::to_string(i), "");
     }
+    VEL::TarnClient tooLong(VEL::TarnConnOptions(), agent.socketPath());
+    ASSERT_EQ(0, tooLong.connect(1));
+    // Its path alone is above the request cap.
+    EXPECT_EQ(-6, tooLong.TarnListFile(std::string(2000, 'p'), "false", entries));
+    EXPECT_TRUE(
+        log.contains("[VEL] uploadlocal: Failed to upload object. ERR Protocol error: "
+                     "request too large, ppp"))
+        << log.text();
+    VEL::TarnClient tooMany(VEL::TarnConnOptions(), agent.socketPath());
+    ASSERT_EQ(0, tooMany.connect(1));
+    EXPECT_EQ(-6, tooMany.TarnListFile("many", "false", entries));
+    EXPECT_TRUE(
+        log.contains("[VEL] uploadlocal: Failed to upload object. ERR reply too large, many"))
+        << log.text();
   }
-  {
-    VEL::TarnClient client(VEL::TarnConnOptions(), agent.socketPath());
-    ASSERT_EQ(0, client.connect(1));
-    EXPECT_EQ(-6, client.TarnDownloadLocal("many/a-file-with-a-longer-name-1", ""));
-  }
+  AgentFixture agent(quiet({"--max-clients", "1"}));
+  ASSERT_TRUE(agent.ready());
+  agent.storeFile("docs/readme.txt", "service copy\n");
+  // The agent holds one connection; the library's is the second.
+  AgentConnection holder(agent.socketPath());
+  ASSERT_EQ("*\ndocs/", holder.ask({"tarn.dir", kSvc, "", "false"}));
+  VEL::TarnClient client(VEL::TarnConnOptions(), agent.socketPath());
+  ASSERT_EQ(0, client.connect(1));
+  EXPECT_EQ(-6, client.TarnDownloadLocal("docs/readme.txt", ""));
   EXPECT_TRUE(
       log.contains("[VEL] downloadlocal: Failed to download object. ERR max number of "
-                   "clients reached (--max-clients 1), many/a-file-with-a-longer-name-1"))
+                   "clients reached (--max-clients 1), docs/readme.txt"))
       << log.text();
   EXPECT_TRUE(entries.empty());
 }
