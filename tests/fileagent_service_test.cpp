@@ -34,11 +34,19 @@ namespace {
 using namespace veltest;
 using Clock = std::chrono::steady_clock;
 
+#if defined(__SANITIZE_THREAD__)
+// ThreadSanitizer runs one thread of its own in the agent, named like it.
+constexpr size_t kRuntimeThreads = 1;
+#else
+constexpr size_t kRuntimeThreads = 0;
+#endif
+
 size_t entriesOf(pid_t pid, const std::string& what) {
   return namesIn("/proc/" + std::to_string(pid) + "/" + what).size();
 }
 
-// Threads of `pid` named like the agent's pool (its first thread included).
+// Threads of `pid` named like the agent's pool (its first thread included),
+// less those of the runtime.
 size_t poolThreads(pid_t pid) {
   size_t count = 0;
   for (const std::string& task : namesIn("/proc/" + std::to_string(pid) + "/task")) {
@@ -47,7 +55,7 @@ size_t poolThreads(pid_t pid) {
     std::getline(comm, name);
     count += name == "velfileagent" ? 1 : 0;
   }
-  return count;
+  return count - kRuntimeThreads;
 }
 
 // Samples the number of threads of `pid` every few milliseconds until it

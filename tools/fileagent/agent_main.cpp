@@ -117,7 +117,7 @@ const char kUsage[] =
     "                  raises its soft limit to the hard one)\n"
     "  --request-timeout-ms N\n"
     "                  most milliseconds from the first bytes of a request to its\n"
-    "                  last (default 10000); a request still incomplete then gets\n"
+    "                  last (default 30000); a request still incomplete then gets\n"
     "                  \"-ERR request not complete within N ms\" and its connection\n"
     "                  is closed. A connection that sends nothing is kept.\n"
     "  --max-request-args N\n"

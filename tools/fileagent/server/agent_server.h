@@ -50,7 +50,7 @@ struct ServerOptions {
   RequestLimits limits;
   size_t threads = 4;             // the pool, the thread that calls run() included
   size_t maxClients = 10000;      // connections open at once
-  long requestTimeoutMs = 10000;  // from a request's first bytes to its last
+  long requestTimeoutMs = 30000;  // from a request's first bytes to its last
 };
 
 class Server {
