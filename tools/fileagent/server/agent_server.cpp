@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "server/agent_log.h"
@@ -24,10 +25,6 @@ using Clock = TimerQueue::Clock;
 
 // Bytes read from a connection at a time: one buffer per thread.
 constexpr size_t kReadChunk = 64u * 1024u;
-// New connections taken per turn before the listening socket is handed
-// back, so that a flood of connections does not keep one thread from the
-// rest of the loop.
-constexpr int kAcceptBatch = 64;
 // How long accepting pauses when the process is out of descriptors.
 constexpr auto kAcceptPause = std::chrono::milliseconds(100);
 // A connection answered with its last error (a limit, a protocol error)
@@ -298,6 +295,9 @@ Server::Connection* Server::newConnection() {
     return connectionAt(index);
   }
   const uint32_t index = nextRecord_;
+  if (index / kBlockSize >= blockCount_) {
+    throw std::bad_alloc();  // cannot happen: the limits bound the records in use
+  }
   std::atomic<Block*>& slot = blocks_[index / kBlockSize];
   if (slot.load(std::memory_order_relaxed) == nullptr) {
     Block* block = new Block;

@@ -48,12 +48,8 @@ Outgoing::Progress Outgoing::flush(int fd) {
   for (;;) {
     if (sent_ == buffer_.size()) {
       sent_ = 0;
-      if (buffer_.capacity() > kKeptBuffer) {
-        std::string().swap(buffer_);
-      } else {
-        buffer_.clear();
-      }
       if (left_ > 0) {
+        // The next piece reuses the memory of the last one.
         const size_t n = static_cast<size_t>(std::min<long long>(left_, kStreamPiece));
         buffer_.resize(n);
         if (!source_->next(&buffer_[0], n)) {
@@ -63,9 +59,14 @@ Outgoing::Progress Outgoing::flush(int fd) {
         continue;
       }
       if (tail_) {
-        buffer_ = "\r\n";
+        buffer_.assign("\r\n");
         tail_ = false;
         continue;
+      }
+      if (buffer_.capacity() > kKeptBuffer) {
+        std::string().swap(buffer_);
+      } else {
+        buffer_.clear();
       }
       source_.reset();
       trickleMs_ = 0;

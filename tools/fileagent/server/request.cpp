@@ -148,8 +148,10 @@ RequestReader::Result RequestReader::next(std::vector<std::string>& args, std::s
     }
     buffer_.erase(0, pos_);
     pos_ = 0;
-    if (buffer_.empty() && buffer_.capacity() > kKeptBuffer) {
-      std::string().swap(buffer_);  // an idle connection keeps no large buffer
+    if (buffer_.empty() && state_ == State::kArrayHead && buffer_.capacity() > kKeptBuffer) {
+      // Between requests an idle connection keeps no large buffer (within
+      // one, the buffer is reused for every piece).
+      std::string().swap(buffer_);
     }
     return Result::kIncomplete;
   }

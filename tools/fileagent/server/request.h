@@ -2,7 +2,7 @@
 // pieces, with caps on a request's number of arguments and on their total
 // size. Argument bytes go straight into the request being built, so one
 // connection holds at most one request (within the caps) and the last
-// piece read; once nothing waits, a large buffer is given back. Not
+// piece read; between requests, a large buffer is given back. Not
 // thread-safe: one reader per connection.
 #ifndef VEL_TOOLS_FILEAGENT_SERVER_REQUEST_H_
 #define VEL_TOOLS_FILEAGENT_SERVER_REQUEST_H_
