@@ -22,8 +22,11 @@
 //    socket (scripts/bench.sh starts one in a temporary folder and names
 //    its socket with --redis): a fresh connection with tarn.metadata
 //    against one with PING, by 1 and by 64 clients at once; the same on
-//    connections kept open; and the memory an idle connection costs each
-//    server (its resident size with 2,000 idle connections, less without);
+//    connections kept open; the same by 1 client to an agent whose
+//    tarn.metadata a rule answers with the same reply (the connection
+//    handling without the store's work); and the memory an idle connection
+//    costs each server (its resident size with 2,000 idle connections, less
+//    without);
 //  - with the agent's WebDAV store and Apache at hand, the tree update
 //    through an agent serving the tests' Apache WebDAV server: a PROPFIND
 //    (Depth 0) and a GET of each file over one kept-alive connection to the
@@ -453,9 +456,10 @@ pid_t redisPid(const std::string& socket) {
 }
 
 void connectionRows(const Options& options, const std::string& dir) {
-  const char* rows[] = {"idle connection memory", "fresh metadata, 1 client",
+  const char* rows[] = {"idle connection memory",     "fresh metadata, 1 client",
                         "fresh metadata, 64 clients", "kept metadata, 1 client",
-                        "kept metadata, 64 clients"};
+                        "kept metadata, 64 clients",  "fresh rule reply, 1 client",
+                        "kept rule reply, 1 client"};
   if (options.redis.empty()) {
     for (const char* what : rows) {
       Row row(what, "", 0);
@@ -468,19 +472,36 @@ void connectionRows(const Options& options, const std::string& dir) {
   // freed, so the memory of idle connections is measured on the first ones.
   Agent agent(options.agent, dir + "/mirror", dir + "/uds-connections",
               {"--store", dir + "/store"});
-  const std::string& socket = agent.socket();
+  // One more whose tarn.metadata is answered by a rule with the same reply,
+  // without the store: the connection handling alone.
+  const std::string rules = dir + "/uds-connections/rules.json";
+  {
+    redisContext* c = connectTo(agent.socket());
+    redisReply* meta = static_cast<redisReply*>(
+        redisCommand(c, "tarn.metadata %s %s", "TestService", kMetadataPath));
+    Json::Value rule(Json::objectValue);
+    rule["match"].append("tarn.metadata");
+    rule["reply"].append("bulk");
+    rule["reply"].append(std::string(meta->str, meta->len));
+    Json::Value list(Json::arrayValue);
+    list.append(rule);
+    std::ofstream(rules) << Json::writeString(Json::StreamWriterBuilder(), list);
+    freeReplyObject(meta);
+    redisFree(c);
+  }
+  Agent ruled(options.agent, dir + "/mirror", dir + "/uds-ruled",
+              {"--store", dir + "/store", "--rules", rules});
   const pid_t redis = redisPid(options.redis);
   const int idle = 2000;
   {
     Row row(rows[0], "the same in redis-server", 2048);
     row.bytes = true;
     row.base = idleConnectionBytes(options.redis, redis, idle);
-    row.vel = idleConnectionBytes(socket, agent.pid(), idle);
+    row.vel = idleConnectionBytes(agent.socket(), agent.pid(), idle);
     row.ratio = row.low = row.high = row.vel / row.base;
     row.rounds = 1;
     g_rows.push_back(row);
   }
-  const int rounds = options.quick ? 11 : 41;
   struct Load {
     const char* what;
     const char* floor;
@@ -488,21 +509,27 @@ void connectionRows(const Options& options, const std::string& dir) {
     int clients;
     int perClient;
     bool fresh;
+    const Agent& agent;
   };
   const Load loads[] = {
-      {rows[1], "connect + PING + close", 1.3, 1, 100, true},
-      {rows[2], "connect + PING + close", 1.3, 64, 10, true},
-      {rows[3], "PING on a kept connection", 1.0, 1, 400, false},
-      {rows[4], "PING on a kept connection", 1.0, 64, 40, false},
+      {rows[1], "connect + PING + close", 1.3, 1, 100, true, agent},
+      {rows[2], "connect + PING + close", 1.3, 64, 10, true, agent},
+      {rows[3], "PING on a kept connection", 1.0, 1, 400, false, agent},
+      {rows[4], "PING on a kept connection", 1.0, 64, 40, false, agent},
+      {rows[5], "connect + PING + close", 1.3, 1, 100, true, ruled},
+      {rows[6], "PING on a kept connection", 1.0, 1, 400, false, ruled},
   };
   for (const Load& load : loads) {
+    // The rounds of one client are short: more of them even out the noise.
+    const int rounds = options.quick ? 11 : (load.clients == 1 ? 81 : 41);
     measure(
         {load.what, load.floor, load.target}, rounds,
         [&] {
           return clientsRound(options.redis, pingRequest, load.clients, load.perClient, load.fresh);
         },
         [&] {
-          return clientsRound(socket, metadataRequest, load.clients, load.perClient, load.fresh);
+          return clientsRound(load.agent.socket(), metadataRequest, load.clients, load.perClient,
+                              load.fresh);
         });
   }
 }
