@@ -147,6 +147,7 @@ class Agent {
 
   const std::string& socket() const { return socket_; }
   const std::string& journal() const { return journal_; }
+  pid_t pid() const { return pid_; }
 
   // Empties the sync record (as a second process would), so that the
   // next round is a first sync again: a cold copy, not a skipped one.

@@ -18,6 +18,15 @@
 //  - a log line: stat of the path, the time stamp and the line formatted,
 //    one write on an O_APPEND descriptor;
 //  - local mode: the system calls on the same mirror paths;
+//  - the agent's connection handling, against a redis-server on a Unix
+//    socket (scripts/bench.sh starts one in a temporary folder and names
+//    its socket with --redis): a fresh connection with tarn.metadata
+//    against one with PING, by 1 and by 64 clients at once; the same on
+//    connections kept open; the same by 1 client to an agent whose
+//    tarn.metadata a rule answers with the same reply (the connection
+//    handling without the store's work); and the memory an idle connection
+//    costs each server (its resident size with 2,000 idle connections, less
+//    without);
 //  - with the agent's WebDAV store and Apache at hand, the tree update and
 //    commit through an agent serving the tests' Apache WebDAV server: over
 //    one kept-alive connection to the same server, a PROPFIND (Depth 1) of
@@ -31,7 +40,8 @@
 //    curl(1) sending the same bytes in one signed PUT.
 //
 // Usage: vel_bench [--quick] [--only GROUP[,GROUP...]] [--agent PATH]
-//   groups: remote, tree, large, sync, log, local, webdav, s3
+//                  [--redis SOCKET]
+//   groups: remote, connections, tree, large, sync, log, local, webdav, s3
 // The table goes to standard output, progress to standard error. Files go
 // below $TMPDIR (else /tmp); on a tmpfs the tree rows leave out the disk.
 #include <curl/curl.h>
@@ -39,18 +49,26 @@
 #include <fcntl.h>
 #include <hiredis/hiredis.h>
 #include <json/json.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -90,6 +108,7 @@ struct Options {
   bool quick = false;
   std::set<std::string> only;
   std::string agent = VEL_AGENT_BIN;
+  std::string redis;  // a redis-server's socket, for the connection rows
 };
 
 struct Row {
@@ -105,7 +124,8 @@ struct Row {
   double low = 0;    // their first and third quartiles
   double high = 0;
   int rounds = 0;
-  std::string note;  // instead of figures
+  std::string note;    // instead of figures
+  bool bytes = false;  // vel and floor are bytes, and the target is vel's own bound in bytes
 };
 
 FILE* g_out = stdout;  // the real standard output; fd 1 goes to /dev/null
@@ -284,6 +304,243 @@ void remoteRows(const Options& options, const Agent& agent) {
       {"remote stat", "connect + tarn.metadata + close", 1.1}, rounds,
       [&] { return perOp(n, bare); },
       [&] { return perOp(n, [&](int) { VEL::stat(path.c_str(), &st); }); });
+}
+
+// ---- the agent's connection handling, against redis-server ----
+
+const char kMetadataPath[] = "tree/d042/f0842";
+
+redisContext* connectTo(const std::string& socket) {
+  redisContext* c = redisConnectUnix(socket.c_str());
+  if (c == nullptr || c->err != 0) {
+    fail("cannot connect to " + socket + (c != nullptr ? std::string(": ") + c->errstr : ""));
+  }
+  return c;
+}
+
+using Request = void (*)(redisContext*);
+
+void metadataRequest(redisContext* c) {
+  redisReply* reply = static_cast<redisReply*>(
+      redisCommand(c, "tarn.metadata %s %s", "TestService", kMetadataPath));
+  if (reply == nullptr || reply->type != REDIS_REPLY_STRING) {
+    fail("tarn.metadata got no answer");
+  }
+  freeReplyObject(reply);
+}
+
+void pingRequest(redisContext* c) {
+  redisReply* reply = static_cast<redisReply*>(redisCommand(c, "PING"));
+  if (reply == nullptr || reply->type != REDIS_REPLY_STATUS) {
+    fail("PING got no answer");
+  }
+  freeReplyObject(reply);
+}
+
+// Seconds per request while `clients` threads each make `perClient`
+// requests at once: each on a connection of its own (`fresh`: connect,
+// request, close), or all on one connection per thread opened beforehand.
+// Only the requests are timed, from the moment every thread is ready.
+double clientsRound(const std::string& socket, Request request, int clients, int perClient,
+                    bool fresh) {
+  std::mutex mutex;
+  std::condition_variable cv;
+  int ready = 0;
+  bool go = false;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < clients; ++i) {
+    threads.emplace_back([&] {
+      redisContext* kept = fresh ? nullptr : connectTo(socket);
+      {
+        std::unique_lock<std::mutex> lock(mutex);
+        ++ready;
+        cv.notify_all();
+        cv.wait(lock, [&] { return go; });
+      }
+      for (int k = 0; k < perClient; ++k) {
+        if (fresh) {
+          redisContext* c = connectTo(socket);
+          request(c);
+          redisFree(c);
+        } else {
+          request(kept);
+        }
+      }
+      redisFree(kept);
+    });
+  }
+  Clock::time_point start;
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    cv.wait(lock, [&] { return ready == clients; });
+    start = Clock::now();
+    go = true;
+  }
+  cv.notify_all();
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  return seconds(start) / (clients * perClient);
+}
+
+long long residentKiB(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(in, line);) {
+    if (line.compare(0, 6, "VmRSS:") == 0) {
+      return std::atoll(line.c_str() + 6);
+    }
+  }
+  fail("no VmRSS for process " + std::to_string(pid));
+}
+
+size_t openFiles(pid_t pid) {
+  size_t count = 0;
+  std::error_code error;
+  for (std::filesystem::directory_iterator it("/proc/" + std::to_string(pid) + "/fd", error), end;
+       !error && it != end; it.increment(error)) {
+    ++count;
+  }
+  return count;
+}
+
+// Waits until the server `pid` holds `files` descriptors, give or take
+// two (one it may open or close of its own).
+void awaitFiles(pid_t pid, size_t files, const std::string& what) {
+  const auto near = [&] {
+    const size_t now = openFiles(pid);
+    return now + 2 >= files && now <= files + 2;
+  };
+  for (const auto until = Clock::now() + std::chrono::seconds(30); !near();) {
+    if (Clock::now() > until) {
+      fail(what + ": " + std::to_string(openFiles(pid)) + " descriptors, expected " +
+           std::to_string(files));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+// The bytes of resident memory one more idle connection costs the server
+// `pid` listening on `socket`: its growth while `count` connections that
+// sent nothing are open, once it holds all of them, divided by `count`.
+double idleConnectionBytes(const std::string& socket, pid_t pid, int count) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));  // earlier clients are gone
+  const size_t baseFiles = openFiles(pid);
+  const long long baseKiB = residentKiB(pid);
+  std::vector<int> fds;
+  struct sockaddr_un addr;
+  std::memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, socket.c_str(), sizeof addr.sun_path - 1);
+  for (int i = 0; i < count; ++i) {
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0 || ::connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0) {
+      fail("idle connection " + std::to_string(i) + " to " + socket + ": " + std::strerror(errno));
+    }
+    fds.push_back(fd);
+  }
+  awaitFiles(pid, baseFiles + fds.size(), "idle connections to " + socket);
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  const long long grownKiB = residentKiB(pid) - baseKiB;
+  for (int fd : fds) {
+    ::close(fd);
+  }
+  awaitFiles(pid, baseFiles, "closing the idle connections to " + socket);
+  return static_cast<double>(grownKiB) * 1024.0 / count;
+}
+
+pid_t redisPid(const std::string& socket) {
+  redisContext* c = connectTo(socket);
+  redisReply* reply = static_cast<redisReply*>(redisCommand(c, "INFO server"));
+  pid_t pid = -1;
+  if (reply != nullptr && reply->type == REDIS_REPLY_STRING) {
+    const char* at = std::strstr(reply->str, "process_id:");
+    pid = at != nullptr ? static_cast<pid_t>(std::atol(at + 11)) : -1;
+  }
+  freeReplyObject(reply);
+  redisFree(c);
+  if (pid <= 0) {
+    fail("redis-server does not say its process id");
+  }
+  return pid;
+}
+
+void connectionRows(const Options& options, const std::string& dir) {
+  const char* rows[] = {"idle connection memory",     "fresh metadata, 1 client",
+                        "fresh metadata, 64 clients", "kept metadata, 1 client",
+                        "kept metadata, 64 clients",  "fresh rule reply, 1 client",
+                        "kept rule reply, 1 client"};
+  if (options.redis.empty()) {
+    for (const char* what : rows) {
+      Row row(what, "", 0);
+      row.note = "no redis-server to compare with (scripts/bench.sh starts one)";
+      g_rows.push_back(row);
+    }
+    return;
+  }
+  // An agent of its own: the records of connections are reused, never
+  // freed, so the memory of idle connections is measured on the first ones.
+  Agent agent(options.agent, dir + "/mirror", dir + "/uds-connections",
+              {"--store", dir + "/store"});
+  // One more whose tarn.metadata is answered by a rule with the same reply,
+  // without the store: the connection handling alone.
+  const std::string rules = dir + "/uds-connections/rules.json";
+  {
+    redisContext* c = connectTo(agent.socket());
+    redisReply* meta = static_cast<redisReply*>(
+        redisCommand(c, "tarn.metadata %s %s", "TestService", kMetadataPath));
+    Json::Value rule(Json::objectValue);
+    rule["match"].append("tarn.metadata");
+    rule["reply"].append("bulk");
+    rule["reply"].append(std::string(meta->str, meta->len));
+    Json::Value list(Json::arrayValue);
+    list.append(rule);
+    std::ofstream(rules) << Json::writeString(Json::StreamWriterBuilder(), list);
+    freeReplyObject(meta);
+    redisFree(c);
+  }
+  Agent ruled(options.agent, dir + "/mirror", dir + "/uds-ruled",
+              {"--store", dir + "/store", "--rules", rules});
+  const pid_t redis = redisPid(options.redis);
+  const int idle = 2000;
+  {
+    Row row(rows[0], "the same in redis-server", 2048);
+    row.bytes = true;
+    row.base = idleConnectionBytes(options.redis, redis, idle);
+    row.vel = idleConnectionBytes(agent.socket(), agent.pid(), idle);
+    row.ratio = row.low = row.high = row.vel / row.base;
+    row.rounds = 1;
+    g_rows.push_back(row);
+  }
+  struct Load {
+    const char* what;
+    const char* floor;
+    double target;
+    int clients;
+    int perClient;
+    bool fresh;
+    const Agent& agent;
+  };
+  const Load loads[] = {
+      {rows[1], "connect + PING + close", 1.3, 1, 100, true, agent},
+      {rows[2], "connect + PING + close", 1.3, 64, 10, true, agent},
+      {rows[3], "PING on a kept connection", 1.0, 1, 400, false, agent},
+      {rows[4], "PING on a kept connection", 1.0, 64, 40, false, agent},
+      {rows[5], "connect + PING + close", 1.3, 1, 100, true, ruled},
+      {rows[6], "PING on a kept connection", 1.0, 1, 400, false, ruled},
+  };
+  for (const Load& load : loads) {
+    // The rounds of one client are short: more of them even out the noise.
+    const int rounds = options.quick ? 11 : (load.clients == 1 ? 81 : 41);
+    measure(
+        {load.what, load.floor, load.target}, rounds,
+        [&] {
+          return clientsRound(options.redis, pingRequest, load.clients, load.perClient, load.fresh);
+        },
+        [&] {
+          return clientsRound(load.agent.socket(), metadataRequest, load.clients, load.perClient,
+                              load.fresh);
+        });
+  }
 }
 
 void treeRows(const Options& options, const std::string& dir, const Agent& agent) {
@@ -915,6 +1172,16 @@ std::string showTime(double secondsPerOp) {
   return text;
 }
 
+std::string showBytes(double bytes) {
+  char text[32];
+  if (bytes >= 1024) {
+    std::snprintf(text, sizeof text, "%.2f KiB", bytes / 1024);
+  } else {
+    std::snprintf(text, sizeof text, "%.0f B", bytes);
+  }
+  return text;
+}
+
 std::string machine() {
   std::ifstream in("/proc/cpuinfo");
   std::string model;
@@ -948,6 +1215,13 @@ void printTable(const std::string& loadBefore) {
       std::fprintf(g_out, "| %-28s | %s |\n", row.what.c_str(), row.note.c_str());
       continue;
     }
+    if (row.bytes) {
+      std::fprintf(g_out, "| %-28s | %10s | %10s | %-31s | %5.2f | %9s | %6s | %3s | %6d |\n",
+                   row.what.c_str(), showBytes(row.vel).c_str(), showBytes(row.base).c_str(),
+                   row.floor.c_str(), row.ratio, "", showBytes(row.target).c_str(),
+                   row.vel <= row.target ? "yes" : "no", row.rounds);
+      continue;
+    }
     std::fprintf(g_out,
                  "| %-28s | %10s | %10s | %-31s | %5.2f | %4.2f-%4.2f | %6.2f | %3s | %6d |\n",
                  row.what.c_str(), showTime(row.vel).c_str(), showTime(row.base).c_str(),
@@ -978,10 +1252,13 @@ int main(int argc, char** argv) {
       }
     } else if (arg == "--agent" && i + 1 < argc) {
       options.agent = argv[++i];
+    } else if (arg == "--redis" && i + 1 < argc) {
+      options.redis = argv[++i];
     } else {
       std::fprintf(stderr,
-                   "usage: vel_bench [--quick] [--only remote,tree,large,sync,log,local,webdav,s3] "
-                   "[--agent PATH]\n");
+                   "usage: vel_bench [--quick] "
+                   "[--only remote,connections,tree,large,sync,log,local,webdav,s3] "
+                   "[--agent PATH] [--redis SOCKET]\n");
       return 2;
     }
   }
@@ -989,6 +1266,12 @@ int main(int argc, char** argv) {
     return options.only.empty() || options.only.count(group);
   };
   const std::string loadBefore = loadAverage();
+  // Thousands of idle connections are opened at once.
+  struct rlimit files;
+  if (::getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+    files.rlim_cur = files.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &files);
+  }
 
   const char* tmp = std::getenv("TMPDIR");
   std::string dir = std::string(tmp != nullptr ? tmp : "/tmp") + "/velbench.XXXXXX";
@@ -1005,7 +1288,7 @@ int main(int argc, char** argv) {
   // The library's progress lines go where an application's would when
   // nobody reads them; the table goes to the real standard output.
   std::fflush(stdout);
-  g_out = ::fdopen(::dup(STDOUT_FILENO), "w");
+  g_out = ::fdopen(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0), "w");
   int null = ::open("/dev/null", O_WRONLY);
   ::dup2(null, STDOUT_FILENO);
   ::close(null);
@@ -1038,6 +1321,9 @@ int main(int argc, char** argv) {
     VEL::init({{"clientType", "Tavora"}});
     if (wanted("remote")) {
       remoteRows(options, agent);
+    }
+    if (wanted("connections")) {
+      connectionRows(options, dir);
     }
     if (wanted("tree")) {
       treeRows(options, dir, agent);

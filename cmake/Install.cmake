@@ -74,12 +74,18 @@ if(VEL_BUILD_TOOLS)
     install(FILES ${PROJECT_BINARY_DIR}/man/${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
             COMPONENT tools)
   endforeach()
-  # The unit reads /etc/velfileagent/velfileagent.env; the example of that
-  # file goes with the package's documentation.
+  # The agent's service: its unit, its system user (systemd-sysusers) and
+  # the environment file the unit reads. The package installs the latter as
+  # the conffile /etc/velfileagent/velfileagent.env; a plain install puts
+  # the example with the documentation, never into the system's /etc.
   install(FILES ${PROJECT_SOURCE_DIR}/tools/fileagent/velfileagent.service
           DESTINATION lib/systemd/system COMPONENT tools)
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/fileagent/velfileagent.sysusers
+          DESTINATION lib/sysusers.d RENAME velfileagent.conf COMPONENT tools)
   install(FILES ${PROJECT_SOURCE_DIR}/tools/fileagent/velfileagent.env
           DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/vel-tools/examples COMPONENT tools)
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/fileagent/velfileagent.env
+          DESTINATION /etc/velfileagent COMPONENT tools EXCLUDE_FROM_ALL)
 endif()
 if(VEL_GZIPPED)
   add_custom_target(vel_manual_pages ALL DEPENDS ${VEL_GZIPPED})

@@ -2,7 +2,8 @@
 # scripts/package.sh does it and checks the result):
 #   libvel0     libvel.so.0                                    section libs
 #   libvel-dev  headers, libvel.so, libvel.a, CMake, vel.pc    section libdevel
-#   vel-tools   vel, velfileagent, manual pages, systemd unit  section utils
+#   vel-tools   vel, velfileagent, manual pages, the agent's   section utils
+#               unit, user and environment file
 # In a cross build the architecture comes from the toolchain, and the
 # dependencies are named explicitly: dpkg-shlibdeps only knows the packages
 # installed for the build machine's own architecture.
@@ -85,6 +86,10 @@ This package contains the headers, the static library, the CMake package
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME vel-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+# The agent's user and group and its default folders (postinst), and its
+# environment file kept across upgrades (conffiles).
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/vel-tools/postinst
+                                             ${PROJECT_SOURCE_DIR}/cmake/debian/vel-tools/conffiles)
 set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
     "vel mirror client library - maintenance tool and reference agent
@@ -93,7 +98,8 @@ file service through a local file agent.
 .
 This package contains the maintenance tool vel (list, remove, update and
 commit mirror paths) and velfileagent, a reference file agent that serves a
-plain directory as the service, with its systemd unit.")
+plain directory as the service, with its systemd unit: it runs as the system
+user velfileagent, whose group an application's user joins to reach it.")
 
 # copyright and changelog in each package's documentation folder. They
 # belong to the packages only, not to a plain cmake --install.

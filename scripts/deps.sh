@@ -15,11 +15,14 @@ set -euo pipefail
 # their own; lighttpd with its WebDAV module, nginx with the DAV extension
 # module and rclone: the other WebDAV servers the per-server tests start the
 # same way. clang and libclang-rt-dev (libFuzzer): the fuzz targets.
+# redis-server: the benchmark's baseline for the agent's connection handling,
+# started by scripts/bench.sh on a socket of its own. systemd: systemd-analyze,
+# which rates the agent's unit.
 packages=(cmake make g++ pkg-config libhiredis-dev libjsoncpp-dev libace-dev
           libgtest-dev googletest clang-format dpkg-dev file lintian
           libcurl4-openssl-dev libpugixml-dev libssl-dev apache2 openssl clang libclang-rt-dev
           libsqlite3-dev libxxhash-dev lighttpd lighttpd-mod-webdav lighttpd-mod-openssl nginx
-          libnginx-mod-http-dav-ext rclone)
+          libnginx-mod-http-dav-ext rclone redis-server systemd)
 for option in "$@"; do
   case $option in
     --arm) packages+=(g++-aarch64-linux-gnu qemu-user) ;;
@@ -48,9 +51,9 @@ if [[ $(id -u) -ne 0 ]]; then
 fi
 export DEBIAN_FRONTEND=noninteractive
 "${sudo_cmd[@]}" apt-get update -qq -o DPkg::Lock::Timeout=600
-# Installing apache2, lighttpd, nginx or the Ceph daemons would start the
-# system's services;
-# the tests start their own. A policy-rc.d that refuses every start (exit status 101) holds
+# Installing apache2, lighttpd, nginx, redis-server or the Ceph daemons would
+# start the system's services; the tests and the benchmarks start their own.
+# A policy-rc.d that refuses every start (exit status 101) holds
 # for this install only; one that was there before is put back.
 policy=/usr/sbin/policy-rc.d
 saved=""

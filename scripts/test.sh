@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Runs every test: installs missing dependencies, checks formatting, builds
+# Runs every test: installs missing dependencies, checks formatting and the
+# agent's systemd unit (systemd-analyze security, at most 2.5), builds
 # the normal tree (build/) and runs the whole suite; builds the Debian
 # packages there (build/*.deb) and checks them (architecture, lintian,
 # exported symbols); builds and runs the example against the install tree,
@@ -24,6 +25,17 @@ arm=0
 
 if ((arm)); then scripts/deps.sh --arm --ceph; else scripts/deps.sh --ceph; fi
 scripts/format.sh --check
+
+# The agent's unit is rated by systemd's own check; above 2.5 it fails.
+echo "== the agent's unit: systemd-analyze security"
+unit_report=$(systemd-analyze security --offline=true tools/fileagent/velfileagent.service 2>&1) || true
+exposure=$(sed -n 's/.*Overall exposure level for velfileagent.service: \([0-9.]*\).*/\1/p' <<< "$unit_report")
+echo "exposure level ${exposure:-unknown} (at most 2.5)"
+if ! awk -v level="$exposure" 'BEGIN { exit !(level != "" && level <= 2.5) }'; then
+  echo "$unit_report"
+  echo "!! tools/fileagent/velfileagent.service is rated above 2.5"
+  exit 1
+fi
 
 run_suite() {
   local dir=$1

@@ -6,10 +6,13 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -165,16 +168,107 @@ TEST(FileAgent, StopSignalsEndItCleanlyAndRemoveTheSocket) {
   EXPECT_FALSE(pathExists(agent.socketPath()));
 }
 
-TEST(FileAgent, HelpListsTheOptionsAndTheCaps) {
+// The options "--name" of a text: in --help as they are, in the manual page
+// with its escaped dashes.
+std::set<std::string> optionsIn(const std::string& text, const std::string& dash) {
+  std::set<std::string> options;
+  const std::string mark = dash + dash;
+  for (size_t at = text.find(mark); at != std::string::npos; at = text.find(mark, at + 1)) {
+    std::string name;
+    size_t end = at + mark.size();
+    while (end < text.size()) {
+      if (text.compare(end, dash.size(), dash) == 0 && !name.empty()) {
+        name += '-';
+        end += dash.size();
+      } else if (std::islower(static_cast<unsigned char>(text[end])) ||
+                 std::isdigit(static_cast<unsigned char>(text[end]))) {
+        name += text[end++];
+      } else {
+        break;
+      }
+    }
+    if (!name.empty()) {
+      options.insert("--" + name);
+    }
+  }
+  return options;
+}
+
+TEST(FileAgent, HelpListsTheOptionsAndTheCapsAndTheManualPageEachOption) {
   ProcessResult help = runProcess({VEL_AGENT_BIN, "--help"});
   EXPECT_EQ(0, help.status);
-  for (const char* option :
-       {"--store", "--mirror", "--socket", "--journal", "--rules", "--max-request-args",
-        "--max-request-bytes", "--max-reply-bytes", "--no-openat2", "UDS_ROOT_OSSUSER",
-        "TARN_ROOT_DIR", "delay_ms", "trickle_ms", "skip", "times", "\"raw\"", "default 1024",
-        "default 67108864", "256 handles"}) {
+  for (const char* option : {"--store",
+                             "--mirror",
+                             "--socket",
+                             "--journal",
+                             "--rules",
+                             "--threads",
+                             "--max-clients",
+                             "--request-timeout-ms",
+                             "--max-request-args",
+                             "--max-request-bytes",
+                             "--max-reply-bytes",
+                             "--no-openat2",
+                             "UDS_ROOT_OSSUSER",
+                             "TARN_ROOT_DIR",
+                             "delay_ms",
+                             "trickle_ms",
+                             "skip",
+                             "times",
+                             "\"raw\"",
+                             "default 1024",
+                             "default 67108864",
+                             "256 handles",
+                             "default 4",
+                             "default 10000",
+                             "max number of clients reached",
+                             "request not complete within"}) {
     EXPECT_NE(std::string::npos, help.out.find(option)) << option;
   }
+  const std::string here = __FILE__;
+  const std::string manual =
+      readFile(here.substr(0, here.rfind("/tests/")) + "/man/velfileagent.1");
+  const std::set<std::string> inHelp = optionsIn(help.out, "-");
+  EXPECT_GE(inHelp.size(), 16u);
+  const std::set<std::string> inManual = optionsIn(manual, "\\-");
+  for (const std::string& option : inHelp) {
+    EXPECT_EQ(1u, inManual.count(option)) << option << " is not in man/velfileagent.1";
+  }
+}
+
+TEST(FileAgent, LimitsOutOfTheirRangeAreRefused) {
+  TempDir dir;
+  makeDirs(dir.sub("store"));
+  for (const Args& limit : {Args{"--threads", "0"}, Args{"--threads", "257"},
+                            Args{"--max-clients", "0"}, Args{"--max-clients", "1000001"},
+                            Args{"--request-timeout-ms", "9"}, Args{"--request-timeout-ms", "x"}}) {
+    ProcessResult run =
+        runProcess({"/bin/sh", "-c",
+                    std::string(VEL_AGENT_BIN) + " --store " + dir.sub("store") + " --mirror " +
+                        dir.sub("mirror") + " --socket " + dir.sub("s.sock") + " " + limit[0] +
+                        " " + limit[1] + " 2>&1"});
+    EXPECT_EQ(2, run.status) << limit[0] << " " << limit[1];
+    EXPECT_NE(std::string::npos, run.out.find("option " + limit[0] + " needs a number from"))
+        << run.out;
+  }
+}
+
+// The limit on connections is lowered to what the limit on open files
+// leaves, and the log says so.
+TEST(FileAgent, TheConnectionLimitFitsTheLimitOnOpenFiles) {
+  TempDir dir;
+  makeDirs(dir.sub("store"));
+  ProcessResult run = runProcess({"/bin/sh", "-c",
+                                  "ulimit -n 300 && exec timeout --preserve-status -s TERM 1 " +
+                                      std::string(VEL_AGENT_BIN) + " --store " + dir.sub("store") +
+                                      " --mirror " + dir.sub("mirror") + " --socket " +
+                                      dir.sub("s.sock") + " --max-clients 5000 2>&1"});
+  EXPECT_EQ(0, run.status) << run.out;
+  EXPECT_NE(std::string::npos,
+            run.out.find("velfileagent: max clients lowered from 5000 to 236: the limit on open "
+                         "files is 300\n"))
+      << run.out;
+  EXPECT_NE(std::string::npos, run.out.find(", 236 clients, ")) << run.out;
 }
 
 TEST(FileAgent, LogsOneLineEachForStartStopAndEveryRefusedRequest) {
@@ -294,6 +388,67 @@ TEST(FileAgent, TheServiceUnitStartsTheAgentFromItsEnvironmentFile) {
             run.out.find("socket " + dir.sub("uds") + "/velfileagent/velfileagent.sock"))
       << run.out;
   EXPECT_TRUE(pathExists(dir.sub("journal.jsonl")));
+}
+
+// The value of `key=` in a unit or environment file ("" when absent).
+std::string settingOf(const std::string& text, const std::string& key) {
+  const size_t at = text.find("\n" + key + "=");
+  if (at == std::string::npos) {
+    return "";
+  }
+  const size_t from = at + key.size() + 2;
+  return text.substr(from, text.find('\n', from) - from);
+}
+
+// The unit, its user, the package's script and the environment file agree:
+// the agent runs as the user the package makes, its socket lies in the
+// folder the unit makes for it, and the folders of the environment file are
+// the ones the sandbox lets it write and the package makes.
+TEST(FileAgent, TheServiceRunsAsItsOwnUserWithItsSocketFolderAndItsFoldersWritable) {
+  const std::string here = __FILE__;
+  const std::string top = here.substr(0, here.rfind("/tests/"));
+  const std::string unit = readFile(top + "/tools/fileagent/velfileagent.service");
+  const std::string env = readFile(top + "/tools/fileagent/velfileagent.env");
+  const std::string sysusers = readFile(top + "/tools/fileagent/velfileagent.sysusers");
+  const std::string postinst = readFile(top + "/cmake/debian/vel-tools/postinst");
+
+  EXPECT_EQ("velfileagent", settingOf(unit, "User"));
+  EXPECT_EQ("velfileagent", settingOf(unit, "Group"));
+  EXPECT_NE(std::string::npos, sysusers.find("\nu velfileagent - ")) << sysusers;
+  EXPECT_NE(std::string::npos, postinst.find("systemd-sysusers")) << postinst;
+  EXPECT_EQ("", settingOf(unit, "CapabilityBoundingSet"));
+  EXPECT_NE(std::string::npos, unit.find("\nCapabilityBoundingSet=\n"));
+  EXPECT_EQ("strict", settingOf(unit, "ProtectSystem"));
+  EXPECT_EQ("velfileagent", settingOf(unit, "StateDirectory"));
+
+  // The socket: $UDS_ROOT_OSSUSER/velfileagent/velfileagent.sock, in the
+  // runtime folder, which the group may enter.
+  const std::string socketFolder = settingOf(env, "UDS_ROOT_OSSUSER") + "/velfileagent";
+  EXPECT_EQ("/run/" + settingOf(unit, "RuntimeDirectory"), socketFolder);
+  EXPECT_EQ("0770", settingOf(unit, "RuntimeDirectoryMode"));
+  EXPECT_EQ("0007", settingOf(unit, "UMask"));
+
+  // The store and the mirror lie below a writable path, and the package
+  // makes them.
+  std::vector<std::string> writable;
+  const std::string paths = settingOf(unit, "ReadWritePaths");
+  for (size_t start = 0; start < paths.size();) {
+    size_t end = paths.find(' ', start);
+    end = end == std::string::npos ? paths.size() : end;
+    std::string path = paths.substr(start, end - start);
+    writable.push_back(path[0] == '-' ? path.substr(1) : path);
+    start = end + 1;
+  }
+  for (const char* key : {"VELFILEAGENT_STORE", "VELFILEAGENT_MIRROR"}) {
+    const std::string folder = settingOf(env, key);
+    ASSERT_FALSE(folder.empty()) << key;
+    EXPECT_TRUE(std::any_of(writable.begin(), writable.end(),
+                            [&](const std::string& path) {
+                              return folder == path || folder.rfind(path + "/", 0) == 0;
+                            }))
+        << key << "=" << folder << " is not below ReadWritePaths=" << paths;
+    EXPECT_NE(std::string::npos, postinst.find("mkdir -p " + folder)) << folder;
+  }
 }
 
 }  // namespace

@@ -408,6 +408,14 @@ std::string AgentConnection::rawUntilClosed(int timeoutMs, bool& closed) {
   return out;
 }
 
+bool AgentConnection::waitReadable(int timeoutMs) {
+  struct pollfd pfd = {fd_, POLLIN, 0};
+  int ready;
+  while ((ready = ::poll(&pfd, 1, timeoutMs)) < 0 && errno == EINTR) {
+  }
+  return ready > 0;
+}
+
 bool AgentConnection::closedByPeer(int timeoutMs) {
   bool closed = false;
   rawUntilClosed(timeoutMs, closed);

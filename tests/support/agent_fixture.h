@@ -153,6 +153,9 @@ class AgentConnection {
   // connection (then `closed`) or `timeoutMs` pass.
   std::string rawUntilClosed(int timeoutMs, bool& closed);
   bool closedByPeer(int timeoutMs);
+  // True once bytes (or the end) wait to be read, within `timeoutMs`;
+  // nothing is read.
+  bool waitReadable(int timeoutMs);
   void close();
 
  private:

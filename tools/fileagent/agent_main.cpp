@@ -4,6 +4,7 @@
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -41,9 +42,10 @@ const char kUsage[] =
     "                    | --s3 URL [--s3-credentials FILE] [--s3-part-size N]\n"
     "                    [--s3-retry-wait MS] [--ca-file FILE])\n"
     "                    [--mirror DIR] [--socket PATH] [--journal FILE]\n"
-    "                    [--rules FILE] [--max-request-args N] [--max-request-bytes N]\n"
-    "                    [--max-reply-bytes N] [--no-openat2] [--state DIR]\n"
-    "                    [--last-writer-wins]\n"
+    "                    [--rules FILE] [--threads N] [--max-clients N]\n"
+    "                    [--request-timeout-ms N] [--max-request-args N]\n"
+    "                    [--max-request-bytes N] [--max-reply-bytes N] [--no-openat2]\n"
+    "                    [--state DIR] [--last-writer-wins]\n"
     "\n"
     "Serves the folder given by --store, the WebDAV collection given by\n"
     "--webdav, or the S3 bucket given by --s3, as the remote file service on\n"
@@ -145,6 +147,19 @@ const char kUsage[] =
     "                  as unchanged.\n"
     "                  The file is re-read when it changes (counts start again);\n"
     "                  a missing or empty file means no rules.\n"
+    "  --threads N     threads that serve every connection from one event loop,\n"
+    "                  each doing the store work of the request it answers\n"
+    "                  (default 4, at most 256); the agent runs no other thread\n"
+    "  --max-clients N most connections open at once (default 10000); past it a\n"
+    "                  new connection gets \"-ERR max number of clients reached\n"
+    "                  (--max-clients N)\" and is closed. It is lowered, with a log\n"
+    "                  line, to what the limit on open files leaves (the agent\n"
+    "                  raises its soft limit to the hard one)\n"
+    "  --request-timeout-ms N\n"
+    "                  most milliseconds from the first bytes of a request to its\n"
+    "                  last (default 30000); a request still incomplete then gets\n"
+    "                  \"-ERR request not complete within N ms\" and its connection\n"
+    "                  is closed. A connection that sends nothing is kept.\n"
     "  --max-request-args N\n"
     "                  most arguments one request may have (default 1024)\n"
     "  --max-request-bytes N\n"
@@ -156,7 +171,9 @@ const char kUsage[] =
     "                  or half this cap are sent from the file 256 KiB at a time\n"
     "                  A request or reply above a cap gets an error reply and its\n"
     "                  connection is closed. Each connection may hold 256 handles\n"
-    "                  from tarn.create; they are closed when it ends.\n"
+    "                  from tarn.create; they are closed when it ends. After an\n"
+    "                  error that ends a connection the agent waits up to 1 s for\n"
+    "                  the client to close, so that the client reads the error.\n"
     "  --no-openat2    resolve paths with a walk that opens one name at a time,\n"
     "                  even where the kernel has openat2 (which is used otherwise,\n"
     "                  and the walk only where the kernel or a sandbox refuses it)\n"
@@ -276,14 +293,15 @@ bool makeStateDir(const std::string& path) {
   }
 }
 
-// A cap from the command line: a decimal number from `least` up.
-bool parseCap(const std::string& text, unsigned long long least, size_t& out) {
+// A cap from the command line: a decimal number from `least` to `most`.
+bool parseCap(const std::string& text, unsigned long long least, unsigned long long most,
+              size_t& out) {
   if (text.empty() || text.size() > 15 ||
       text.find_first_not_of("0123456789") != std::string::npos) {
     return false;
   }
   unsigned long long value = std::strtoull(text.c_str(), nullptr, 10);
-  if (value < least) {
+  if (value < least || value > most) {
     return false;
   }
   out = static_cast<size_t>(value);
@@ -338,6 +356,33 @@ bool readS3Credentials(const std::string& path, velagent::S3Credentials& out, st
   return true;
 }
 
+// Descriptors kept for what is not a connection: the listening socket, the
+// event loop, the journal, standard streams, files being copied.
+constexpr rlim_t kSpareFiles = 64;
+
+// Raises the soft limit on open files to the hard one and lowers
+// `maxClients` to what it leaves; "" or the log line that says so.
+std::string fitToOpenFiles(size_t& maxClients) {
+  struct rlimit files;
+  if (::getrlimit(RLIMIT_NOFILE, &files) != 0) {
+    return "";
+  }
+  if (files.rlim_cur < files.rlim_max) {
+    files.rlim_cur = files.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &files);
+    ::getrlimit(RLIMIT_NOFILE, &files);
+  }
+  const rlim_t room =
+      files.rlim_cur > 2 * kSpareFiles ? files.rlim_cur - kSpareFiles : files.rlim_cur / 2;
+  if (files.rlim_cur == RLIM_INFINITY || maxClients <= room) {
+    return "";
+  }
+  const size_t asked = maxClients;
+  maxClients = static_cast<size_t>(room);
+  return "max clients lowered from " + std::to_string(asked) + " to " + std::to_string(maxClients) +
+         ": the limit on open files is " + std::to_string(files.rlim_cur);
+}
+
 // The first line of `path`, without its line end. False with errno.
 bool readPassword(const std::string& path, std::string& out) {
   std::ifstream in(path);
@@ -374,7 +419,9 @@ int main(int argc, char** argv) {
   velagent::SyncOptions syncOptions;
   size_t cacheMs = static_cast<size_t>(velagent::kCacheWindow.count());
   bool cacheSet = false;
-  velagent::RequestLimits limits;
+  velagent::ServerOptions serving;
+  velagent::RequestLimits& limits = serving.limits;
+  size_t requestTimeoutMs = static_cast<size_t>(serving.requestTimeoutMs);
   for (int i = 1; i < argc; ++i) {
     std::string option = argv[i];
     if (option == "--help" || option == "-h") {
@@ -392,6 +439,7 @@ int main(int argc, char** argv) {
     std::string* target = nullptr;
     size_t* cap = nullptr;
     unsigned long long least = 0;
+    unsigned long long most = 1000000000000000ULL;
     if (option == "--store") {
       target = &store;
     } else if (option == "--webdav") {
@@ -425,6 +473,18 @@ int main(int argc, char** argv) {
       target = &journalPath;
     } else if (option == "--rules") {
       target = &rulesPath;
+    } else if (option == "--threads") {
+      cap = &serving.threads;
+      least = 1;
+      most = 256;
+    } else if (option == "--max-clients") {
+      cap = &serving.maxClients;
+      least = 1;
+      most = 1000000;
+    } else if (option == "--request-timeout-ms") {
+      cap = &requestTimeoutMs;
+      least = 10;
+      most = 86400000;  // a day
     } else if (option == "--max-request-args") {
       cap = &limits.maxArgs;
       least = 5;  // the longest command
@@ -448,12 +508,13 @@ int main(int argc, char** argv) {
     const char* value = argv[++i];
     if (target != nullptr) {
       *target = value;
-    } else if (!parseCap(value, least, *cap)) {
-      std::fprintf(stderr, "velfileagent: option %s needs a number of at least %llu, not '%s'\n",
-                   option.c_str(), least, value);
+    } else if (!parseCap(value, least, most, *cap)) {
+      std::fprintf(stderr, "velfileagent: option %s needs a number from %llu to %llu, not '%s'\n",
+                   option.c_str(), least, most, value);
       return 2;
     }
   }
+  serving.requestTimeoutMs = static_cast<long>(requestTimeoutMs);
   const bool webdav = !webdavUrl.empty();
   const bool s3 = !s3Url.empty();
   if ((store.empty() ? 0 : 1) + (webdav ? 1 : 0) + (s3 ? 1 : 0) != 1) {
@@ -649,8 +710,9 @@ int main(int argc, char** argv) {
   velagent::Commands commands(*backing, mirror,
                               std::min<size_t>(1u << 20, limits.maxUnsentReply / 2), *record,
                               syncOptions);
-  velagent::Server server(commands, journal, rules, limits);
-  if (!server.listenOn(socketPath)) {
+  const std::string lowered = fitToOpenFiles(serving.maxClients);
+  velagent::Server server(commands, journal, rules, serving);
+  if (!server.listenOn(socketPath) || !server.start(gStopPipe[0])) {
     return 1;
   }
   velagent::logLine(
@@ -660,10 +722,15 @@ int main(int argc, char** argv) {
       (syncOptions.lastWriterWins ? " (last writer wins)" : "") + ", paths resolved by " +
       (openat2 ? "openat2" : "a walk of one name at a time") + ", caps " +
       std::to_string(limits.maxArgs) + " arguments and " + std::to_string(limits.maxBytes) +
-      " bytes per request, " + std::to_string(limits.maxUnsentReply) + " bytes per reply");
+      " bytes per request, " + std::to_string(limits.maxUnsentReply) + " bytes per reply, " +
+      std::to_string(serving.maxClients) + " clients, " + std::to_string(serving.requestTimeoutMs) +
+      " ms per request, " + std::to_string(serving.threads) + " threads");
+  if (!lowered.empty()) {
+    velagent::logLine(lowered);
+  }
   std::fputs("ready\n", stdout);
   std::fflush(stdout);
-  server.run(gStopPipe[0]);
+  server.serve();
   char signalNumber = 0;
   ssize_t got = ::read(gStopPipe[0], &signalNumber, 1);
   velagent::logLine(got != 1                 ? "stopped"

@@ -12,6 +12,8 @@ constexpr size_t kMaxLine = 32;
 // Space for an argument is reserved up front only this far: a length alone
 // must not make the agent allocate.
 constexpr size_t kMaxReserve = 1u << 20;
+// A buffer up to this size is kept between requests.
+constexpr size_t kKeptBuffer = 4096;
 const char kNotBulkArray[] = "Protocol error: expected an array of bulk strings";
 
 // A decimal count without sign; false for anything else or above `limit`
@@ -146,6 +148,11 @@ RequestReader::Result RequestReader::next(std::vector<std::string>& args, std::s
     }
     buffer_.erase(0, pos_);
     pos_ = 0;
+    if (buffer_.empty() && state_ == State::kArrayHead && buffer_.capacity() > kKeptBuffer) {
+      // Between requests an idle connection keeps no large buffer (within
+      // one, the buffer is reused for every piece).
+      std::string().swap(buffer_);
+    }
     return Result::kIncomplete;
   }
 }

@@ -2,7 +2,8 @@
 // pieces, with caps on a request's number of arguments and on their total
 // size. Argument bytes go straight into the request being built, so one
 // connection holds at most one request (within the caps) and the last
-// piece read. Not thread-safe: one reader per connection.
+// piece read; between requests, a large buffer is given back. Not
+// thread-safe: one reader per connection.
 #ifndef VEL_TOOLS_FILEAGENT_SERVER_REQUEST_H_
 #define VEL_TOOLS_FILEAGENT_SERVER_REQUEST_H_
 
@@ -27,6 +28,9 @@ class RequestReader {
 
   // Adds bytes read from the connection.
   void feed(const char* data, size_t size) { buffer_.append(data, size); }
+  // True while part of a request has come and the rest has not (whole
+  // requests waiting to be taken by next() count too).
+  bool midRequest() const { return state_ != State::kArrayHead || pos_ < buffer_.size(); }
 
   // The next whole request in `args`; kIncomplete when more bytes are
   // needed; kError with `error` ("Protocol error: ...") for input that is
