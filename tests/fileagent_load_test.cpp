@@ -143,9 +143,11 @@ TEST(AgentLoad, RequestsAboveTheCapsAreRefusedWithBoundedMemory) {
   if (kMemoryMeasured) {
     EXPECT_LT(bytesHwm - baseRss, (8 * 64 + (kSanitized ? 192 : 32)) * kMiB);
   }
-  // Freed memory goes back to the system once the requests are gone.
+  // Freed memory goes back to the system once the requests are gone. On a
+  // loaded machine, and under an emulator, the agent may still be closing the
+  // refused connections for a few seconds after the clients had their answers.
   if (!kSanitized && kMemoryMeasured) {
-    for (auto until = Clock::now() + std::chrono::seconds(5);
+    for (auto until = Clock::now() + std::chrono::seconds(30);
          statusKiB(pid, "VmRSS") - baseRss > 32 * kMiB && Clock::now() < until;) {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
