@@ -6,7 +6,7 @@
 # build-fuzz/artifacts/<target>-crash-<sha1> (add it to the corpus once
 # fixed). Prints executions per second and the total of each target.
 #
-#   scripts/fuzz.sh            # 30 s per target, as CI runs it
+#   scripts/fuzz.sh            # 30 s per target (CI runs 10)
 #   scripts/fuzz.sh 3600       # a long run: one hour per target
 #   FUZZ_TARGETS="paths_fuzz codeset_fuzz" scripts/fuzz.sh 600
 set -euo pipefail
