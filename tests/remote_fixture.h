@@ -28,18 +28,27 @@
 #include "vel/instance.h"
 #include "vel/log.h"
 
-enum class StoreKind { kFolder, kWebDav, kS3 };
+// kWebDavNginx: a WebDAV store on nginx, a server that ignores the
+// conditions of PUT and DELETE and keeps no properties; only the
+// two-device suite runs on it (allStores() runs Apache).
+enum class StoreKind { kFolder, kWebDav, kS3, kWebDavNginx };
+
+inline bool isWebDav(StoreKind kind) {
+  return kind == StoreKind::kWebDav || kind == StoreKind::kWebDavNginx;
+}
 
 inline void PrintTo(StoreKind kind, std::ostream* out) {
-  *out << (kind == StoreKind::kFolder   ? "folder store"
-           : kind == StoreKind::kWebDav ? "WebDAV store"
-                                        : "S3 store");
+  *out << (kind == StoreKind::kFolder        ? "folder store"
+           : kind == StoreKind::kWebDav      ? "WebDAV store"
+           : kind == StoreKind::kWebDavNginx ? "WebDAV store on nginx"
+                                             : "S3 store");
 }
 
 inline std::string storeKindName(const ::testing::TestParamInfo<StoreKind>& info) {
-  return info.param == StoreKind::kFolder   ? "Folder"
-         : info.param == StoreKind::kWebDav ? "WebDav"
-                                            : "S3";
+  return info.param == StoreKind::kFolder        ? "Folder"
+         : info.param == StoreKind::kWebDav      ? "WebDav"
+         : info.param == StoreKind::kWebDavNginx ? "WebDavNginx"
+                                                 : "S3";
 }
 
 // Every kind: INSTANTIATE_TEST_SUITE_P(Stores, Suite, allStores(), storeKindName).

@@ -28,7 +28,10 @@ class Fleet {
   Fleet(StoreKind kind, int count, const std::vector<std::string>& args = {}) : kind_(kind) {
     for (int i = 0; i < count; ++i) {
       veltest::AgentOptions options = veltest::quiet(args);
-      options.webdav = kind == StoreKind::kWebDav;
+      options.webdav = isWebDav(kind);
+      if (kind == StoreKind::kWebDavNginx) {
+        options.server.kind = veltest::WebDavServerKind::kNginx;
+      }
       options.s3 = kind == StoreKind::kS3;
       options.sharedWith = devices_.empty() ? nullptr : devices_.front().get();
       devices_.emplace_back(new veltest::AgentFixture(options));
