@@ -9,8 +9,15 @@
 //    syncs ends with no kept copy and every mirror equal to the service.
 // Every write is unique bytes naming its version. A failure names the seed
 // (VEL_SYNC_SEED sets it) and the step; VEL_SYNC_STEPS sets the length.
+// With VEL_SYNC_KILLS=1 about one step in four may also kill the device's
+// agent (SIGKILL) in the middle of a download or an upload of one file,
+// after the copy's rename or after its record, and starts it again after
+// the step (long runs; the suite's own run leaves it out).
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <random>
@@ -30,6 +37,11 @@ const char* const kFiles[] = {"d/f0", "d/f1", "d/f2", "d/s/g0", "d/s/g1", "d/t/h
 unsigned seedFromEnv() {
   const char* text = std::getenv("VEL_SYNC_SEED");
   return text != nullptr ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : 20261125u;
+}
+
+bool killsFromEnv() {
+  const char* text = std::getenv("VEL_SYNC_KILLS");
+  return text != nullptr && std::string(text) == "1";
 }
 
 int stepsFromEnv(int fallback) {
@@ -96,6 +108,13 @@ class SyncRandomTest : public ::testing::TestWithParam<StoreKind> {
     const int x = static_cast<int>(random() % kDevices);
     const std::string file = kFiles[random() % (sizeof kFiles / sizeof kFiles[0])];
     const int what = static_cast<int>(random() % 10);
+    const bool kill = kills_ && random() % 4 == 0;
+    if (kill) {
+      const char* command = random() % 2 == 0 ? "tarn.downloadlocal" : "tarn.uploadlocal";
+      const char* point = random() % 2 == 0 ? "after-rename" : "after-record";
+      f.device(x).setRules(std::string(R"([{"match": [")") + command + R"(", "TestService", ")" +
+                           file + R"("], "crash": ")" + point + R"(", "times": 1}])");
+    }
     if (calm) {
       f.update(x, "d");
     }
@@ -144,6 +163,17 @@ class SyncRandomTest : public ::testing::TestWithParam<StoreKind> {
     if (calm) {
       f.commit(x, "d");
     }
+    if (kill) {
+      // Whether the rule struck: the agent exited (not reaped yet).
+      siginfo_t info = {};
+      if (::waitid(P_PID, static_cast<id_t>(f.device(x).pid()), &info,
+                   WEXITED | WNOHANG | WNOWAIT) == 0 &&
+          info.si_pid != 0) {
+        ++killed_;
+      }
+      f.device(x).setRules("");
+      ASSERT_TRUE(f.device(x).restart());
+    }
   }
 
   // Every device updates twice (the first may bring what the others'
@@ -160,6 +190,8 @@ class SyncRandomTest : public ::testing::TestWithParam<StoreKind> {
   std::set<std::string> written_;
   std::set<std::string> retired_;
   int count_ = 0;
+  const bool kills_ = killsFromEnv();
+  int killed_ = 0;
 };
 
 TEST_P(SyncRandomTest, EveryVersionSurvivesUnlessKnowinglyReplaced) {
@@ -174,6 +206,9 @@ TEST_P(SyncRandomTest, EveryVersionSurvivesUnlessKnowinglyReplaced) {
     }
   }
   settle();
+  if (kills_) {
+    std::printf("seed %u: %d agents killed in a copy\n", seed, killed_);
+  }
   std::set<std::string> present;
   for (const auto& entry : serviceBelow("")) {
     present.insert(entry.second);

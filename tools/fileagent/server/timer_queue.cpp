@@ -18,16 +18,16 @@ TimerQueue::~TimerQueue() {
 }
 
 void TimerQueue::arm(Clock::time_point when) {
-  struct itimerspec spec = {};
+  struct itimerspec due = {};
   if (when != Clock::time_point::max()) {
     // steady_clock counts CLOCK_MONOTONIC, the timerfd's clock. A zero
     // value would disarm: a deadline at the clock's origin is made 1 ns.
     const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(when.time_since_epoch());
     const long long count = ns.count() > 0 ? ns.count() : 1;
-    spec.it_value.tv_sec = static_cast<time_t>(count / 1000000000LL);
-    spec.it_value.tv_nsec = static_cast<long>(count % 1000000000LL);
+    due.it_value.tv_sec = static_cast<time_t>(count / 1000000000LL);
+    due.it_value.tv_nsec = static_cast<long>(count % 1000000000LL);
   }
-  ::timerfd_settime(fd_, TFD_TIMER_ABSTIME, &spec, nullptr);
+  ::timerfd_settime(fd_, TFD_TIMER_ABSTIME, &due, nullptr);
   armed_ = when;
 }
 
