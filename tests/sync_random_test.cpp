@@ -9,10 +9,14 @@
 //    syncs ends with no kept copy and every mirror equal to the service.
 // Every write is unique bytes naming its version. A failure names the seed
 // (VEL_SYNC_SEED sets it) and the step; VEL_SYNC_STEPS sets the length.
-// With VEL_SYNC_KILLS=1 about one step in four may also kill the device's
-// agent (SIGKILL) in the middle of a download or an upload of one file,
-// after the copy's rename or after its record, and starts it again after
-// the step (long runs; the suite's own run leaves it out).
+// With VEL_SYNC_KILLS=1 about one step in four of the first schedule may
+// also kill the device's agent (SIGKILL) in the middle of a download or an
+// upload of one file, after the copy's rename or after its record, and
+// starts it again after the step (long runs; the suite's own run leaves it
+// out). The no-conflict schedule runs without kills: an upload killed after
+// its rename leaves the service with the edit and the record without it, so
+// once another device changed the file again the edit is kept aside, a
+// copy no knowledge lost could have avoided.
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
@@ -190,11 +194,12 @@ class SyncRandomTest : public ::testing::TestWithParam<StoreKind> {
   std::set<std::string> written_;
   std::set<std::string> retired_;
   int count_ = 0;
-  const bool kills_ = killsFromEnv();
+  bool kills_ = false;
   int killed_ = 0;
 };
 
 TEST_P(SyncRandomTest, EveryVersionSurvivesUnlessKnowinglyReplaced) {
+  kills_ = killsFromEnv();
   const unsigned seed = seedFromEnv();
   const int steps = stepsFromEnv(defaultSteps(GetParam()));
   std::mt19937 random(seed);
