@@ -14,6 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "support/sockets.h"
+
 namespace veltest {
 
 namespace {
@@ -21,30 +23,6 @@ namespace {
 // Come back at once: a test waits for nothing.
 const char kBusyAnswer[] =
     "HTTP/1.1 503 Service Unavailable\r\nRetry-After: 0\r\nContent-Length: 0\r\n\r\n";
-
-struct sockaddr_in loopback(int port) {
-  struct sockaddr_in addr;
-  std::memset(&addr, 0, sizeof addr);
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  return addr;
-}
-
-bool writeAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    ssize_t n = ::send(fd, data, size, MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n <= 0) {
-      return false;
-    }
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
 
 // The Content-Length of a request head, 0 without one.
 long long contentLength(const std::string& head) {
@@ -163,7 +141,7 @@ void CountingFaultProxy::serve(Pipe* pipe) {
     }
     if (fds[1].revents != 0) {
       ssize_t n = ::recv(pipe->upstream, chunk, sizeof chunk, 0);
-      if (n <= 0 || !writeAll(pipe->client, chunk, static_cast<size_t>(n))) {
+      if (n <= 0 || !sendAll(pipe->client, chunk, static_cast<size_t>(n))) {
         break;
       }
     }
@@ -178,14 +156,14 @@ void CountingFaultProxy::serve(Pipe* pipe) {
     while (open && !pending.empty()) {
       if (bodyLeft > 0) {
         size_t take = static_cast<size_t>(std::min<long long>(bodyLeft, pending.size()));
-        if (!swallowing && !writeAll(pipe->upstream, pending.data(), take)) {
+        if (!swallowing && !sendAll(pipe->upstream, pending.data(), take)) {
           open = false;
         }
         pending.erase(0, take);
         bodyLeft -= static_cast<long long>(take);
         if (bodyLeft == 0 && swallowing) {
           swallowing = false;
-          open = writeAll(pipe->client, kBusyAnswer, sizeof kBusyAnswer - 1);
+          open = sendAll(pipe->client, kBusyAnswer, sizeof kBusyAnswer - 1);
         }
         continue;
       }
@@ -208,11 +186,11 @@ void CountingFaultProxy::serve(Pipe* pipe) {
         swallowing = true;
         if (bodyLeft == 0) {
           swallowing = false;
-          open = writeAll(pipe->client, kBusyAnswer, sizeof kBusyAnswer - 1);
+          open = sendAll(pipe->client, kBusyAnswer, sizeof kBusyAnswer - 1);
         }
         continue;
       }
-      open = writeAll(pipe->upstream, head.data(), head.size());
+      open = sendAll(pipe->upstream, head.data(), head.size());
     }
   }
   ::close(pipe->client);

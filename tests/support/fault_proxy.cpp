@@ -14,26 +14,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "support/sockets.h"
+
 namespace veltest {
 
 namespace {
-
-bool sendAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    ssize_t n = ::send(fd, data, size, MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n <= 0) {
-      return false;
-    }
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-bool sendAll(int fd, const std::string& text) { return sendAll(fd, text.data(), text.size()); }
 
 // Moves `count` bytes of the request body from the client (`buffer` first)
 // to `to` (-1: dropped).

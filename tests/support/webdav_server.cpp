@@ -23,6 +23,7 @@
 
 #include "stores/webdav_protocol.h"
 #include "support/process.h"
+#include "support/sockets.h"
 
 namespace veltest {
 
@@ -48,15 +49,6 @@ bool runQuiet(const std::vector<std::string>& argv) {
   quiet.out = quiet.err = kToNull;
   quiet.searchPath = true;
   return waitExit(spawn(argv, quiet)) == 0;
-}
-
-struct sockaddr_in loopback(int port) {
-  struct sockaddr_in addr;
-  std::memset(&addr, 0, sizeof addr);
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  return addr;
 }
 
 int freePort() {
