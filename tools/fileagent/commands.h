@@ -104,10 +104,14 @@ class Commands {
   // The record of `clean`, taking up a copy put in place at `place` just
   // before the agent last stopped (SyncRecord::expect); false for none.
   bool recall(const std::string& clean, const Place& place, RecordEntry& record);
+  // The mirror folders one pass over a listing works in (sync_commands.cpp).
+  class MirrorFolders;
   // Removes the mirror copy of a recorded path that went from the service,
   // or moves it to `to` (true), where the service holds the same content
-  // as `there`, or forgets it (sync::decideGone).
-  bool settleGone(const RecordEntry& record, const std::string& to, const StoreStat* there);
+  // as `there`, or forgets it (sync::decideGone). With `folders`, the
+  // mirror folders are opened through it.
+  bool settleGone(const RecordEntry& record, const std::string& to, const StoreStat* there,
+                  MirrorFolders* folders = nullptr);
   // Makes the missing folders of `rel` in the mirror; false when one
   // cannot be made or is no folder.
   bool makeMirrorDirs(const std::string& rel);

@@ -796,10 +796,48 @@ Reply Commands::removeTree(const std::string& path, const std::string& clean) {
 // ---------------------------------------------------------------------------
 // What a listing tells the mirror
 
-bool Commands::settleGone(const RecordEntry& record, const std::string& to,
-                          const StoreStat* there) {
+// The mirror folders that one pass over a listing works in, each opened
+// once beneath the mirror (a folder of a thousand moved files is resolved
+// once, not twice per file). A folder that could not be opened is asked
+// for again, since the pass may make it. The descriptors follow their
+// folders if the mirror is rearranged meanwhile, as a descriptor opened
+// for one file would. One pass, one thread.
+class Commands::MirrorFolders {
+ public:
+  explicit MirrorFolders(const Root& mirror) : mirror_(mirror) {}
+
+  // The folder `rel` of the mirror, open; -1 with errno set (as Root::openDir).
+  int at(const std::string& rel) {
+    auto it = open_.find(rel);
+    if (it == open_.end()) {
+      UniqueFd fd;
+      int err = mirror_.openDir(rel, fd);
+      if (err != 0) {
+        errno = err;
+        return -1;
+      }
+      it = open_.emplace(rel, std::move(fd)).first;
+    }
+    return it->second.get();
+  }
+
+ private:
+  const Root& mirror_;
+  std::map<std::string, UniqueFd> open_;
+};
+
+bool Commands::settleGone(const RecordEntry& record, const std::string& to, const StoreStat* there,
+                          MirrorFolders* folders) {
+  MirrorFolders own(mirror_);
+  if (folders == nullptr) {
+    folders = &own;
+  }
+  // A recorded path is clean: its folder, then its last name.
   Place place;
-  int err = mirror_.locate(record.path, false, place.dir, place.name);
+  const std::string parent = parentOf(record.path);
+  place.name = record.path.substr(parent.empty() ? 0 : parent.size() + 1);
+  const int dirFd = folders->at(parent);
+  const int err = dirFd < 0 ? errno : 0;
   Facts facts;
   facts.recorded = true;
   facts.service = Side::kAbsent;
@@ -807,8 +845,8 @@ bool Commands::settleGone(const RecordEntry& record, const std::string& to,
     record_.drop(record.path, false);  // a link out of the mirror: never touched
     return false;
   }
-  place.exists = err == 0 && ::fstatat(place.dir.get(), place.name.c_str(), &place.st,
-                                       AT_SYMLINK_NOFOLLOW) == 0;
+  place.exists =
+      err == 0 && ::fstatat(dirFd, place.name.c_str(), &place.st, AT_SYMLINK_NOFOLLOW) == 0;
   if (!place.exists) {
     facts.mirror = Side::kAbsent;
   } else if (!S_ISREG(place.st.st_mode)) {
@@ -821,18 +859,21 @@ bool Commands::settleGone(const RecordEntry& record, const std::string& to,
       case Action::kCheckMirror: {
         ContentHash hash;
         struct stat now;
-        facts.mirror = hashMirror(place.dir.get(), place.name, hash, &now) == 0 &&
-                               sameFile(now, place.st) && hash == record.hash
+        facts.mirror = hashMirror(dirFd, place.name, hash, &now) == 0 && sameFile(now, place.st) &&
+                               hash == record.hash
                            ? Side::kUnchanged
                            : Side::kChanged;
         break;
       }
       case Action::kMoveMirror: {
-        Place target;
-        if (makeMirrorDirs(parentOf(to)) &&
-            mirror_.locate(to, false, target.dir, target.name) == 0 &&
-            ::renameat2(place.dir.get(), place.name.c_str(), target.dir.get(), target.name.c_str(),
-                        RENAME_NOREPLACE) == 0) {
+        const std::string toParent = parentOf(to);
+        int toDir = folders->at(toParent);
+        if (toDir < 0 && errno == ENOENT && makeMirrorDirs(toParent)) {
+          toDir = folders->at(toParent);
+        }
+        const std::string toName = to.substr(toParent.empty() ? 0 : toParent.size() + 1);
+        if (toDir >= 0 &&
+            ::renameat2(dirFd, place.name.c_str(), toDir, toName.c_str(), RENAME_NOREPLACE) == 0) {
           record_.move(record.path, to);
           if (there != nullptr) {
             // The same content, perhaps at another version (a copy that
@@ -847,13 +888,14 @@ bool Commands::settleGone(const RecordEntry& record, const std::string& to,
                   "' in the mirror: it was renamed on the service");
           return true;
         }
-        return settleGone(record, "", nullptr);  // the new name is taken: fetched there instead
+        // The new name is taken: fetched there instead.
+        return settleGone(record, "", nullptr, folders);
       }
       case Action::kRemoveMirror: {
         struct stat now;
-        if (::fstatat(place.dir.get(), place.name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+        if (::fstatat(dirFd, place.name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
             sameFile(now, place.st)) {
-          ::unlinkat(place.dir.get(), place.name.c_str(), 0);
+          ::unlinkat(dirFd, place.name.c_str(), 0);
         }
         record_.drop(record.path, false);
         syncLog("removed '" + record.path + "' from the mirror: it was removed on the service");
@@ -1032,6 +1074,7 @@ void Commands::reconcile(const std::string& folder, const std::vector<StoreEntry
   }
   PathLocks::Guard guard = locks_.lock(lockPaths);
   SyncRecord::Batch batch(record_);
+  MirrorFolders folders(mirror_);
   // Whether a gone name is still gone, asked once per name of the listing.
   std::map<std::string, bool> stillGone;
   for (const RecordEntry& listedRecord : gone) {
@@ -1057,15 +1100,18 @@ void Commands::reconcile(const std::string& folder, const std::vector<StoreEntry
     std::string to;
     const StoreStat* there = nullptr;
     if (move != moves.end()) {
-      Place target;
       const std::string& newPath = move->second->first;
-      if (mirror_.locate(newPath, false, target.dir, target.name) != 0 ||
-          ::fstatat(target.dir.get(), target.name.c_str(), &target.st, AT_SYMLINK_NOFOLLOW) != 0) {
+      const std::string newParent = parentOf(newPath);
+      const int newDir = folders.at(newParent);
+      struct stat standing;
+      if (newDir < 0 ||
+          ::fstatat(newDir, newPath.c_str() + (newParent.empty() ? 0 : newParent.size() + 1),
+                    &standing, AT_SYMLINK_NOFOLLOW) != 0) {
         to = newPath;  // free in the mirror
         there = &move->second->second;
       }
     }
-    settleGone(record, to, there);
+    settleGone(record, to, there, &folders);
   }
   for (const std::string& path : goneFolders) {
     StoreStat st;
