@@ -5,6 +5,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <string>
@@ -427,6 +429,35 @@ TEST_P(SyncDevicesTest, ACopyCarriesTheServicesTime) {
   struct stat st;
   ASSERT_EQ(0, ::stat(f.mirrorPath(kA, "d/old.txt").c_str(), &st));
   EXPECT_EQ(1700000000, st.st_mtim.tv_sec);
+}
+
+// A copy of a version changed just now is stamped two seconds back: an
+// edit made right after it, in place and of the same size, stamps it anew
+// and is told from the copy by its time alone, so a removal made elsewhere
+// never takes it.
+TEST_P(SyncDevicesTest, AFreshCopyIsStampedInThePastAndAnEditRightAfterItCounts) {
+  Fleet& f = *fleet_;
+  f.serviceWrite("d/new.txt", "fresh copy\n");
+  ASSERT_EQ(0, f.update(kA, "d"));
+  ASSERT_EQ(0, f.update(kB, "d"));
+  const time_t after = ::time(nullptr);
+  struct stat st;
+  ASSERT_EQ(0, ::stat(f.mirrorPath(kB, "d/new.txt").c_str(), &st));
+  EXPECT_LE(st.st_mtim.tv_sec, after - 2);
+  const int fd = ::open(f.mirrorPath(kB, "d/new.txt").c_str(), O_WRONLY | O_CLOEXEC);
+  ASSERT_LE(0, fd);
+  const ssize_t wrote = ::pwrite(fd, "FRESH COPY\n", 11, 0);
+  ::close(fd);
+  ASSERT_EQ(11, wrote);
+  struct stat edited;
+  ASSERT_EQ(0, ::stat(f.mirrorPath(kB, "d/new.txt").c_str(), &edited));
+  ASSERT_EQ(st.st_ino, edited.st_ino);
+  ASSERT_EQ(st.st_size, edited.st_size);
+  ASSERT_EQ(0, f.as(kA, [] { return VEL::unlink("d/new.txt"); }));
+  ASSERT_EQ(0, f.update(kB, "d"));
+  EXPECT_EQ("FRESH COPY\n", f.mirror(kB, "d/new.txt"));
+  ASSERT_EQ(0, f.commit(kB, "d"));
+  EXPECT_EQ("FRESH COPY\n", f.service("d/new.txt"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Stores, SyncDevicesTest, allStores(), storeKindName);

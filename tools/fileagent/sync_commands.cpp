@@ -310,16 +310,16 @@ Reply Commands::downloadFile(const std::string& path, const std::string& clean, 
     coming.mirrorSize = target.size();
     coming.hash = target.hash();
     record_.expect(coming);
-    // The copy carries the service's modification time when that lies
-    // safely in the past: an edit made afterwards stamps it anew, so its
-    // time alone tells it from this copy (a copy stamped now could share
-    // its clock tick with an edit, and only its hash could).
-    const bool stampedInThePast =
-        copied.mtime > 0 && copied.mtime + kPastSeconds <= ::time(nullptr);
-    if (stampedInThePast) {
-      struct timespec times[2] = {{0, UTIME_OMIT}, {copied.mtime, 0}};
-      ::futimens(target.fd(), times);
-    }
+    // The copy is stamped safely in the past: with the service's
+    // modification time when that lies far enough back, otherwise with
+    // the latest time that does. An edit made afterwards stamps it anew,
+    // so its time alone tells it from this copy (a copy stamped now could
+    // share its clock tick with an edit, and only its hash could: every
+    // later removal or rename of it would read it all again).
+    const time_t pastLimit = ::time(nullptr) - kPastSeconds;
+    const time_t stamp = copied.mtime > 0 && copied.mtime <= pastLimit ? copied.mtime : pastLimit;
+    struct timespec times[2] = {{0, UTIME_OMIT}, {stamp, 0}};
+    const bool stampedInThePast = ::futimens(target.fd(), times) == 0;
     int err = target.commit(copied.mode);
     if (err != 0) {
       return Reply::error(errnoText("download failed", err));
