@@ -161,7 +161,7 @@ Reply Commands::metadata(const std::string& path) {
   // A link is described as the link itself: never a folder a client would
   // walk into.
   StoreStat st;
-  Status status = store_.stat(clean, false, st);
+  Status status = store_.statBrief(clean, false, st);
   if (!status.isOk()) {
     return lookupFailure(status, path, Reply::bulk(kNotFoundText));
   }
@@ -177,8 +177,12 @@ Reply Commands::metadata(const std::string& path) {
   if (st.isLink) {
     meta["Link"] = true;
   }
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
+  // Made once: writers made from it share nothing.
+  static const Json::StreamWriterBuilder builder = [] {
+    Json::StreamWriterBuilder made;
+    made["indentation"] = "";
+    return made;
+  }();
   return Reply::bulk(Json::writeString(builder, meta));
 }
 

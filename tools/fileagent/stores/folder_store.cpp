@@ -305,6 +305,15 @@ class FolderHandle : public StoreHandle {
 }  // namespace
 
 Status FolderStore::stat(const std::string& path, bool followLast, StoreStat& out) {
+  return statAt(path, followLast, true, out);
+}
+
+Status FolderStore::statBrief(const std::string& path, bool followLast, StoreStat& out) {
+  return statAt(path, followLast, false, out);
+}
+
+Status FolderStore::statAt(const std::string& path, bool followLast, bool withNote,
+                           StoreStat& out) {
   UniqueFd dir;
   std::string name = ".";
   int err = path.empty() ? root_.openDir("", dir) : root_.locate(path, followLast, dir, name);
@@ -316,7 +325,7 @@ Status FolderStore::stat(const std::string& path, bool followLast, StoreStat& ou
     return Status::fromResolve(errno);
   }
   fill(st, out);
-  if (S_ISREG(st.st_mode)) {
+  if (withNote && S_ISREG(st.st_mode)) {
     readHashNoteAt(dir.get(), name, out);
   }
   return Status::ok();

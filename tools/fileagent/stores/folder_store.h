@@ -26,6 +26,8 @@ class FolderStore : public Store {
   explicit FolderStore(const std::string& folder) : root_(folder) {}
 
   Status stat(const std::string& path, bool followLast, StoreStat& out) override;
+  // Without reading the content note: three system calls fewer.
+  Status statBrief(const std::string& path, bool followLast, StoreStat& out) override;
   Status list(const std::string& path, std::vector<StoreEntry>& out) override;
   void describe(const std::string& path, std::vector<StoreEntry>& entries) override;
   std::string identity() const override;
@@ -42,6 +44,8 @@ class FolderStore : public Store {
               std::unique_ptr<StoreHandle>& out) override;
 
  private:
+  Status statAt(const std::string& path, bool followLast, bool withNote, StoreStat& out);
+
   Root root_;
 };
 

@@ -159,6 +159,11 @@ class Store {
   // (while it stays in the store); without, a link is reported as a link.
   // kNotFound, kRefused.
   virtual Status stat(const std::string& path, bool followLast, StoreStat& out) = 0;
+  // As stat(), for an answer to a client: what only the sync side reads
+  // (StoreStat::hash) may be left unknown. The default asks stat().
+  virtual Status statBrief(const std::string& path, bool followLast, StoreStat& out) {
+    return stat(path, followLast, out);
+  }
   // The names in the folder `path` (a last link followed), without the
   // temporary names of copies under way. kNotFound, kNotDirectory,
   // kRefused, kFailed.
