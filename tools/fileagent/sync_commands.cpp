@@ -875,7 +875,9 @@ bool Commands::settleGone(const RecordEntry& record, const std::string& to, cons
         if (toDir >= 0 &&
             ::renameat2(dirFd, place.name.c_str(), toDir, toName.c_str(), RENAME_NOREPLACE) == 0) {
           record_.move(record.path, to);
-          if (there != nullptr) {
+          if (there != nullptr &&
+              (there->version != record.version || there->settled != record.settled ||
+               there->identity != record.identity)) {
             // The same content, perhaps at another version (a copy that
             // kept the content's note): the record takes the new one.
             RecordEntry moved;
@@ -1044,6 +1046,29 @@ void Commands::reconcile(const std::string& folder, const std::vector<StoreEntry
       byHash.emplace(st.hash.hex(), i);
     }
   }
+  // The name at the top of the listing that `path` lies in or below.
+  const auto topOf = [&prefix](const std::string& path) {
+    return path.substr(0, path.find('/', prefix.size()));
+  };
+  // Whether a new name has a record already: one read for each new name of
+  // the listing, and all below it.
+  std::map<std::string, std::set<std::string>> recordedUnder;
+  const auto recordedNew = [&](const std::string& path) {
+    const std::string top = topOf(path);
+    auto it = recordedUnder.find(top);
+    if (it == recordedUnder.end()) {
+      std::set<std::string> paths;
+      RecordEntry own;
+      if (record_.get(top, own)) {
+        paths.insert(top);
+      }
+      for (const RecordEntry& entry : record_.below(top, false)) {
+        paths.insert(entry.path);
+      }
+      it = recordedUnder.emplace(top, std::move(paths)).first;
+    }
+    return it->second.count(path) != 0;
+  };
   std::vector<std::string> lockPaths;
   std::map<std::string, const std::pair<std::string, StoreStat>*> moves;  // gone path -> new
   std::set<size_t> taken;
@@ -1059,9 +1084,8 @@ void Commands::reconcile(const std::string& folder, const std::vector<StoreEntry
       candidates.push_back(range.first->second);
     }
     for (size_t i : candidates) {
-      RecordEntry there;
       if (carries(newFiles[i].second, record) && taken.count(i) == 0 &&
-          !record_.get(newFiles[i].first, there)) {
+          !recordedNew(newFiles[i].first)) {
         taken.insert(i);
         moves[record.path] = &newFiles[i];
         lockPaths.push_back(newFiles[i].first);
@@ -1077,14 +1101,28 @@ void Commands::reconcile(const std::string& folder, const std::vector<StoreEntry
   MirrorFolders folders(mirror_);
   // Whether a gone name is still gone, asked once per name of the listing.
   std::map<std::string, bool> stillGone;
+  // The records below each gone folder, read again under the lock (a
+  // command may have changed them since): one read per folder.
+  std::map<std::string, std::map<std::string, RecordEntry>> nowBelow;
+  for (const std::string& path : goneFolders) {
+    std::map<std::string, RecordEntry>& now = nowBelow[path];
+    for (RecordEntry& entry : record_.below(path, false)) {
+      now.emplace(entry.path, std::move(entry));
+    }
+  }
   for (const RecordEntry& listedRecord : gone) {
-    // Read again under the lock: a command may have changed it since.
+    const std::string top = topOf(listedRecord.path);
     RecordEntry record;
-    if (!record_.get(listedRecord.path, record)) {
+    auto below = nowBelow.find(top);
+    if (below != nowBelow.end() && top != listedRecord.path) {
+      auto it = below->second.find(listedRecord.path);
+      if (it == below->second.end()) {
+        continue;
+      }
+      record = it->second;
+    } else if (!record_.get(listedRecord.path, record)) {
       continue;
     }
-    const size_t slash = record.path.find('/', prefix.size());
-    const std::string top = record.path.substr(0, slash);
     auto known = stillGone.find(top);
     if (known == stillGone.end()) {
       StoreStat st;
